@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Installs the dependencies, builds, and runs every test:
+#   1. warnings-as-errors build: unit tests and system tests (virtual router, SAS simulator)
+#   2. AddressSanitizer + UndefinedBehaviorSanitizer build: the whole unit suite
+#   3. clang libFuzzer build: every fuzz target for CBSD_FUZZ_SECONDS (default 60) each
+# Must run as root: tests use private mount and network namespaces.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$(pwd)
+JOBS=${JOBS:-$(nproc)}
+FUZZ_SECONDS=${CBSD_FUZZ_SECONDS:-60}
+
+if [ "${CBSD_SKIP_DEPS:-0}" != 1 ]; then
+    bash scripts/install-deps.sh || { echo "dependency installation failed"; exit 1; }
+fi
+
+passed=0
+failed=0
+status=0
+summary=()
+
+run_ctest() {  # name build-dir ctest-args...
+    local name=$1 dir=$2
+    shift 2
+    local log="$dir/ctest-$name.log"
+    (cd "$dir" && ctest --output-on-failure -j"$JOBS" "$@") 2>&1 | tee "$log"
+    local rc=${PIPESTATUS[0]}
+    local line
+    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
+    if [ -n "$line" ]; then
+        local total fail
+        total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$line")
+        fail=$(sed -E 's/.*passed, ([0-9]+) tests? failed.*/\1/' <<<"$line")
+        passed=$((passed + total - fail))
+        failed=$((failed + fail))
+    elif [ "$rc" -ne 0 ]; then
+        failed=$((failed + 1))
+    fi
+    summary+=("$name: ${line:-ctest exit $rc}")
+    [ "$rc" -eq 0 ] || status=1
+}
+
+build() {  # dir cmake-args...
+    local dir=$1
+    shift
+    cmake -S "$ROOT" -B "$dir" "$@" >/dev/null && cmake --build "$dir" -j"$JOBS" 2>&1 | grep -v '^\[' 
+    return "${PIPESTATUS[0]}"
+}
+
+echo "== build (warnings are errors)"
+if build build -DCBSD_WERROR=ON; then
+    run_ctest main build
+else
+    echo "build failed"; status=1; failed=$((failed + 1))
+fi
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build, unit tests"
+if build build-asan -DCBSD_WERROR=ON -DCBSD_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug; then
+    ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+        run_ctest asan build-asan -L unit
+else
+    echo "sanitizer build failed"; status=1; failed=$((failed + 1))
+fi
+
+echo "== libFuzzer build (clang), ${FUZZ_SECONDS} s per target"
+if CC=clang CXX=clang++ build build-fuzz -DCBSD_FUZZ=ON -DCBSD_FUZZ_SECONDS="$FUZZ_SECONDS"; then
+    JOBS=2 run_ctest fuzz build-fuzz -L fuzz
+else
+    echo "fuzz build failed"; status=1; failed=$((failed + 1))
+fi
+
+echo
+printf '%s\n' "${summary[@]}"
+echo "all: $passed passed, $failed failed"
+exit "$status"

@@ -1,0 +1,20 @@
+// Typed accessors of /etc/config/sas, each one config_get or config_set with a
+// cleared local buffer.
+#pragma once
+
+#include <cstddef>
+
+namespace cbsd::config {
+
+bool is_sas_enabled();               // config.enableMode == 1  ("[SAS] enableMode no value")
+bool is_dp_enabled();                // config.usedp == 1       ("[SAS] usedp no value")
+bool is_single_step_registration();  // config.sasStepChoice == 1
+bool is_radio_enabled();             // sasConfig.RadioEnable == 1 ("[SAS] RadioEnable no value")
+unsigned set_radio_enable(const char* value);
+int get_antenna_gain();              // -1 when the file cannot be read
+int get_power_spectral_density();    // 0 when empty
+void get_status(char* buffer, size_t size);
+unsigned set_status(const char* value);
+void get_server_address(char* buffer, size_t size);
+
+}  // namespace cbsd::config

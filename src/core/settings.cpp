@@ -1,0 +1,10 @@
+#include "core/settings.h"
+
+namespace cbsd::core {
+
+ProcessSettings& settings() {
+    static ProcessSettings instance;
+    return instance;
+}
+
+}  // namespace cbsd::core

@@ -1,0 +1,16 @@
+// Device-level switches over the gates, the CBSD state reset and the transmit
+// power computation.
+#pragma once
+
+#include <cstdint>
+
+namespace cbsd::gating {
+
+void authorize_device(uint8_t announce);
+void unauthorize_device(uint8_t announce);
+void recover_network();
+void clear_cbsd_state();
+int32_t compute_transmit_power();
+void apply_transmit_power(bool enable, int32_t power);
+
+}  // namespace cbsd::gating

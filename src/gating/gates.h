@@ -1,0 +1,19 @@
+// The three traffic gates (IP forwarding, the outbound ICMP echo rule, the
+// bridge-forward drop rules) and their runtime cache /tmp/sas_cache.  Every
+// open/close inspects the live system first and acts only where it differs.
+#pragma once
+
+namespace cbsd::gating {
+
+void reset_runtime_cache();
+bool is_ip_forward_enabled();
+void set_ip_forward(bool enable);
+void reset_ip_forward();
+bool is_firewall_icmp_open();
+void set_firewall_icmp(bool enable);
+void clear_firewall_icmp_rules();
+bool is_bridge_forward_open();
+void set_bridge_forward(bool enable);
+void clear_bridge_forward_rules();
+
+}  // namespace cbsd::gating

@@ -1,0 +1,23 @@
+// Queries to the LTE modem manager (`ubus call ubus_lte ...`) and the serving
+// cell's frequency range.
+#pragma once
+
+#include <cstddef>
+
+namespace cbsd::modem {
+
+// Copy the quoted value of the matching line into buffer, at most length
+// characters (callers clear the buffer and pass its size less one).  On
+// failure the buffer is left unchanged.
+void get_product_model(char* buffer, size_t length);
+void get_serial_number(char* buffer, size_t length);
+bool is_lte_connected();
+int get_dl_frequency();  // tenths of a MHz; 0 on failure
+int get_bandwidth();     // MHz; -1 on failure
+int get_band();          // -1 on failure
+
+int wait_for_lte(int timeout_s);               // 0, or -1 on time-out (timeout_s <= 0: no limit)
+int wait_and_store_cell_range(int timeout_s);  // 0, or -1 on time-out
+void store_cell_range();
+
+}  // namespace cbsd::modem

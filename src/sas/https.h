@@ -1,0 +1,20 @@
+// One HTTPS POST per SAS message, with mutual TLS.  The reply chunk that
+// contains "Response" is written to /tmp/sasmsg.json, which the reply parsers read.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace cbsd::sas {
+
+inline constexpr const char* kReplyDumpPath = "/tmp/sasmsg.json";
+inline constexpr size_t kResponseBufferSize = 20480;
+
+// 0 when a reply arrived (whatever its HTTP status), a positive CURLcode when
+// the transfer failed, -1 when nothing was sent.
+int32_t https_post(const char* url, const char* body);
+int32_t post_json(const char* url, const char* body, const char* caPath, const char* certPath,
+                  const char* keyPath, const char* crlPath);
+size_t save_response(char* data, size_t size, size_t count, void* user);
+
+}  // namespace cbsd::sas
