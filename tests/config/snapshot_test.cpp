@@ -19,20 +19,24 @@ using test::write_file;
 
 const char* const kLogPath = "/root/sas/sas.log";
 
-// `ubus call ubus_lte <method>` prints /tmp/modem/<method>.
+// The virtual router's `ubus` stand-in serves the modem state in
+// /etc/lab/modem.json.
 void install_modem_standin() {
-    mkdir("/tmp/bin", 0755);
-    mkdir("/tmp/modem", 0755);
-    write_file("/tmp/bin/ubus", "#!/bin/sh\ncat \"/tmp/modem/$3\" 2>/dev/null\n");
-    chmod("/tmp/bin/ubus", 0755);
-    static std::string path = "/tmp/bin:" + std::string(std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin");
+    mkdir("/etc/lab", 0755);
+    static std::string path = std::string(CBSD_SOURCE_DIR "/tests/lab/bin:") +
+                              (std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin");
     setenv("PATH", path.c_str(), 1);
 }
 
 void set_modem(const std::string& netstat, const std::string& dlfreq, const std::string& bandwidth) {
-    write_file("/tmp/modem/getltestatus", "{\n\t\"netstat\": \"" + netstat + "\",\n}\n");
-    write_file("/tmp/modem/getlteinfo", "{\n\t\"dlfreq\": " + dlfreq + ",\n\t\"bandwidth\": " +
-                                            bandwidth + ",\n\t\"band\": 48,\n}\n");
+    write_file("/etc/lab/modem.json", "{\"netstat\": " + netstat + ", \"dlfreq\": " + dlfreq +
+                                          ", \"bandwidth\": " + bandwidth + ", \"band\": 48}");
+}
+
+// Serves exactly `text` as the reply of every modem method.
+void set_modem_garbage(const std::string& text) {
+    write_file("/etc/lab/modem.json", "{\"raw\": {\"getltestatus\": \"" + text +
+                                          "\", \"getlteinfo\": \"" + text + "\"}}");
 }
 
 const char* const kFullConfig =
@@ -169,7 +173,6 @@ TEST_F(SnapshotTest, EachTextKeepsTwoCharactersLessThanItsWidth) {
 
 TEST_F(SnapshotTest, TwoLoadsOfUnchangedInputsAreIdenticalByteForByte) {
     write_file("/etc/config/sas", kFullConfig);
-    // Different garbage beforehand must not matter once both are cleared.
     SupervisionSnapshot a = load();
     SupervisionSnapshot b = load();
     EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0);
@@ -177,8 +180,7 @@ TEST_F(SnapshotTest, TwoLoadsOfUnchangedInputsAreIdenticalByteForByte) {
 }
 
 TEST_F(SnapshotTest, FailedModemQueriesGiveZeroFrequencyAndMinusOneBandwidth) {
-    write_file("/tmp/modem/getltestatus", "garbage\n");
-    write_file("/tmp/modem/getlteinfo", "no numbers here\n");
+    set_modem_garbage("garbage\\nno numbers here\\n");
     SupervisionSnapshot s = load();
     EXPECT_EQ(s.lteConnected, 0);
     EXPECT_STREQ(s.frequency, "0");

@@ -29,32 +29,25 @@ using test::write_file;
 
 const char* const kLogPath = "/root/sas/sas.log";
 
-void prepend_test_bin_to_path() {
-    static std::string path =
-        "/tmp/bin:" + std::string(std::getenv("PATH") ? std::getenv("PATH") : "/usr/sbin:/usr/bin:/sbin:/bin");
+// The virtual router's stand-ins come first on PATH: `ubus` serves the modem
+// state in /etc/lab/modem.json, `ebtables` lists rules the way the router's
+// ebtables does (with a trailing blank).
+void install_standins() {
+    mkdir("/etc/lab", 0755);
+    static std::string path = std::string(CBSD_SOURCE_DIR "/tests/lab/bin:") +
+                              (std::getenv("PATH") ? std::getenv("PATH") : "/usr/sbin:/usr/bin:/sbin:/bin");
     setenv("PATH", path.c_str(), 1);
 }
 
-// `ubus call ubus_lte <method>` prints /tmp/modem/<method>.  The router's
-// ebtables lists each rule with one trailing blank; the wrapper adds it to the
-// host's ebtables-nft listing.
-void install_standins() {
-    mkdir("/tmp/bin", 0755);
-    mkdir("/tmp/modem", 0755);
-    write_file("/tmp/bin/ubus", "#!/bin/sh\ncat \"/tmp/modem/$3\" 2>/dev/null\n");
-    write_file("/tmp/bin/ebtables",
-               "#!/bin/sh\n"
-               "if [ \"$1\" = \"-L\" ]; then /usr/sbin/ebtables \"$@\" | sed '/^-/s/$/ /'; "
-               "else exec /usr/sbin/ebtables \"$@\"; fi\n");
-    chmod("/tmp/bin/ubus", 0755);
-    chmod("/tmp/bin/ebtables", 0755);
-    prepend_test_bin_to_path();
+void set_modem(const std::string& netstat, const std::string& dlfreq, const std::string& bandwidth) {
+    write_file("/etc/lab/modem.json", "{\"netstat\": " + netstat + ", \"dlfreq\": " + dlfreq +
+                                          ", \"bandwidth\": " + bandwidth + ", \"band\": 48}");
 }
 
-void set_modem(const std::string& netstat, const std::string& dlfreq, const std::string& bandwidth) {
-    write_file("/tmp/modem/getltestatus", "{\n\t\"netstat\": \"" + netstat + "\",\n}\n");
-    write_file("/tmp/modem/getlteinfo", "{\n\t\"dlfreq\": " + dlfreq + ",\n\t\"bandwidth\": " +
-                                            bandwidth + ",\n\t\"band\": 48,\n}\n");
+// Serves exactly `text` as the reply of every modem method.
+void set_modem_garbage(const std::string& text) {
+    write_file("/etc/lab/modem.json", "{\"raw\": {\"getltestatus\": \"" + text +
+                                          "\", \"getlteinfo\": \"" + text + "\"}}");
 }
 
 void create_router_links() {
@@ -390,8 +383,7 @@ TEST_F(SupervisionTest, FrequencyRefreshBlocksUntilTheModemReportsAPlausibleCell
 TEST_F(SupervisionTest, GarbageFromTheModemNeverStopsTheLoopForGood) {
     start_with("1", "1", "0");
     settle();
-    write_file("/tmp/modem/getltestatus", "\x01\x02 not json at all\n");
-    write_file("/tmp/modem/getlteinfo", "dlfreq: , bandwidth:\n::::\n");
+    set_modem_garbage("\\u0001\\u0002 not json at all\\ndlfreq: , bandwidth:\\n::::\\n");
     std::atomic<bool> finished{false};
     std::thread pass([&] {
         run_supervision_pass(state);
