@@ -166,12 +166,11 @@ int32_t sign_cpi_data(const char* installationJson, const char* keyPath, const c
     jwt_add_grants_json(jwt, installationJson);
     result = jwt_set_alg(jwt, JWT_ALG_RS256, reinterpret_cast<const unsigned char*>(key.get()),
                          static_cast<int>(fileLength));
-    if (result != 0) {
-        // Never go on to an unsigned token.
-        std::fputs("Error: jwt key refused.\n\n", stderr);
-    } else {
-        result = encode_and_split(jwt, out);
-    }
+    // A refused key (an empty file) leaves libjwt without an algorithm: its
+    // unsigned token has an empty signature part, so the split below fails
+    // and no unsigned data ever leave the device.
+    int32_t encoded = encode_and_split(jwt, out);
+    if (encoded != 0) result = encoded;
     jwt_free(jwt);
     return result;
 }

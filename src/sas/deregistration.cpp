@@ -4,6 +4,7 @@
 #include "core/text.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
+#include "sas/reply_reader.h"
 #include "sas/response_codes.h"
 
 #include <jansson.h>
@@ -51,6 +52,16 @@ void deregistration_request(const char* serverUrl, const char* cbsdId, Deregistr
                   responseCode_name(reply->responseCode));
     else
         core::log(5, 1, "[SAS] Deregister successfully\n");
+}
+
+int32_t parse_deregistration_response(DeregistrationResponse* reply) {
+    reply->responseCode = -1;
+    SasReply sasReply;
+    if (read_sas_reply("deregistrationResponse", &sasReply, &reply->responseCode) != kReplyRead ||
+        reply->responseCode != 0)
+        return -1;
+    copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
+    return 0;
 }
 
 }  // namespace cbsd::sas

@@ -1,8 +1,10 @@
 #include "sas/grant.h"
 
 #include "core/log.h"
+#include "core/text.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
+#include "sas/reply_reader.h"
 
 #include <jansson.h>
 
@@ -20,6 +22,7 @@ namespace {
 constexpr int32_t kCategoryAMaxEirp = 20;  // dBm/MHz
 constexpr int32_t kCategoryBMaxEirp = 37;
 constexpr double kChannelStepMhz = 5.0;
+constexpr int32_t kGrantConflict = 401;
 
 uint32_t low_edge_hz(const char* mhzText) {
     float mhz = static_cast<float>(std::atof(mhzText));
@@ -71,6 +74,27 @@ int32_t grant_request(const char* serverUrl, const RegistrationResponse* registr
     if (build_grant_body(registration->cbsdId, record, body.get(), kRequestBodyCapacity) == BodyStatus::TooLong)
         return -1;
     return https_post(url, body.get());
+}
+
+int32_t parse_grant_response(GrantResponse* reply) {
+    reply->responseCode = -1;
+    SasReply sasReply;
+    if (read_sas_reply("grantResponse", &sasReply, &reply->responseCode) != kReplyRead) return -1;
+    const json_t* element = sasReply.element;
+    if (reply->responseCode == kGrantConflict) {
+        // The conflicting grant's id, which the caller relinquishes.
+        const json_t* data = json_object_get(json_object_get(element, "response"), "responseData");
+        const json_t* first = json_array_get(data, 0);
+        if (json_is_string(first)) core::copy_text(reply->responseData, sizeof reply->responseData, json_string_value(first));
+        return -1;
+    }
+    if (reply->responseCode != 0) return -1;
+    copy_reply_text(element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
+    copy_reply_text(element, "grantId", reply->grantId, sizeof reply->grantId);
+    copy_reply_text(element, "grantExpireTime", reply->grantExpireTime, sizeof reply->grantExpireTime);
+    read_reply_integer(element, "heartbeatInterval", &reply->heartbeatInterval);
+    copy_reply_text(element, "channelType", reply->channelType, sizeof reply->channelType);
+    return 0;
 }
 
 }  // namespace cbsd::sas

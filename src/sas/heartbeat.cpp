@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
+#include "sas/reply_reader.h"
 
 #include <jansson.h>
 
@@ -49,6 +50,21 @@ int32_t heartbeat_request(const char* serverUrl, const GrantResponse* grant,
         BodyStatus::TooLong)
         return -1;
     return https_post(url, body.get());
+}
+
+int32_t parse_heartbeat_response(HeartbeatResponse* reply) {
+    reply->responseCode = -1;
+    SasReply sasReply;
+    if (read_sas_reply("heartbeatResponse", &sasReply, &reply->responseCode) != kReplyRead ||
+        reply->responseCode != 0)
+        return -1;
+    const json_t* element = sasReply.element;
+    copy_reply_text(element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
+    copy_reply_text(element, "grantId", reply->grantId, sizeof reply->grantId);
+    copy_reply_text(element, "transmitExpireTime", reply->transmitExpireTime, sizeof reply->transmitExpireTime);
+    copy_reply_text(element, "grantExpireTime", reply->grantExpireTime, sizeof reply->grantExpireTime);
+    read_reply_integer(element, "heartbeatInterval", &reply->heartbeatInterval);
+    return 0;
 }
 
 }  // namespace cbsd::sas

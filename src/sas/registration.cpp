@@ -6,6 +6,7 @@
 #include "sas/cpi_signature.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
+#include "sas/reply_reader.h"
 #include "sas/request_body.h"
 
 #include <jansson.h>
@@ -157,6 +158,16 @@ int32_t registeration_request(const char* serverUrl, const config::DeviceRecord*
     load_registration_options(&options);
     if (build_registration_body(record, &options, body.get(), kRequestBodyCapacity) != 0) return -1;
     return https_post(url, body.get());
+}
+
+int32_t parse_registration_response(RegistrationResponse* reply) {
+    reply->responseCode = -1;
+    SasReply sasReply;
+    ReplyReadResult read = read_sas_reply("registrationResponse", &sasReply, &reply->responseCode);
+    if (read == kReplyUnreadable) core::log(5, 1, "[SAS] wrong Response from SAS Server!\n\n");
+    if (read != kReplyRead || reply->responseCode != 0) return -1;
+    copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
+    return 0;
 }
 
 }  // namespace cbsd::sas

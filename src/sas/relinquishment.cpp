@@ -4,6 +4,7 @@
 #include "core/text.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
+#include "sas/reply_reader.h"
 #include "sas/response_codes.h"
 
 #include <jansson.h>
@@ -58,6 +59,17 @@ void relinquishment_request(const char* serverUrl, const char* cbsdId, const cha
                   responseCode_name(reply->responseCode));
     else
         core::log(5, 1, "[SAS] Relinquish successfully\n");
+}
+
+// Unlike the other parsers this one leaves responseCode as the caller set it.
+int32_t parse_relinquishment_response(RelinquishmentResponse* reply) {
+    SasReply sasReply;
+    if (read_sas_reply("relinquishmentResponse", &sasReply, &reply->responseCode) != kReplyRead ||
+        reply->responseCode != 0)
+        return -1;
+    copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
+    copy_reply_text(sasReply.element, "grantId", reply->grantId, sizeof reply->grantId);
+    return 0;
 }
 
 }  // namespace cbsd::sas

@@ -3,9 +3,11 @@
 #include "core/log.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
+#include "sas/reply_reader.h"
 
 #include <jansson.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -31,6 +33,26 @@ json_t* shared_entry_meas_report() {
     json_t* report = json_object();
     json_object_set_new(report, "rcvdPowerMeasReports", reports);
     return report;
+}
+
+// Truncates toward zero; values beyond the 32-bit range saturate rather than
+// overflow.
+int32_t truncated_max_eirp(double value) {
+    if (value >= 2147483647.0) return INT32_MAX;
+    if (value <= -2147483648.0) return INT32_MIN;
+    return static_cast<int32_t>(value);
+}
+
+// Only the first channel counts.  A SAS that names no power (or no number)
+// leaves maxEirp at 2147483647, which means "no limit from the SAS".
+void read_first_channel(const json_t* channel, SpectrumInquiryResponse* reply) {
+    const json_t* range = json_object_get(channel, "frequencyRange");
+    reply->lowFrequency = static_cast<uint32_t>(json_integer_value(json_object_get(range, "lowFrequency")));
+    reply->highFrequency = static_cast<uint32_t>(json_integer_value(json_object_get(range, "highFrequency")));
+    copy_reply_text(channel, "channelType", reply->channelType, sizeof reply->channelType);
+    copy_reply_text(channel, "ruleApplied", reply->ruleApplied, sizeof reply->ruleApplied);
+    const json_t* maxEirp = json_object_get(channel, "maxEirp");
+    reply->maxEirp = json_is_number(maxEirp) ? truncated_max_eirp(json_number_value(maxEirp)) : INT32_MAX;
 }
 
 }  // namespace
@@ -66,6 +88,19 @@ int32_t spectrumInquiry_request(const char* serverUrl, const RegistrationRespons
         BodyStatus::TooLong)
         return -1;
     return https_post(url, body.get());
+}
+
+int32_t parse_spectrum_inquiry_response(SpectrumInquiryResponse* reply) {
+    reply->responseCode = -1;
+    SasReply sasReply;
+    if (read_sas_reply("spectrumInquiryResponse", &sasReply, &reply->responseCode) != kReplyRead ||
+        reply->responseCode != 0)
+        return -1;
+    copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
+    json_t* channels = json_object_get(sasReply.element, "availableChannel");
+    if (!json_is_array(channels)) return -1;
+    read_first_channel(json_array_get(channels, 0), reply);
+    return 0;
 }
 
 }  // namespace cbsd::sas
