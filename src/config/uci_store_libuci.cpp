@@ -1,0 +1,88 @@
+// The store on libuci: each call uses a private context, so the main thread
+// and the worker never share parser state.
+#include "config/uci_path.h"
+#include "config/uci_store.h"
+
+#include <cstring>
+
+extern "C" {
+#include <uci.h>
+}
+
+namespace cbsd::config {
+
+namespace {
+
+class Context {
+public:
+    Context() : ctx_(uci_alloc_context()) {}
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+    ~Context() {
+        if (ctx_) uci_free_context(ctx_);
+    }
+    uci_context* get() const { return ctx_; }
+
+private:
+    uci_context* ctx_;
+};
+
+}  // namespace
+
+unsigned config_get(const char* path, const char* section, const char* option, char* buffer,
+                    size_t size) {
+    if (!path || !section || !option || !buffer || size == 0) return 0;
+    UciPath parts;
+    if (!uci_split_path(path, parts)) return 0;
+
+    Context context;
+    uci_context* ctx = context.get();
+    if (!ctx) return 0;
+    uci_set_confdir(ctx, parts.directory);
+    uci_package* package = nullptr;
+    if (uci_load(ctx, parts.package, &package) != UCI_OK) {
+        if (package) uci_unload(ctx, package);
+        return 0;
+    }
+
+    // Sections are matched by name; every match is visited, the last one wins.
+    uci_element* element = nullptr;
+    uci_foreach_element(&package->sections, element) {
+        if (!element->name || std::strcmp(element->name, section) != 0) continue;
+        uci_option* found = uci_lookup_option(ctx, uci_to_section(element), option);
+        if (!found || found->type != UCI_TYPE_STRING || !found->v.string) continue;
+        std::memset(buffer, 0, size);
+        std::strncpy(buffer, found->v.string, size - 1);
+    }
+    uci_unload(ctx, package);
+    return 1;
+}
+
+unsigned config_set(const char* path, const char* section, const char* option, const char* value) {
+    if (!path || !section || !option || !value) return 0;
+    UciPath parts;
+    if (!uci_split_path(path, parts)) return 0;
+    size_t directory_length = std::strlen(parts.directory);
+    if (directory_length > 1) parts.directory[directory_length - 1] = '\0';
+
+    Context context;
+    uci_context* ctx = context.get();
+    if (!ctx) return 0;
+    uci_set_confdir(ctx, parts.directory);
+
+    // Only package, section, option and value: libuci loads the package and
+    // finds the section by name.  A failed set or commit changes nothing and
+    // is not reported.
+    uci_ptr pointer{};
+    pointer.package = parts.package;
+    pointer.section = section;
+    pointer.option = option;
+    pointer.value = value;
+    if (uci_set(ctx, &pointer) == UCI_OK && pointer.p) {
+        uci_commit(ctx, &pointer.p, false);
+    }
+    if (pointer.p) uci_unload(ctx, pointer.p);
+    return 1;
+}
+
+}  // namespace cbsd::config
