@@ -1,0 +1,157 @@
+// One libcurl transfer per SAS message.  The reply is not handed back to the
+// caller: the write callback keeps the last delivered chunk in a fixed buffer
+// and copies any chunk that carries "Response" to /tmp/sasmsg.json, where the
+// reply parsers read it.  Only the StandAlone worker posts, one exchange at a
+// time, so the process-wide buffer needs no lock.
+#include "sas/https.h"
+
+#include "config/device_record.h"
+#include "core/log.h"
+#include "sas/certificate_paths.h"
+
+#include <curl/curl.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace cbsd::sas {
+
+namespace {
+
+char g_response[kResponseBufferSize];
+uint32_t g_responseLength = 0;
+
+constexpr const char* kResponseMarker = "Response";
+
+bool file_exists(const char* path) {
+    struct stat st{};
+    return path[0] != '\0' && stat(path, &st) == 0;
+}
+
+bool file_readable(const char* path) {
+    FILE* file = std::fopen(path, "r");
+    if (!file) return false;
+    std::fclose(file);
+    return true;
+}
+
+void save_reply_dump(const char* data, size_t length) {
+    FILE* file = std::fopen(kReplyDumpPath, "w");
+    if (!file) return;  // a missing dump only means the parser reads the previous one
+    std::fwrite(data, 1, length, file);
+    std::fclose(file);
+}
+
+void log_transfer_error(CURLcode result, const char* errorText) {
+    core::log(5, 0, "\n[SAS] libcurl: (%d) ", static_cast<int>(result));
+    size_t length = std::strlen(errorText);
+    if (length > 0) {
+        core::log(5, 0, "%s%s", errorText, errorText[length - 1] != '\n' ? "\n" : "");
+    } else {
+        core::log(5, 0, "%s\n", curl_easy_strerror(result));
+    }
+}
+
+// The options in the order the transfer relies on; the CRL only when it can
+// be read, and peer verification only when a CA path was given at all.
+void set_transfer_options(CURL* curl, const char* url, const char* body, curl_slist* headers,
+                          const char* caPath, const char* certPath, const char* keyPath,
+                          const char* crlPath, char* errorText) {
+    curl_easy_setopt(curl, CURLOPT_URL, url);
+    if (body) curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body);
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, body ? static_cast<long>(std::strlen(body)) : 0L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, save_response);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, g_response);
+    curl_easy_setopt(curl, CURLOPT_POST, 1L);
+    curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
+    curl_easy_setopt(curl, CURLOPT_SSLCERT, certPath);
+    curl_easy_setopt(curl, CURLOPT_SSLCERTTYPE, "PEM");
+    if (crlPath && file_readable(crlPath)) curl_easy_setopt(curl, CURLOPT_CRLFILE, crlPath);
+    curl_easy_setopt(curl, CURLOPT_SSLKEY, keyPath);
+    curl_easy_setopt(curl, CURLOPT_SSLKEYTYPE, "PEM");
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+    bool caSet = caPath != nullptr && caPath[0] != '\0';
+    if (caSet) curl_easy_setopt(curl, CURLOPT_CAINFO, caPath);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, caSet ? 1L : 0L);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 10L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 10L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 30L);
+}
+
+}  // namespace
+
+size_t save_response(char* data, size_t size, size_t count, void* user) {
+    char* buffer = user ? static_cast<char*>(user) : g_response;
+    size_t length = size * count;
+    // One byte short of the buffer for an oversized chunk, so that it stays
+    // terminated; libcurl then aborts the transfer with a write error.
+    size_t kept = length <= kResponseBufferSize ? length : kResponseBufferSize - 1;
+    std::memset(buffer, 0, kResponseBufferSize);
+    std::memcpy(buffer, data, kept);
+    g_responseLength = static_cast<uint32_t>(kept);
+    // A chunk of exactly the buffer size has no terminator: search by length.
+    if (memmem(buffer, kept, kResponseMarker, std::strlen(kResponseMarker)) != nullptr)
+        save_reply_dump(buffer, kept);
+    return kept;
+}
+
+int32_t post_json(const char* url, const char* body, const char* caPath, const char* certPath,
+                  const char* keyPath, const char* crlPath) {
+    char errorText[CURL_ERROR_SIZE];
+    errorText[0] = '\0';
+    curl_global_init(CURL_GLOBAL_ALL);
+    CURL* curl = curl_easy_init();
+    curl_slist* headers = nullptr;
+    int32_t result = -1;
+    if (!curl || !url) {
+        core::log(5, 0, "[SAS] curl[%s], strUrl[%s]\n", curl ? "ok" : "(null)", url ? url : "(null)");
+    } else {
+        std::memset(g_response, 0, sizeof g_response);
+        headers = curl_slist_append(nullptr, "Accept: application/json");
+        curl_slist* both = headers ? curl_slist_append(headers, "Content-Type: application/json")
+                                   : nullptr;
+        if (both) {
+            headers = both;
+            set_transfer_options(curl, url, body, headers, caPath, certPath, keyPath, crlPath,
+                                 errorText);
+            CURLcode code = curl_easy_perform(curl);
+            if (code != CURLE_OK) log_transfer_error(code, errorText);
+            result = static_cast<int32_t>(code);
+        }
+    }
+    curl_slist_free_all(headers);
+    if (curl) curl_easy_cleanup(curl);
+    curl_global_cleanup();
+    return result;
+}
+
+int32_t https_post(const char* url, const char* body) {
+    CertificatePaths paths;
+    std::memset(&paths, 0, sizeof paths);
+    config::load_cert_paths(&paths);
+
+    if (!file_exists(paths.clientCert)) {
+        core::log(5, 1, "[SAS] client cert file(%s) is not exist.\n", paths.clientCert);
+        return -1;
+    }
+    if (!file_exists(paths.clientKey)) {
+        core::log(5, 1, "[SAS] client key file(%s) is not exist.\n", paths.clientKey);
+        return -1;
+    }
+    if (!file_exists(paths.serverCA)) {
+        core::log(5, 1, "[SAS] server CA file(%s) is not exist, will not verify server.\n",
+                  paths.serverCA);
+    }
+    int32_t result = post_json(url, body, paths.serverCA, paths.clientCert, paths.clientKey,
+                               paths.crlFile);
+    core::log(5, 0, "[SAS] https_post() return %d\n", result);
+    return result;
+}
+
+}  // namespace cbsd::sas
