@@ -17,7 +17,8 @@ bool parse_quoted_value(const char* output, char* buffer, size_t length) {
     const char* open = std::strchr(colon + 1, '"');
     if (!open) return false;
     const char* value = open + 1;
-    const char* close = std::strchr(value, '"');
+    // A truncated reply has no closing quote: the value then ends with the line.
+    const char* close = std::strpbrk(value, "\"\n");
     size_t value_length = close ? static_cast<size_t>(close - value) : std::strlen(value);
     size_t copied = value_length < length ? value_length : length;
     std::memcpy(buffer, value, copied);

@@ -8,7 +8,7 @@
 namespace cbsd::modem {
 
 // The text between the first double quote after the first ":" and the next
-// double quote (or the end of the output when that quote is missing) goes
+// double quote (or the end of the line when that quote is missing) goes
 // into buffer, at most length characters; a terminator follows when there is
 // room within those length bytes (callers clear their buffer and pass its size
 // less one, so the result is always terminated).  Returns false and leaves the

@@ -47,8 +47,9 @@ TEST(QuotedValue, QuoteBeforeColonIsNotTheOpeningQuote) {
     EXPECT_EQ(quoted("\"SN\": X9,"), "");
 }
 
-TEST(QuotedValue, TruncatedLineWithoutClosingQuoteRunsToTheEnd) {
+TEST(QuotedValue, TruncatedLineWithoutClosingQuoteRunsToTheEndOfLine) {
     EXPECT_EQ(quoted("\t\"productmodule\": \"RQ55"), "RQ55");
+    EXPECT_EQ(quoted("\t\"productmodule\": \"RQ55\n\t\"SN\": \"X\",\n"), "RQ55");
 }
 
 TEST(QuotedValue, EmptyQuotedValueIsEmpty) {
