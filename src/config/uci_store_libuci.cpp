@@ -3,7 +3,12 @@
 #include "config/uci_path.h"
 #include "config/uci_store.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 extern "C" {
 #include <uci.h>
@@ -25,6 +30,31 @@ public:
 
 private:
     uci_context* ctx_;
+};
+
+// libuci's commit releases its lock on the file before it renames the new
+// content into place, so a writer that waited on the old file rewrites stale
+// content and an update is lost.  This program's writers (both threads, any
+// process) therefore take turns on a lock file of their own next to the
+// package for the whole set and commit.
+class WriterTurn {
+public:
+    explicit WriterTurn(const UciPath& parts) {
+        char lock_path[160];
+        std::snprintf(lock_path, sizeof lock_path, "%s.%s.lock", parts.directory, parts.package);
+        fd_ = open(lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd_ < 0) return;  // e.g. a read-only directory: nothing to commit there anyway
+        while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    WriterTurn(const WriterTurn&) = delete;
+    WriterTurn& operator=(const WriterTurn&) = delete;
+    ~WriterTurn() {
+        if (fd_ >= 0) close(fd_);
+    }
+
+private:
+    int fd_ = -1;
 };
 
 }  // namespace
@@ -62,6 +92,7 @@ unsigned config_set(const char* path, const char* section, const char* option, c
     if (!path || !section || !option || !value) return 0;
     UciPath parts;
     if (!uci_split_path(path, parts)) return 0;
+    WriterTurn turn(parts);
     size_t directory_length = std::strlen(parts.directory);
     if (directory_length > 1) parts.directory[directory_length - 1] = '\0';
 
