@@ -1,5 +1,9 @@
 // The store on libuci: each call uses a private context, so the main thread
-// and the worker never share parser state.
+// and the worker never share parser state.  Packages are loaded by their full
+// path, which keeps libuci's change files under /tmp/.uci out of the way: a
+// read sees only committed content, a commit never flushes changes someone
+// else staged, and a writer killed mid-set leaves no half-written change file
+// behind for the next read to apply.
 #include "config/uci_path.h"
 #include "config/uci_store.h"
 
@@ -70,7 +74,7 @@ unsigned config_get(const char* path, const char* section, const char* option, c
     if (!ctx) return 0;
     uci_set_confdir(ctx, parts.directory);
     uci_package* package = nullptr;
-    if (uci_load(ctx, parts.package, &package) != UCI_OK) {
+    if (uci_load(ctx, path, &package) != UCI_OK) {
         if (package) uci_unload(ctx, package);
         return 0;
     }
@@ -105,7 +109,7 @@ unsigned config_set(const char* path, const char* section, const char* option, c
     // finds the section by name.  A failed set or commit changes nothing and
     // is not reported.
     uci_ptr pointer{};
-    pointer.package = parts.package;
+    pointer.package = path;
     pointer.section = section;
     pointer.option = option;
     pointer.value = value;
