@@ -137,6 +137,7 @@ def test_enabling_sas_in_dp_mode_closes_all_three_gates(router):
     assert r.wait_for(lambda: gates_open(r), 3)
     mark = edit(r, "config", "enableMode", "1")
     assert wait_for_log_after(r, mark, "[SAS] CPE is communicating with SAS using DP.\n")
+    assert wait_for_log_after(r, mark, '[SAS] set powerSpectralDensity=""\n', 3)
     assert r.wait_for(lambda: gates_closed(r), 3)
     news = log_after(r, mark)
     assert "[SAS] sasEnable change: 0 -> 1\n" in news
@@ -159,13 +160,13 @@ def test_proxy_radio_switch_opens_and_closes_the_gates(dp_enabled):
     assert wait_for_log_after(r, mark, "[SAS] device has been authorized.")
     assert r.wait_for(lambda: gates_open(r), 3)
     assert "[SAS] sas radio enable.\n" in log_after(r, mark)
-    assert r.uci_get("operation", "status") == "Authorized"
+    assert r.wait_for(lambda: r.uci_get("operation", "status") == "Authorized", 3)
 
     mark = edit(r, "sasConfig", "RadioEnable", "0")
     assert wait_for_log_after(r, mark, "[SAS] device has been unauthorized.")
     assert r.wait_for(lambda: gates_closed(r), 3)
     assert "[SAS] sas radio disable.\n" in log_after(r, mark)
-    assert r.uci_get("operation", "status") == "Unregistered"
+    assert r.wait_for(lambda: r.uci_get("operation", "status") == "Unregistered", 3)
     assert_alive(r)
 
 
@@ -326,6 +327,6 @@ def test_disabling_sas_reopens_traffic(dp_enabled):
     r = dp_enabled
     mark = edit(r, "config", "enableMode", "0")
     assert wait_for_log_after(r, mark, "[SAS] sas disable.\n")
-    assert r.wait_for(lambda: gates_open(r), 3)
-    assert "[SAS] device network has been recovered." in log_after(r, mark)
+    assert wait_for_log_after(r, mark, "[SAS] device network has been recovered.", 5)
+    assert gates_open(r)
     assert_alive(r)
