@@ -75,7 +75,7 @@ class Demo:
     def show_daemon_log(self):
         print("  daemon log:")
         for line in self.r.log_text()[self.mark:].splitlines():
-            text = line.split("]", 2)[-1] if line.startswith("[") else line
+            text = line.split("]", 1)[1] if line.startswith("[") and "]" in line else line
             if text.strip():
                 print(f"    | {text}")
 
