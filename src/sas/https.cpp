@@ -93,7 +93,7 @@ size_t save_response(char* data, size_t size, size_t count, void* user) {
     // terminated; libcurl then aborts the transfer with a write error.
     size_t kept = length <= kResponseBufferSize ? length : kResponseBufferSize - 1;
     std::memset(buffer, 0, kResponseBufferSize);
-    std::memcpy(buffer, data, kept);
+    if (kept > 0) std::memcpy(buffer, data, kept);
     g_responseLength = static_cast<uint32_t>(kept);
     // A chunk of exactly the buffer size has no terminator: search by length.
     if (memmem(buffer, kept, kResponseMarker, std::strlen(kResponseMarker)) != nullptr)
