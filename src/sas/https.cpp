@@ -110,7 +110,8 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
     curl_slist* headers = nullptr;
     int32_t result = -1;
     if (!curl || !url) {
-        core::log(5, 0, "[SAS] curl[%s], strUrl[%s]\n", curl ? "ok" : "(null)", url ? url : "(null)");
+        core::log(5, 0, "[SAS] curl[%s], strUrl[%s]\n", curl ? "ok" : "(null)",
+                  url ? url : "(null)");
     } else {
         std::memset(g_response, 0, sizeof g_response);
         headers = curl_slist_append(nullptr, "Accept: application/json");
