@@ -2,14 +2,30 @@
 // changed, re-assert the traffic state and sleep 5 s when nothing did.
 #pragma once
 
-namespace cbsd::config {
-struct SupervisionSnapshot;
-}
+#include "config/snapshot.h"
+
+#include <cstdint>
 
 namespace cbsd::core {
 
 void report_snapshot_changes(const config::SupervisionSnapshot* previous,
                              const config::SupervisionSnapshot* current);
 [[noreturn]] void supervision_loop();
+
+// The loop's own state; one pass at a time can be driven from outside the
+// loop (the loop itself only adds the 5 s sleep after an unchanged pass).
+struct SupervisionState {
+    config::SupervisionSnapshot current;
+    config::SupervisionSnapshot previous;  // all 0xFF before the first pass
+    uint32_t pass;                         // 1 during the first pass
+};
+
+enum class PassOutcome {
+    Changed,    // something changed: load again at once
+    Unchanged,  // steady state re-asserted: sleep before the next pass
+};
+
+void init_supervision_state(SupervisionState& state);
+PassOutcome run_supervision_pass(SupervisionState& state);
 
 }  // namespace cbsd::core

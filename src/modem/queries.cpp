@@ -1,0 +1,84 @@
+#include "core/command.h"
+#include "core/log.h"
+#include "modem/modem.h"
+#include "modem/modem_output.h"
+
+#include <cstring>
+
+namespace cbsd::modem {
+
+namespace {
+
+constexpr const char* kProductModelCommand =
+    "ubus call  ubus_lte getproductinfo | grep productmodule";
+constexpr const char* kSerialNumberCommand = "ubus call  ubus_lte getproductinfo | grep SN";
+constexpr const char* kNetworkStatusCommand = "ubus call ubus_lte getltestatus | grep netstat";
+constexpr const char* kDownlinkFrequencyCommand = "ubus call ubus_lte getlteinfo | grep dlfreq";
+constexpr const char* kBandwidthCommand = "ubus call ubus_lte getlteinfo | grep bandwidth";
+constexpr const char* kBandCommand = "ubus call ubus_lte getlteinfo | grep -w band";
+
+// Runs the query into a cleared buffer; a command that cannot be started
+// leaves it empty, which every query treats as its failure case.
+void run_query(const char* command, char* output, int capacity) {
+    std::memset(output, 0, static_cast<size_t>(capacity));
+    core::run_command(command, output, capacity);
+    output[capacity - 1] = '\0';
+}
+
+void get_quoted(const char* command, char* buffer, size_t length) {
+    char output[1024];
+    run_query(command, output, sizeof output);
+    parse_quoted_value(output, buffer, length);
+}
+
+}  // namespace
+
+void get_product_model(char* buffer, size_t length) {
+    get_quoted(kProductModelCommand, buffer, length);
+}
+
+void get_serial_number(char* buffer, size_t length) {
+    get_quoted(kSerialNumberCommand, buffer, length);
+}
+
+bool is_lte_connected() {
+    char output[1024];
+    run_query(kNetworkStatusCommand, output, sizeof output);
+    return shows_attached(output);
+}
+
+int get_dl_frequency() {
+    char output[64];
+    run_query(kDownlinkFrequencyCommand, output, sizeof output);
+    int value = 0;
+    if (!parse_number(output, &value)) {
+        core::log(5, 0, "get frequency error:%s\n", output);
+        return 0;
+    }
+    return value / 100;
+}
+
+int get_bandwidth() {
+    char output[63];
+    run_query(kBandwidthCommand, output, sizeof output);
+    int value = 0;
+    if (!parse_number(output, &value)) {
+        // The frequency query's message, as the log has always read.
+        core::log(5, 0, "get frequency error:%s\n", output);
+        return -1;
+    }
+    return value;
+}
+
+int get_band() {
+    char output[63];
+    run_query(kBandCommand, output, sizeof output);
+    int value = 0;
+    if (!parse_number(output, &value)) {
+        core::log(5, 0, "get band error:%s\n", output);
+        return -1;
+    }
+    return value;
+}
+
+}  // namespace cbsd::modem

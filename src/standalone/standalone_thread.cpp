@@ -1,0 +1,442 @@
+#include "standalone/standalone_thread.h"
+
+#include "config/accessors.h"
+#include "config/device_record.h"
+#include "core/cbsd_state.h"
+#include "core/log.h"
+#include "core/settings.h"
+#include "core/text.h"
+#include "core/worker_control.h"
+#include "modem/modem.h"
+#include "sas/exchanges.h"
+#include "sas/replies.h"
+#include "sas/response_codes.h"
+#include "standalone/expiry.h"
+#include "standalone/grant_time.h"
+#include "standalone/oper_timer.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <unistd.h>
+
+namespace cbsd::standalone {
+
+namespace {
+
+// A grant reply without a usable heartbeat period gets this one.
+constexpr uint32_t kDefaultHeartbeatInterval = 60;
+// The inquiry's maxEirp when the SAS sent none.
+constexpr int32_t kNoMaxEirp = 2147483647;
+// Transmission stops only this long after its deadline.
+constexpr int32_t kTransmitGraceSeconds = 30;
+// The grant is renewed within its last two hours.
+constexpr int32_t kRenewalWindowOffset = -7200;
+
+PassClock pass_clock{nullptr, nullptr};
+
+uint32_t now_seconds() {
+    return pass_clock.monotonic_seconds ? pass_clock.monotonic_seconds() : core::monotonic_seconds();
+}
+
+void sleep_for(unsigned seconds) {
+    if (pass_clock.sleep_seconds)
+        pass_clock.sleep_seconds(seconds);
+    else
+        sleep(seconds);
+}
+
+// The message records; later requests are built from the replies kept here.
+struct Records {
+    std::unique_ptr<config::DeviceRecord> device;
+    std::unique_ptr<sas::RegistrationResponse> registration;
+    std::unique_ptr<sas::SpectrumInquiryResponse> inquiry;
+    std::unique_ptr<sas::GrantResponse> grant;
+    std::unique_ptr<sas::HeartbeatResponse> heartbeat;
+    std::unique_ptr<sas::RelinquishmentResponse> relinquishment;
+    std::unique_ptr<sas::DeregistrationResponse> deregistration;
+};
+
+// Records are zero-filled here, so a stale "Registered" status at start builds
+// its requests from empty replies rather than from leftover heap bytes.
+template <typename T>
+bool allocate(std::unique_ptr<T>& slot, const char* failure_line) {
+    slot.reset(new (std::nothrow) T());
+    if (!slot) core::log(3, 1, "%s", failure_line);
+    return slot != nullptr;
+}
+
+bool allocate_records(Records& r) {
+    return allocate(r.device, "[SAS] regRequest malloc failed\n") &&
+           allocate(r.registration, "[SAS] regResponse malloc failed\n") &&
+           allocate(r.inquiry, "[SAS] specResponse malloc failed\n") &&
+           allocate(r.grant, "[SAS] grantResponse malloc failed\n") &&
+           allocate(r.heartbeat, "[SAS] heartbeatResponse malloc failed\n") &&
+           allocate(r.relinquishment, "[SAS] relinquishmentResponse malloc failed\n") &&
+           allocate(r.deregistration, "[SAS] deregistrationResponse malloc failed\n");
+}
+
+struct Worker {
+    char serverUrl[128] = {};
+    char status[32] = {};  // operation.status as read at the start of the pass
+    char timeText[32] = {};
+    char cbsdId[128] = {};
+    char grantId[128] = {};
+    OperTimer operTimer{};
+    uint32_t heartbeatInterval = kDefaultHeartbeatInterval;
+    bool lastLteConnected = true;
+    Records records;
+};
+
+bool status_is(const Worker& w, uint32_t state) {
+    return std::strcmp(w.status, core::cbsd_state_name(state)) == 0;
+}
+
+void write_status(uint32_t state) { config::set_status(core::cbsd_state_name(state)); }
+
+void log_refusal(const char* exchange, int32_t code) {
+    core::log(5, 1, "[SAS] %s unsuccessfully, responseCode:%d(%s)\n", exchange, code,
+              sas::responseCode_name(code));
+}
+
+void relinquish(Worker& w) {
+    sas::relinquishment_request(w.serverUrl, w.cbsdId, w.grantId, w.records.relinquishment.get());
+}
+
+void deregister(Worker& w) {
+    sas::deregistration_request(w.serverUrl, w.cbsdId, w.records.deregistration.get());
+}
+
+void check_transmit_expiry(Worker& w) {
+    get_transmit_expire_time(w.timeText, sizeof w.timeText);
+    if (!is_time_expired(w.timeText, kTransmitGraceSeconds)) return;
+    core::log(5, 1, "[SAS] transmitExpireTime[%s] is expired.\n", w.timeText);
+    if (status_is(w, core::kAuthorized)) write_status(core::kGranted);
+    config::set_radio_enable("0");
+    set_transmit_expire_time("");
+    oper_timer_reset(&w.operTimer);
+}
+
+void check_grant_expiry(Worker& w) {
+    get_grant_expire_time(w.timeText, sizeof w.timeText);
+    if (is_time_expired(w.timeText, 0)) {
+        core::log(5, 1, "[SAS] grantExpireTime[%s] is expired.\n", w.timeText);
+        write_status(core::kRegistered);
+        config::set_radio_enable("0");
+        set_grant_expire_time("");
+        oper_timer_reset(&w.operTimer);
+    } else if (is_time_expired(w.timeText, kRenewalWindowOffset)) {
+        set_grant_renew("1");
+    }
+}
+
+void print_timer_line(const Worker& w) {
+    const OperTimer& t = w.operTimer;
+    uint32_t current = now_seconds();
+    uint32_t wait = t.secTime - now_seconds();  // unsigned: a past secTime prints huge
+    std::printf(
+        "===>operTimer: enable=%d, timerType=%d(%s), count=%d, secTime=%lu, curTickTime=%lu, "
+        "waitTime=%lus\n",
+        t.enable, static_cast<int>(t.timerType), timer_type_name(t.timerType),
+        static_cast<int>(t.count), static_cast<unsigned long>(t.secTime),
+        static_cast<unsigned long>(current), static_cast<unsigned long>(wait));
+    std::fflush(stdout);
+}
+
+// A change of LTE connectivity while waiting ends the back-off.
+void watch_connectivity(Worker& w) {
+    bool connected = modem::is_lte_connected();
+    if (connected == w.lastLteConnected) return;
+    w.operTimer.count = 0;
+    w.operTimer.secTime = 0;
+    w.lastLteConnected = connected;
+}
+
+void register_device(Worker& w) {
+    core::log(5, 0, "\n[SAS] send registeration_request...\n");
+    config::DeviceRecord* device = w.records.device.get();
+    *device = config::DeviceRecord{};
+    config::load_device_record(device);
+    int32_t result = sas::registeration_request(w.serverUrl, device);
+    if (result != 0) {
+        core::log(5, 0, "[SAS] failed to do registeration_request()\n");
+        oper_timer_start(&w.operTimer, timer_type_from_post_result(result));
+        return;
+    }
+    sas::RegistrationResponse* reply = w.records.registration.get();
+    *reply = sas::RegistrationResponse{};
+    sas::parse_registration_response(reply);
+    if (reply->responseCode != 0) {
+        log_refusal("Register", reply->responseCode);
+        oper_timer_start(&w.operTimer, RESPONSE_ERROR);
+        return;
+    }
+    core::log(5, 1, "[SAS] Register successfully\n");
+    core::copy_text(w.cbsdId, sizeof w.cbsdId, reply->cbsdId);
+    write_status(core::kRegistered);
+    oper_timer_reset(&w.operTimer);
+}
+
+// The inquiry only caps the power asked for in the grant.
+void apply_inquiry_power_cap(config::DeviceRecord* device, int32_t maxEirp) {
+    if (maxEirp == kNoMaxEirp || maxEirp >= std::atoi(device->maxEirp)) return;
+    if (std::snprintf(device->maxEirp, sizeof device->maxEirp, "%d", maxEirp) < 0)
+        device->maxEirp[0] = '\0';
+}
+
+// Returns true when the grant may be asked for in this pass.
+bool inquire_spectrum(Worker& w) {
+    core::log(5, 0, "\n[SAS] send spectrumInquiry_request...\n");
+    int32_t result = sas::spectrumInquiry_request(w.serverUrl, w.records.registration.get(),
+                                                  w.records.device.get());
+    if (result != 0) {
+        core::log(5, 0, "[SAS] failed to do spectrumInquiry_request()\n");
+        oper_timer_start(&w.operTimer, timer_type_from_post_result(result));
+        return false;
+    }
+    sas::SpectrumInquiryResponse* reply = w.records.inquiry.get();
+    *reply = sas::SpectrumInquiryResponse{};
+    sas::parse_spectrum_inquiry_response(reply);
+    if (reply->responseCode == 0) {
+        core::log(5, 1, "[SAS] SpectrumInquiry successfully\n");
+        apply_inquiry_power_cap(w.records.device.get(), reply->maxEirp);
+        oper_timer_reset(&w.operTimer);
+        return true;
+    }
+    log_refusal("SpectrumInquiry", reply->responseCode);
+    if (reply->responseCode == 105) {
+        deregister(w);
+        write_status(core::kUnregistered);
+        oper_timer_reset(&w.operTimer);
+    } else {
+        *reply = sas::SpectrumInquiryResponse{};  // so that the next attempt asks again
+        oper_timer_start(&w.operTimer, RESPONSE_ERROR);
+    }
+    return false;
+}
+
+void request_grant(Worker& w) {
+    core::log(5, 0, "\n[SAS] send grant_request...\n");
+    config::DeviceRecord* device = w.records.device.get();
+    int32_t result = sas::grant_request(w.serverUrl, w.records.registration.get(), device);
+    if (result != 0) {
+        core::log(5, 0, "[SAS] failed to do grant_request()\n");
+        oper_timer_start(&w.operTimer, timer_type_from_post_result(result));
+        return;
+    }
+    sas::GrantResponse* reply = w.records.grant.get();
+    *reply = sas::GrantResponse{};
+    sas::parse_grant_response(reply);
+    switch (reply->responseCode) {
+        case 0:
+            core::log(5, 1, "[SAS] Grant successfully\n");
+            core::copy_text(w.grantId, sizeof w.grantId, reply->grantId);
+            set_grant_expire_time(reply->grantExpireTime);
+            w.heartbeatInterval = reply->heartbeatInterval >= 1
+                                      ? static_cast<uint32_t>(reply->heartbeatInterval)
+                                      : kDefaultHeartbeatInterval;
+            set_grant_renew("0");
+            write_status(core::kGranted);
+            set_power_spectral_density(device->maxEirp);
+            oper_timer_reset(&w.operTimer);
+            return;
+        case 105:
+            log_refusal("Grant", reply->responseCode);
+            deregister(w);
+            write_status(core::kUnregistered);
+            oper_timer_reset(&w.operTimer);
+            return;
+        case 401:
+            // The SAS names the conflicting grant; drop it and ask again at once.
+            log_refusal("Grant", reply->responseCode);
+            sas::relinquishment_request(w.serverUrl, w.cbsdId, reply->responseData,
+                                        w.records.relinquishment.get());
+            write_status(core::kRegistered);
+            oper_timer_reset(&w.operTimer);
+            return;
+        default:
+            log_refusal("Grant", reply->responseCode);
+            oper_timer_start(&w.operTimer, RESPONSE_ERROR);
+            return;
+    }
+}
+
+void run_registered(Worker& w) {
+    bool inquiry_needed =
+        std::strcmp(w.records.inquiry->cbsdId, w.records.registration->cbsdId) != 0;
+    if (inquiry_needed && !inquire_spectrum(w)) return;
+    request_grant(w);
+}
+
+void on_heartbeat_success(Worker& w, const sas::HeartbeatResponse* reply) {
+    write_status(core::kAuthorized);
+    config::set_radio_enable("1");
+    set_transmit_expire_time(reply->transmitExpireTime);
+    if (reply->grantExpireTime[0] != '\0') {
+        set_grant_expire_time(reply->grantExpireTime);
+        set_grant_renew("0");
+    }
+    if (reply->heartbeatInterval >= 1)
+        w.heartbeatInterval = static_cast<uint32_t>(reply->heartbeatInterval);
+    oper_timer_start(&w.operTimer, HEART_BEAT_SUCCESS);
+}
+
+// Sends the heartbeat and, when a reply arrived, reads it into the heartbeat
+// record.  Returns the transport result.
+int32_t send_heartbeat(Worker& w, const char* operationState) {
+    core::log(5, 0, "\n[SAS] send heartbeat_request(%s)...\n", operationState);
+    int32_t result = sas::heartbeat_request(w.serverUrl, w.records.grant.get(),
+                                            w.records.device.get(), operationState);
+    if (result != 0) {
+        core::log(5, 0, "[SAS] failed to do heartbeat_request(%s)\n", operationState);
+        return result;
+    }
+    *w.records.heartbeat = sas::HeartbeatResponse{};
+    sas::parse_heartbeat_response(w.records.heartbeat.get());
+    return 0;
+}
+
+void run_granted(Worker& w) {
+    int32_t result = send_heartbeat(w, "GRANTED");
+    if (result != 0) {
+        oper_timer_start(&w.operTimer, timer_type_from_post_result(result));
+        return;
+    }
+    const sas::HeartbeatResponse* reply = w.records.heartbeat.get();
+    int32_t code = reply->responseCode;
+    if (code == 0) {
+        core::log(5, 1, "[SAS] Heartbeat successfully\n");
+        on_heartbeat_success(w, reply);
+        return;
+    }
+    log_refusal("Heartbeat", code);
+    if (code == 105) {
+        relinquish(w);
+        deregister(w);
+        write_status(core::kUnregistered);
+        oper_timer_reset(&w.operTimer);
+    } else if (code == 500 || code == 502) {
+        relinquish(w);
+        write_status(core::kRegistered);
+        oper_timer_reset(&w.operTimer);
+    } else if (code == 501) {
+        oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
+    } else {
+        oper_timer_start(&w.operTimer, RESPONSE_ERROR);
+    }
+}
+
+void run_authorized(Worker& w) {
+    if (send_heartbeat(w, "AUTHORIZED") != 0) {
+        // An authorised device retries quickly, whatever the transport said.
+        oper_timer_start(&w.operTimer, HEART_BEAT_ERROR);
+        return;
+    }
+    const sas::HeartbeatResponse* reply = w.records.heartbeat.get();
+    int32_t code = reply->responseCode;
+    if (code == 0) {
+        core::log(5, 0, "[SAS] Heartbeat successfully\n");
+        on_heartbeat_success(w, reply);
+        return;
+    }
+    log_refusal("Heartbeat", code);
+    switch (code) {
+        case 105:
+            relinquish(w);
+            deregister(w);
+            write_status(core::kUnregistered);
+            oper_timer_reset(&w.operTimer);
+            break;
+        case 500:
+            // RadioEnable stays as it is here; only 502 withdraws it.
+            relinquish(w);
+            write_status(core::kRegistered);
+            oper_timer_reset(&w.operTimer);
+            break;
+        case 501:
+            write_status(core::kGranted);
+            oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
+            break;
+        case 502:
+            relinquish(w);
+            config::set_radio_enable("0");
+            write_status(core::kRegistered);
+            oper_timer_reset(&w.operTimer);
+            break;
+        default:
+            // Back to Granted with the count kept: the GRANTED heartbeat goes out at once.
+            config::set_radio_enable("0");
+            write_status(core::kGranted);
+            w.operTimer.enable = 0;
+            break;
+    }
+}
+
+void dispatch(Worker& w) {
+    if (status_is(w, core::kUnregistered))
+        register_device(w);
+    else if (status_is(w, core::kRegistered))
+        run_registered(w);
+    else if (status_is(w, core::kGranted))
+        run_granted(w);
+    else if (status_is(w, core::kAuthorized))
+        run_authorized(w);
+    // Any other status sends nothing; the next pass reads it again.
+}
+
+void stop(Worker& w) {
+    if (status_is(w, core::kGranted) || status_is(w, core::kAuthorized)) {
+        relinquish(w);
+        deregister(w);
+    } else if (status_is(w, core::kRegistered)) {
+        deregister(w);
+    }
+    core::log(5, 1, "[SAS] standalone_thread exit.\n");
+}
+
+// One pass; false once the thread is to end.
+bool run_pass(Worker& w) {
+    std::memset(w.status, 0, sizeof w.status);
+    config::get_status(w.status, sizeof w.status);
+    if (core::worker_running.load() == 0) {
+        stop(w);
+        return false;
+    }
+    check_transmit_expiry(w);
+    check_grant_expiry(w);
+    if (core::settings().debug) print_timer_line(w);
+    if (oper_timer_waiting(&w.operTimer, now_seconds())) {
+        watch_connectivity(w);
+        sleep_for(1);
+        return true;
+    }
+    dispatch(w);
+    if (w.operTimer.enable) oper_timer_schedule(&w.operTimer, now_seconds(), w.heartbeatInterval);
+    return true;
+}
+
+}  // namespace
+
+void set_pass_clock(const PassClock& clock) { pass_clock = clock; }
+
+int standalone_thread() {
+    core::worker_running.store(1);
+    core::log(5, 0, "[SAS] standalone_thread is running.\n");
+    Worker worker;
+    config::get_server_address(worker.serverUrl, sizeof worker.serverUrl);
+    if (worker.serverUrl[0] == '\0') {
+        core::log(5, 1, "[SAS] sas server URL is invalid.\n");
+        core::log(5, 1, "[SAS] standalone_thread exit.\n");
+        return 0;
+    }
+    if (!allocate_records(worker.records)) return 0;
+    oper_timer_reset(&worker.operTimer);
+    worker.lastLteConnected = true;
+    while (run_pass(worker)) {
+    }
+    return 0;
+}
+
+}  // namespace cbsd::standalone

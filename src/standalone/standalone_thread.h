@@ -1,0 +1,21 @@
+// The StandAlone worker: drives the device through registration, grant and
+// heartbeats and publishes the outcome in /etc/config/sas.
+#pragma once
+
+#include <cstdint>
+
+namespace cbsd::standalone {
+
+// Thread entry; runs passes until worker_running is cleared.  Returns 0.
+int standalone_thread();
+
+// The clock the thread paces itself with.  Tests replace it before starting
+// the thread so that passes can be driven without real waiting; nullptr
+// members fall back to the monotonic clock and sleep().
+struct PassClock {
+    uint32_t (*monotonic_seconds)();
+    void (*sleep_seconds)(unsigned seconds);
+};
+void set_pass_clock(const PassClock& clock);
+
+}  // namespace cbsd::standalone

@@ -1,0 +1,350 @@
+"""A virtual router on one Linux host, for the system tests and the demo.
+
+`VirtualRouter` gives the unmodified `cbsd` binary, at its real absolute
+paths, a private mount namespace (writable overlay on /etc, empty /tmp and
+/root) and a private network namespace with the interfaces a test chooses,
+real iptables and ebtables, and stand-ins for `ubus`, `logger` and the
+router's ebtables listing format (tests/lab/bin).  See tests/lab/README.md.
+"""
+import ctypes
+import json
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+from . import uci
+
+LAB_DIR = os.path.dirname(os.path.abspath(__file__))
+STANDIN_DIR = os.path.join(LAB_DIR, "bin")
+REPO_DIR = os.path.dirname(os.path.dirname(LAB_DIR))
+HOLDER = os.path.join(LAB_DIR, "holder.py")
+
+DEFAULT_INTERFACES = ("eth1.112", "usb0.112", "br-lan")
+# Per-router tool overrides (failing or missing tools) come first on PATH.
+OVERRIDE_DIR = "/etc/lab/bin"
+MODEM_STATE = "/etc/lab/modem.json"
+SYSLOG_RECORDS = "/etc/lab/syslog.jsonl"
+SAS_CONFIG = "/etc/config/sas"
+SAS_LOG = "/root/sas/sas.log"
+CERT_DROP_DIR = "/tmp/logger/sas/cert"
+ROUTER_PATH = (f"{OVERRIDE_DIR}:{STANDIN_DIR}:/usr/local/sbin:/usr/local/bin:/usr/sbin:"
+               "/usr/bin:/sbin:/bin")
+
+DEFAULT_MODEM = {
+    "manufacturer": "Quectel",
+    "productmodule": "RG500Q-NA",
+    "SN": "LAB0000001",
+    "imei": "860000000000001",
+    "netstat": 4,
+    "dlfreq": 3625000,
+    "ulfreq": 3625000,
+    "bandwidth": 20,
+    "band": 48,
+}
+
+_PR_SET_PDEATHSIG = 1
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def _die_with_parent():
+    # Runs in the child before exec: killed when the test process dies.
+    _libc.prctl(_PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0)
+
+
+def daemon_binary():
+    """The daemon under test: $CBSD_BIN (set by ctest), else <repo>/build/cbsd."""
+    return os.path.abspath(os.environ.get("CBSD_BIN") or os.path.join(REPO_DIR, "build", "cbsd"))
+
+
+class RouterError(RuntimeError):
+    pass
+
+
+class VirtualRouter:
+    """One virtual router; use it as a context manager (or call close())."""
+
+    def __init__(self, interfaces=DEFAULT_INTERFACES, modem=None, tz="UTC0", sas_config=None,
+                 provision_certs=None, bridge_chain=True, cbsd_bin=None):
+        self.interfaces = tuple(interfaces)
+        self.tz = tz
+        self.cbsd_bin = os.path.abspath(cbsd_bin) if cbsd_bin else daemon_binary()
+        self._workdir = tempfile.mkdtemp(prefix="cbsd-lab-")
+        self._holder = None
+        self._pid = None
+        self._daemon = None
+        self._spawned = []
+        try:
+            self._start(bridge_chain)
+            self.write_file("/etc/TZ", tz + "\n")
+            self._write_modem(dict(DEFAULT_MODEM) if modem is None else dict(modem))
+            if sas_config is not None:
+                self.write_file(SAS_CONFIG, sas_config)
+            if provision_certs is not None:
+                shutil.copytree(provision_certs, self.host_path(CERT_DROP_DIR))
+        except BaseException:
+            self.close()
+            raise
+
+    # ----- life cycle -------------------------------------------------------
+
+    def _start(self, bridge_chain):
+        setup = json.dumps({"interfaces": list(self.interfaces), "bridge_chain": bridge_chain})
+        # Own session: a Ctrl-C meant for pytest does not skip the tear-down.
+        self._holder = subprocess.Popen(
+            ["/usr/bin/python3", HOLDER, self._workdir, setup], stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, text=True, start_new_session=True)
+        line = self._holder.stdout.readline().strip()
+        if not line.startswith("ready "):
+            raise RouterError(f"virtual router set-up failed: {line or 'no answer'}")
+        self._pid = int(line.split()[1])
+
+    def close(self):
+        """Kills everything in the router; leaves no mount, process or file."""
+        for process in [self._daemon] + self._spawned:
+            if process is not None and process.poll() is None:
+                process.kill()
+                process.wait()
+        self._daemon = None
+        self._spawned = []
+        if self._holder is not None:
+            self._holder.stdin.close()  # end of file: the holder tears down
+            try:
+                self._holder.wait(timeout=15)
+            except subprocess.TimeoutExpired:
+                self._holder.kill()
+                self._holder.wait()
+            self._holder.stdout.close()
+            self._holder = None
+        shutil.rmtree(self._workdir, ignore_errors=True)
+        self._pid = None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    @property
+    def pid(self):
+        """Process id of the holder inside the router (for nsenter)."""
+        return self._pid
+
+    # ----- commands ---------------------------------------------------------
+
+    def environment(self, extra=None):
+        env = dict(os.environ)
+        env.update({"PATH": ROUTER_PATH, "TZ": self.tz, "HOME": "/root"})
+        env.pop("CBSD_LAB_MODEM", None)
+        env.pop("CBSD_LAB_SYSLOG", None)
+        if extra:
+            env.update(extra)
+        return env
+
+    def _enter(self, argv):
+        return ["nsenter", f"--target={self._pid}", "--mount", "--net", "--wd=/", *argv]
+
+    def run(self, cmd, check=False, timeout=30, env=None):
+        """Runs a shell command line inside the router; text output."""
+        return subprocess.run(self._enter(["/bin/sh", "-c", cmd]), capture_output=True,
+                              text=True, check=check, timeout=timeout,
+                              env=self.environment(env), stdin=subprocess.DEVNULL)
+
+    def spawn(self, argv, env=None, **popen_kwargs):
+        """Starts a background process inside the router.  It is killed on
+        close() and when the test process dies."""
+        popen_kwargs.setdefault("stdin", subprocess.DEVNULL)
+        process = subprocess.Popen(self._enter(list(argv)), env=self.environment(env),
+                                   preexec_fn=_die_with_parent, **popen_kwargs)
+        self._spawned.append(process)
+        return process
+
+    def run_daemon(self, *args, timeout=30):
+        """Runs `cbsd ARGS` to completion (for one-shot options such as -n)."""
+        return subprocess.run(self._enter([self.cbsd_bin, *args]), capture_output=True,
+                              text=True, timeout=timeout, env=self.environment(),
+                              stdin=subprocess.DEVNULL)
+
+    def start_daemon(self, *args):
+        """Starts `cbsd -d ARGS` (foreground debug mode); its output goes to
+        daemon_output()."""
+        if self._daemon is not None:
+            raise RouterError("the daemon already runs")
+        with open(os.path.join(self._workdir, "daemon.out"), "ab") as out:
+            self._daemon = self.spawn([self.cbsd_bin, "-d", *args], stdout=out,
+                                      stderr=subprocess.STDOUT)
+        return self._daemon
+
+    def stop_daemon(self):
+        """Stops the daemon with SIGKILL; returns its exit status or None."""
+        if self._daemon is None:
+            return None
+        self._daemon.kill()
+        status = self._daemon.wait()
+        self._spawned.remove(self._daemon)
+        self._daemon = None
+        return status
+
+    @property
+    def daemon(self):
+        return self._daemon
+
+    def daemon_output(self):
+        try:
+            with open(os.path.join(self._workdir, "daemon.out"), errors="replace") as out:
+                return out.read()
+        except FileNotFoundError:
+            return ""
+
+    # ----- files ------------------------------------------------------------
+
+    def host_path(self, path):
+        """The host's name for an absolute path inside the router."""
+        if not path.startswith("/"):
+            raise ValueError(f"not an absolute path: {path}")
+        return f"/proc/{self._pid}/root{path}"
+
+    def exists(self, path):
+        return os.path.lexists(self.host_path(path))
+
+    def read_file(self, path, binary=False):
+        """A file inside the router; None when it does not exist."""
+        try:
+            with open(self.host_path(path), "rb" if binary else "r",
+                      **({} if binary else {"errors": "surrogateescape"})) as source:
+                return source.read()
+        except FileNotFoundError:
+            return None
+
+    def write_file(self, path, content, mode=0o644):
+        """Replaces a file inside the router at once (written aside, then
+        renamed), creating its directories."""
+        target = self.host_path(path)
+        os.makedirs(os.path.dirname(target), exist_ok=True)
+        temporary = f"{target}.lab-{os.getpid()}"
+        data = content if isinstance(content, bytes) else content.encode("utf-8",
+                                                                         "surrogateescape")
+        with open(temporary, "wb") as sink:
+            sink.write(data)
+        os.chmod(temporary, mode)
+        os.replace(temporary, target)
+
+    def remove_file(self, path):
+        try:
+            os.unlink(self.host_path(path))
+        except FileNotFoundError:
+            pass
+
+    # ----- modem ------------------------------------------------------------
+
+    def modem_state(self):
+        text = self.read_file(MODEM_STATE)
+        return json.loads(text) if text else {}
+
+    def _write_modem(self, state):
+        self.write_file(MODEM_STATE, json.dumps(state, indent=1) + "\n")
+
+    def set_modem(self, **fields):
+        """Changes modem members (None removes one from the replies).  Special
+        members: raw={method: bytes or text} prints exactly those bytes;
+        fail=True or [methods] makes `ubus` fail (fail_status, default 4)."""
+        state = self.modem_state()
+        for name, value in fields.items():
+            if name == "raw" and value is not None:
+                value = {method: (data.decode("latin-1") if isinstance(data, bytes) else data)
+                         for method, data in value.items()}
+            if value is None:
+                state.pop(name, None)
+            else:
+                state[name] = value
+        self._write_modem(state)
+
+    # ----- configuration ----------------------------------------------------
+
+    def uci_get(self, section, option, path=SAS_CONFIG):
+        """The option's value, or None when the file, section or option is absent."""
+        text = self.read_file(path)
+        return None if text is None else uci.get(text, section, option)
+
+    def uci_set(self, section, option, value, path=SAS_CONFIG):
+        self.write_file(path, uci.set(self.read_file(path) or "", section, option, value))
+
+    # ----- logs -------------------------------------------------------------
+
+    def log_text(self):
+        return self.read_file(SAS_LOG) or ""
+
+    def wait_for(self, predicate, timeout=10.0, interval=0.05):
+        """Polls predicate() until it is true; returns its last value."""
+        deadline = time.monotonic() + timeout
+        while True:
+            value = predicate()
+            if value or time.monotonic() >= deadline:
+                return value
+            time.sleep(interval)
+
+    def wait_for_log(self, text, timeout=10.0):
+        return bool(self.wait_for(lambda: text in self.log_text(), timeout))
+
+    def syslog_records(self):
+        """(priority, tag, text) of every `logger` call, in order."""
+        records = []
+        for line in (self.read_file(SYSLOG_RECORDS) or "").splitlines():
+            record = json.loads(line)
+            records.append((record["priority"], record["tag"], record["text"]))
+        return records
+
+    # ----- network state ----------------------------------------------------
+
+    def ip_forward(self):
+        """(IPv4, IPv6) forwarding switches as the kernel shows them."""
+        out = self.run("cat /proc/sys/net/ipv4/ip_forward "
+                       "/proc/sys/net/ipv6/conf/all/forwarding", check=True).stdout.split()
+        return out[0], out[1]
+
+    def set_ip_forward(self, ipv4, ipv6=None):
+        ipv6 = ipv4 if ipv6 is None else ipv6
+        self.run(f"echo {int(ipv4)} > /proc/sys/net/ipv4/ip_forward;"
+                 f"echo {int(ipv6)} > /proc/sys/net/ipv6/conf/all/forwarding", check=True)
+
+    def iptables_rules(self):
+        """`iptables -S OUTPUT` lines, in chain order."""
+        return self.run("iptables -S OUTPUT", check=True).stdout.splitlines()
+
+    def ebtables_rules(self):
+        """The rule lines of `ebtables -L BRIDGE_FORWARD` in chain order,
+        without the trailing blank the router's listing adds."""
+        listing = self.run("ebtables -L BRIDGE_FORWARD", check=True).stdout
+        return [line.rstrip() for line in listing.splitlines()
+                if line.strip() and not line.startswith("Bridge ")]
+
+    def links(self):
+        """Names of the interfaces `ifconfig` lists (those that are up)."""
+        out = self.run("ifconfig", check=True).stdout
+        return [line.split()[0].rstrip(":") for line in out.splitlines()
+                if line and not line[0].isspace()]
+
+    # ----- tool faults ------------------------------------------------------
+
+    def break_tool(self, name, status=1, message=None):
+        """Makes `name` fail: it prints message (default a generic error) to
+        standard error and exits with status, whatever its arguments."""
+        text = message if message is not None else f"{name}: simulated failure"
+        self.write_file(f"{OVERRIDE_DIR}/{name}",
+                        "#!/bin/sh\n"
+                        f"printf '%s\\n' {_sh_quote(text)} >&2\n"
+                        f"exit {int(status)}\n", mode=0o755)
+
+    def remove_tool(self, name):
+        """Makes `name` behave as a command that does not exist (the shell's
+        "not found", status 127)."""
+        self.break_tool(name, 127, f"sh: 1: {name}: not found")
+
+    def restore_tool(self, name):
+        self.remove_file(f"{OVERRIDE_DIR}/{name}")
+
+
+def _sh_quote(text):
+    return "'" + text.replace("'", "'\\''") + "'"

@@ -1,0 +1,464 @@
+#include "standalone/standalone_thread.h"
+
+#include "config/uci_store.h"
+#include "core/worker_control.h"
+#include "thread_harness.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace cbsd::standalone {
+namespace {
+
+using test::count_of;
+using test::PassGate;
+using test::sim_endpoints;
+using test::sim_push;
+using test::sim_request_element;
+using Endpoints = std::vector<std::string>;
+
+std::string stored(const char* section, const char* option) {
+    char value[256] = {};
+    config::config_get(config::kSasConfigPath, section, option, value, sizeof value);
+    return value;
+}
+
+void store(const char* section, const char* option, const char* value) {
+    config::config_set(config::kSasConfigPath, section, option, value);
+}
+
+bool has(const std::string& text, const std::string& piece) {
+    return text.find(piece) != std::string::npos;
+}
+
+class StandaloneThread : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(test::SimulatorProcess::start(url_));
+        std::string path = test::kSourceDir + "/tests/lab/bin:" + getenv("PATH");
+        setenv("PATH", path.c_str(), 1);
+        test::write_file("/etc/TZ", "UTC0\n");
+        setenv("TZ", "UTC0", 1);
+        tzset();
+    }
+    static void TearDownTestSuite() { test::SimulatorProcess::stop(); }
+
+    void SetUp() override {
+        test::sim_clear();
+        set_connected(true);
+        unlink("/root/sas/sas.log");
+        ASSERT_TRUE(test::write_file(config::kSasConfigPath,
+                                     test::sas_config_text(url_, "Unregistered")));
+        PassGate::instance().reset(false);
+        set_pass_clock({PassGate::now, PassGate::sleep});
+    }
+
+    void TearDown() override {
+        stop_thread();
+        set_pass_clock({nullptr, nullptr});
+    }
+
+    static void set_connected(bool connected) {
+        test::write_file("/etc/lab/modem.json",
+                         connected ? R"({"netstat": 4})" : R"({"netstat": 1})");
+    }
+
+    void start_thread() {
+        core::worker_running.store(1);
+        thread_ = std::thread([] { standalone_thread(); });
+    }
+
+    void stop_thread() {
+        if (!thread_.joinable()) return;
+        core::worker_running.store(0);
+        PassGate::instance().release_all();
+        thread_.join();
+    }
+
+    // Runs until the thread first sleeps (the end of its exchanges).
+    void run_to_first_sleep() {
+        start_thread();
+        ASSERT_TRUE(PassGate::instance().wait_for_sleep(1)) << "the thread never waited";
+    }
+
+    // Takes the device to Authorized with default replies; the thread then
+    // waits the 60 s heartbeat period.
+    void authorize() {
+        run_to_first_sleep();
+        ASSERT_EQ(sim_endpoints(),
+                  (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat"}));
+        ASSERT_EQ(stored("operation", "status"), "Authorized");
+    }
+
+    static std::string log_text() { return test::read_file("/root/sas/sas.log"); }
+
+    static std::string url_;
+    std::thread thread_;
+};
+
+std::string StandaloneThread::url_;
+
+TEST_F(StandaloneThread, RegistrationInquiryGrantAndHeartbeatFollowWithoutDelay) {
+    authorize();
+    EXPECT_EQ(PassGate::now(), 1000u);  // no second passed before the first wait
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+    EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "23");
+    EXPECT_FALSE(stored("sasConfig", "grantExpireTime").empty());
+    EXPECT_FALSE(stored("sasConfig", "transmitExpireTime").empty());
+    EXPECT_EQ(stored("operation", "GrantRenew"), "0");
+    EXPECT_TRUE(has(sim_request_element("heartbeat", 0), R"("operationState":"GRANTED")"));
+    std::string log = log_text();
+    EXPECT_TRUE(has(log, "[SAS] standalone_thread is running.\n"));
+    EXPECT_TRUE(has(log, "[SAS] Register successfully\n"));
+    EXPECT_TRUE(has(log, "[SAS] SpectrumInquiry successfully\n"));
+    EXPECT_TRUE(has(log, "[SAS] Grant successfully\n"));
+    EXPECT_TRUE(has(log, "[SAS] Heartbeat successfully\n"));
+}
+
+TEST_F(StandaloneThread, HeartbeatsEveryHeartbeatInterval) {
+    authorize();
+    ASSERT_TRUE(PassGate::instance().steps(59));
+    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 1u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
+    EXPECT_TRUE(has(sim_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
+}
+
+TEST_F(StandaloneThread, InquiryLowersTheGrantPower) {
+    sim_push("spectrumInquiry",
+             R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
+             R"("highFrequency":3700000000},"channelType":"GAA","ruleApplied":"FCC_PART_96",)"
+             R"("maxEirp":20}]}})");
+    authorize();
+    EXPECT_TRUE(has(sim_request_element("grant", 0), R"("maxEirp":20)"));
+    EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "20");
+}
+
+TEST_F(StandaloneThread, InquiryNeverRaisesTheGrantPower) {
+    sim_push("spectrumInquiry",
+             R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
+             R"("highFrequency":3700000000},"channelType":"GAA","ruleApplied":"FCC_PART_96",)"
+             R"("maxEirp":30}]}})");
+    authorize();
+    EXPECT_TRUE(has(sim_request_element("grant", 0), R"("maxEirp":23)"));
+    EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "23");
+}
+
+TEST_F(StandaloneThread, InquiryDeregisterCodeDeregistersAndStartsOver) {
+    sim_push("spectrumInquiry", R"({"responseCode":105})");
+    run_to_first_sleep();
+    Endpoints seen = sim_endpoints();
+    ASSERT_GE(seen.size(), 4u);
+    EXPECT_EQ(Endpoints(seen.begin(), seen.begin() + 4),
+              (Endpoints{"registration", "spectrumInquiry", "deregistration", "registration"}));
+    EXPECT_TRUE(has(log_text(), "[SAS] SpectrumInquiry unsuccessfully, responseCode:105(DEREGISTER)\n"));
+    EXPECT_EQ(stored("operation", "status"), "Authorized");
+}
+
+TEST_F(StandaloneThread, FailedInquiryIsAskedAgainAfterTheBackOff) {
+    sim_push("spectrumInquiry", R"({"responseCode":103})");
+    run_to_first_sleep();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry"}));
+    ASSERT_TRUE(PassGate::instance().steps(14));
+    EXPECT_EQ(sim_endpoints().size(), 2u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "spectrumInquiry",
+                                          "grant", "heartbeat"}));
+}
+
+TEST_F(StandaloneThread, FailedGrantIsRetriedAloneWithGrowingBackOff) {
+    sim_push("grant", R"({"responseCode":400})");
+    sim_push("grant", R"({"responseCode":400})");
+    run_to_first_sleep();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant"}));
+    EXPECT_TRUE(has(log_text(), "[SAS] Grant unsuccessfully, responseCode:400("));
+    ASSERT_TRUE(PassGate::instance().steps(15));
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "grant"}));
+    ASSERT_TRUE(PassGate::instance().steps(29));
+    EXPECT_EQ(sim_endpoints().size(), 4u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(count_of(sim_endpoints(), "grant"), 3u);
+    EXPECT_EQ(stored("operation", "status"), "Authorized");
+}
+
+TEST_F(StandaloneThread, GrantConflictRelinquishesTheNamedGrantAndAsksAgainAtOnce) {
+    sim_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
+    run_to_first_sleep();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                          "relinquishment", "grant", "heartbeat"}));
+    EXPECT_TRUE(has(sim_request_element("relinquishment", 0), R"("grantId":"grant-old")"));
+    EXPECT_EQ(stored("operation", "status"), "Authorized");
+}
+
+TEST_F(StandaloneThread, GrantDeregisterCodeDeregisters) {
+    sim_push("grant", R"({"responseCode":105})");
+    run_to_first_sleep();
+    Endpoints seen = sim_endpoints();
+    ASSERT_GE(seen.size(), 4u);
+    EXPECT_EQ(Endpoints(seen.begin(), seen.begin() + 4),
+              (Endpoints{"registration", "spectrumInquiry", "grant", "deregistration"}));
+}
+
+TEST_F(StandaloneThread, GrantedHeartbeatRefusalsEndTheGrant) {
+    for (int code : {500, 502}) {
+        SCOPED_TRACE(code);
+        test::sim_clear();
+        test::write_file(config::kSasConfigPath, test::sas_config_text(url_, "Unregistered"));
+        PassGate::instance().reset(false);
+        sim_push("heartbeat", R"({"responseCode":)" + std::to_string(code) + "}");
+        run_to_first_sleep();
+        EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                              "heartbeat", "relinquishment", "grant",
+                                              "heartbeat"}));
+        stop_thread();
+    }
+}
+
+TEST_F(StandaloneThread, GrantedSuspendedHeartbeatWaitsOneMinute) {
+    sim_push("heartbeat", R"({"responseCode":501})");
+    run_to_first_sleep();
+    EXPECT_EQ(stored("operation", "status"), "Granted");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+    ASSERT_TRUE(PassGate::instance().steps(59));
+    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 1u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
+    EXPECT_TRUE(has(sim_request_element("heartbeat", 1), R"("operationState":"GRANTED")"));
+    EXPECT_EQ(stored("operation", "status"), "Authorized");
+}
+
+TEST_F(StandaloneThread, GrantedOtherHeartbeatRefusalBacksOff) {
+    sim_push("heartbeat", R"({"responseCode":103})");
+    run_to_first_sleep();
+    EXPECT_EQ(stored("operation", "status"), "Granted");
+    ASSERT_TRUE(PassGate::instance().steps(14));
+    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 1u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
+}
+
+// Authorized, then the next heartbeat (60 s later) gets the given reply.
+class AuthorizedHeartbeat : public StandaloneThread {
+protected:
+    void refuse_next_heartbeat(const std::string& reply) {
+        authorize();
+        sim_push("heartbeat", reply);
+        ASSERT_TRUE(PassGate::instance().steps(60));
+    }
+    static Endpoints after_authorization() {
+        Endpoints seen = sim_endpoints();
+        return Endpoints(seen.begin() + 4, seen.end());
+    }
+};
+
+TEST_F(AuthorizedHeartbeat, Code500KeepsRadioEnableAndAsksForANewGrant) {
+    refuse_next_heartbeat(R"({"responseCode":500})");
+    EXPECT_EQ(after_authorization(),
+              (Endpoints{"heartbeat", "relinquishment", "grant", "heartbeat"}));
+    EXPECT_TRUE(has(log_text(), "[SAS] Heartbeat unsuccessfully, responseCode:500("));
+}
+
+TEST_F(AuthorizedHeartbeat, Code500LeavesRadioEnableAsItWas) {
+    authorize();
+    sim_push("heartbeat", R"({"responseCode":500})");
+    sim_push("grant", R"({"responseCode":400})");  // hold the thread in Registered
+    ASSERT_TRUE(PassGate::instance().steps(60));
+    EXPECT_EQ(stored("operation", "status"), "Registered");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+}
+
+TEST_F(AuthorizedHeartbeat, Code502WithdrawsRadioEnable) {
+    authorize();
+    sim_push("heartbeat", R"({"responseCode":502})");
+    sim_push("grant", R"({"responseCode":400})");
+    ASSERT_TRUE(PassGate::instance().steps(60));
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "relinquishment", "grant"}));
+    EXPECT_EQ(stored("operation", "status"), "Registered");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+}
+
+TEST_F(AuthorizedHeartbeat, Code501SuspendsToGrantedForOneMinute) {
+    refuse_next_heartbeat(R"({"responseCode":501})");
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat"}));
+    EXPECT_EQ(stored("operation", "status"), "Granted");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+    ASSERT_TRUE(PassGate::instance().steps(60));
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "heartbeat"}));
+    EXPECT_TRUE(has(sim_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
+}
+
+TEST_F(AuthorizedHeartbeat, OtherCodeFallsBackToGrantedAndHeartbeatsAtOnce) {
+    authorize();
+    sim_push("heartbeat", R"({"responseCode":103})");
+    sim_push("heartbeat", R"({"responseCode":103})");
+    ASSERT_TRUE(PassGate::instance().steps(60));
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "heartbeat"}));
+    EXPECT_TRUE(has(sim_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
+    EXPECT_EQ(stored("operation", "status"), "Granted");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+}
+
+TEST_F(AuthorizedHeartbeat, Code105RelinquishesDeregistersAndRegistersAgain) {
+    refuse_next_heartbeat(R"({"responseCode":105})");
+    Endpoints seen = after_authorization();
+    ASSERT_GE(seen.size(), 4u);
+    EXPECT_EQ(Endpoints(seen.begin(), seen.begin() + 4),
+              (Endpoints{"heartbeat", "relinquishment", "deregistration", "registration"}));
+}
+
+TEST_F(AuthorizedHeartbeat, NoReplyRetriesEveryFiveSeconds) {
+    authorize();
+    sim_push("heartbeat", R"({"close":true})");
+    ASSERT_TRUE(PassGate::instance().steps(60));
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat"}));
+    EXPECT_TRUE(has(log_text(), "[SAS] failed to do heartbeat_request(AUTHORIZED)\n"));
+    EXPECT_EQ(stored("operation", "status"), "Authorized");
+    ASSERT_TRUE(PassGate::instance().steps(4));
+    EXPECT_EQ(after_authorization().size(), 1u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "heartbeat"}));
+}
+
+TEST_F(StandaloneThread, TransmitExpiryStopsTransmissionButTheSamePassStillHeartbeats) {
+    sim_push("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-31}}})");
+    sim_push("heartbeat", R"({"responseCode":103})");
+    run_to_first_sleep();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                          "heartbeat", "heartbeat"}));
+    EXPECT_TRUE(has(sim_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
+    EXPECT_TRUE(has(log_text(), "] is expired.\n"));
+    EXPECT_EQ(stored("sasConfig", "transmitExpireTime"), "");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+    EXPECT_EQ(stored("operation", "status"), "Granted");
+}
+
+TEST_F(StandaloneThread, TransmitDeadlineWithinTheGraceKeepsTransmitting) {
+    sim_push("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-20}}})");
+    run_to_first_sleep();
+    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 1u);
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+    EXPECT_FALSE(has(log_text(), "transmitExpireTime["));
+}
+
+TEST_F(StandaloneThread, GrantExpiryActsInAnyState) {
+    // Deregistered by the SAS while a grant time is still stored; the new
+    // registration is refused, so the thread waits in Unregistered.
+    sim_push("heartbeat", R"({"responseCode":105})");
+    sim_push("registration", R"({"responseCode":200})");
+    sim_push("grant", R"({"responseCode":400})");
+    run_to_first_sleep();
+    ASSERT_EQ(stored("operation", "status"), "Unregistered");
+    store("sasConfig", "grantExpireTime", "2020-01-01T00:00:00Z");
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_TRUE(has(log_text(), "[SAS] grantExpireTime[2020-01-01T00:00:00Z] is expired.\n"));
+    EXPECT_EQ(stored("sasConfig", "grantExpireTime"), "");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+    // The pass still acted on the status it had read: it registered again,
+    // and the grant that followed was refused.
+    Endpoints seen = sim_endpoints();
+    EXPECT_EQ(seen.back(), "grant");
+    EXPECT_EQ(stored("operation", "status"), "Registered");
+}
+
+TEST_F(StandaloneThread, RenewalWindowMarksTheGrantAndTheHeartbeatAsksForRenewal) {
+    sim_push("grant", R"({"set":{"grantExpireTime":{"$time":3600}}})");
+    run_to_first_sleep();
+    EXPECT_EQ(stored("operation", "GrantRenew"), "1");
+    EXPECT_TRUE(has(sim_request_element("heartbeat", 0), R"("grantRenew":true)"));
+}
+
+TEST_F(StandaloneThread, OutsideTheRenewalWindowNoRenewalIsAsked) {
+    sim_push("grant", R"({"set":{"grantExpireTime":{"$time":7300}}})");
+    run_to_first_sleep();
+    EXPECT_EQ(stored("operation", "GrantRenew"), "0");
+    EXPECT_TRUE(has(sim_request_element("heartbeat", 0), R"("grantRenew":false)"));
+}
+
+TEST_F(StandaloneThread, TransportFailureWaitsFifteenSeconds) {
+    sim_push("registration", R"({"close":true})");
+    run_to_first_sleep();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration"}));
+    EXPECT_TRUE(has(log_text(), "[SAS] failed to do registeration_request()\n"));
+    ASSERT_TRUE(PassGate::instance().steps(14));
+    EXPECT_EQ(sim_endpoints().size(), 1u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(count_of(sim_endpoints(), "registration"), 2u);
+}
+
+TEST_F(StandaloneThread, LteChangeEndsTheBackOff) {
+    sim_push("registration", R"({"close":true})");
+    sim_push("registration", R"({"close":true})");
+    sim_push("registration", R"({"close":true})");
+    run_to_first_sleep();
+    ASSERT_TRUE(PassGate::instance().steps(15));  // 15 s: second failure, now 30 s
+    ASSERT_EQ(count_of(sim_endpoints(), "registration"), 2u);
+    set_connected(false);
+    ASSERT_TRUE(PassGate::instance().steps(2));  // one waiting pass notices, the next sends
+    EXPECT_EQ(count_of(sim_endpoints(), "registration"), 3u);
+    // The back-off starts again at 15 s.
+    ASSERT_TRUE(PassGate::instance().steps(14));
+    EXPECT_EQ(count_of(sim_endpoints(), "registration"), 3u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(count_of(sim_endpoints(), "registration"), 4u);
+}
+
+TEST_F(StandaloneThread, StopWhileUnregisteredSendsNothing) {
+    sim_push("registration", R"({"responseCode":200})");
+    run_to_first_sleep();
+    stop_thread();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration"}));
+    EXPECT_TRUE(has(log_text(), "[SAS] standalone_thread exit.\n"));
+}
+
+TEST_F(StandaloneThread, StopWhileRegisteredOnlyDeregisters) {
+    sim_push("grant", R"({"responseCode":400})");
+    run_to_first_sleep();
+    stop_thread();
+    EXPECT_EQ(sim_endpoints(),
+              (Endpoints{"registration", "spectrumInquiry", "grant", "deregistration"}));
+}
+
+TEST_F(StandaloneThread, StopWhileGrantedRelinquishesThenDeregisters) {
+    sim_push("heartbeat", R"({"responseCode":501})");
+    run_to_first_sleep();
+    stop_thread();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
+                                          "relinquishment", "deregistration"}));
+    EXPECT_TRUE(has(sim_request_element("relinquishment", 0), R"("grantId":"grant-)"));
+    EXPECT_EQ(stored("operation", "status"), "Granted");  // the stop writes no state
+}
+
+TEST_F(StandaloneThread, StopWhileAuthorizedRelinquishesThenDeregisters) {
+    authorize();
+    stop_thread();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
+                                          "relinquishment", "deregistration"}));
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+}
+
+TEST_F(StandaloneThread, EmptyServerUrlEndsTheThreadAndKeepsTheRunningFlag) {
+    store("config", "address", "");
+    start_thread();
+    thread_.join();
+    EXPECT_EQ(core::worker_running.load(), 1);
+    std::string log = log_text();
+    EXPECT_TRUE(has(log, "[SAS] sas server URL is invalid.\n"));
+    EXPECT_TRUE(has(log, "[SAS] standalone_thread exit.\n"));
+    EXPECT_TRUE(sim_endpoints().empty());
+    core::worker_running.store(0);
+}
+
+TEST_F(StandaloneThread, UnknownStatusSendsNothing) {
+    store("operation", "status", "authorized");
+    start_thread();
+    EXPECT_FALSE(test::wait_until([] { return !sim_endpoints().empty(); }, 0.5));
+    stop_thread();
+    EXPECT_TRUE(sim_endpoints().empty());
+    EXPECT_TRUE(has(log_text(), "[SAS] standalone_thread exit.\n"));
+}
+
+}  // namespace
+}  // namespace cbsd::standalone

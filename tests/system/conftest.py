@@ -1,0 +1,36 @@
+"""Shared fixtures of the system tests: virtual routers and the daemon binary."""
+import os
+import sys
+
+import pytest
+
+TESTS_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+if TESTS_DIR not in sys.path:
+    sys.path.insert(0, TESTS_DIR)
+
+from lab.router import VirtualRouter, daemon_binary  # noqa: E402
+
+
+@pytest.fixture
+def cbsd_bin():
+    """Absolute path of the daemon under test ($CBSD_BIN, else <repo>/build/cbsd)."""
+    path = daemon_binary()
+    if not os.access(path, os.X_OK):
+        pytest.fail(f"daemon binary {path} not found: build the cbsd target or set CBSD_BIN")
+    return path
+
+
+@pytest.fixture
+def router():
+    """Factory: router(**VirtualRouter arguments) -> a started VirtualRouter,
+    closed when the test ends, whatever happened."""
+    made = []
+
+    def make(**kwargs):
+        instance = VirtualRouter(**kwargs)
+        made.append(instance)
+        return instance
+
+    yield make
+    for instance in made:
+        instance.close()

@@ -1,0 +1,227 @@
+"""The StandAlone worker of the real daemon in a virtual router, against the
+SAS simulator running inside the router: from enabling SAS to an authorised
+device with open gates, heartbeats, refusals and expiry closing the gates,
+disabling SAS and configuration changes.  A sampler checks throughout every
+test that the gates are never open while SAS is on and the radio is not
+enabled (beyond the one supervision pass the loop needs to notice)."""
+import os
+import sys
+import tempfile
+import threading
+import time
+
+import pytest
+
+TESTS_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(TESTS_DIR, "sas_sim"))
+
+import pki  # noqa: E402
+from client import SasSim, relative  # noqa: E402
+
+ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
+HEARTBEAT_INTERVAL = 4
+# One supervision pass (5 s sleep) plus the pass itself.
+ONE_PASS = 7
+BUILD_DIR = os.environ.get("CBSD_BINARY_DIR") or os.path.join(os.path.dirname(TESTS_DIR), "build")
+
+
+def sas_config(url, enable_mode="1", call_sign="CALL1"):
+    return (
+        "config config 'config'\n"
+        f"\toption enableMode '{enable_mode}'\n"
+        "\toption usedp '0'\n"
+        "\toption auto '0'\n"
+        "\toption sasStepChoice '0'\n"
+        f"\toption address '{url}'\n"
+        "\toption userId 'lab-user'\n"
+        f"\toption callSign '{call_sign}'\n"
+        "\toption antennaAzimuth '180'\n"
+        "\toption antennaDowntilt '2'\n"
+        "\n"
+        "config cpi 'cpi'\n"
+        "\toption latitude '37.4'\n"
+        "\toption longitude '-122.1'\n"
+        "\toption height '10'\n"
+        "\toption heightUnit '0'\n"
+        "\n"
+        "config sasConfig 'sasConfig'\n"
+        "\toption RadioEnable '0'\n"
+        "\toption powerSpectralDensity ''\n"
+        "\toption grantExpireTime ''\n"
+        "\toption transmitExpireTime ''\n"
+        "\n"
+        "config operation 'operation'\n"
+        "\toption status 'Unregistered'\n"
+        "\toption GrantRenew '0'\n"
+        "\n"
+        "config cert 'cert'\n"
+        "\toption clientCertFileName 'cbsd.pem'\n"
+        "\toption clientKeyFileName 'cbsd.key'\n"
+        "\toption serverCAFileName 'ca.pem'\n"
+        "\toption cpiKeyFileName ''\n"
+        "\toption cpiKeyFilePassword ''\n"
+        "\n"
+        "config cellInfo 'cellInfo'\n"
+    )
+
+
+def gates_open(r):
+    return (r.ip_forward() == ("1", "1") and ICMP_DROP not in r.iptables_rules()
+            and not any("DROP" in rule for rule in r.ebtables_rules()))
+
+
+def gates_closed(r):
+    return r.ip_forward() == ("0", "0") and ICMP_DROP in r.iptables_rules()
+
+
+class FailClosedSampler(threading.Thread):
+    """Samples the real gates; records any stretch longer than one supervision
+    pass in which they are open while SAS is on and RadioEnable is not "1"."""
+
+    def __init__(self, r):
+        super().__init__(daemon=True)
+        self.r = r
+        self.stop_event = threading.Event()
+        self.violations = []
+
+    def run(self):
+        allowed_until = time.monotonic() + ONE_PASS
+        while not self.stop_event.wait(0.25):
+            try:
+                sas_on = self.r.uci_get("config", "enableMode") == "1"
+                radio = self.r.uci_get("sasConfig", "RadioEnable") == "1"
+                opened = gates_open(self.r)
+            except Exception:  # the router is being torn down
+                return
+            now = time.monotonic()
+            if not opened or not sas_on or radio:
+                allowed_until = now + ONE_PASS
+            elif now > allowed_until:
+                self.violations.append((round(now, 1), self.r.uci_get("operation", "status")))
+
+    def finish(self):
+        self.stop_event.set()
+        self.join(5)
+        assert not self.violations, f"gates open without radio permission: {self.violations[:5]}"
+
+
+@pytest.fixture(scope="module")
+def pki_dir():
+    return pki.generate(os.path.join(BUILD_DIR, "standalone-system-pki"))
+
+
+@pytest.fixture
+def lab(router, pki_dir):
+    """(router, simulator) with the device credentials installed and the
+    daemon not yet started; the sampler runs for the whole test."""
+    control_dir = tempfile.mkdtemp(prefix="cbsd-sim-", dir=BUILD_DIR)
+    r = router(sas_config=sas_config("https://127.0.0.1:1/v1.2", enable_mode="0"))
+    for sub, name, source in (("clientCert", "cbsd.pem", "client.pem"),
+                              ("clientKey", "cbsd.key", "client.key"),
+                              ("serverCA", "ca.pem", "ca.pem")):
+        with open(os.path.join(pki_dir, source)) as f:
+            r.write_file(f"/root/sas/cert/{sub}/{name}", f.read(), mode=0o600)
+    proc = r.spawn(SasSim.command(control_dir, pki_dir,
+                                  extra=["--heartbeat-interval", str(HEARTBEAT_INTERVAL)]))
+    sim = SasSim(control_dir, proc)
+    sim.wait_ready()
+    r.write_file("/etc/config/sas", sas_config(sim.url, enable_mode="0"))
+    sampler = FailClosedSampler(r)
+    sampler.start()
+    yield r, sim
+    sampler.finish()
+    proc.terminate()
+
+
+def enable(r):
+    r.uci_set("config", "enableMode", "1")
+
+
+def authorized(lab_pair, timeout=40):
+    r, sim = lab_pair
+    r.start_daemon()
+    assert r.wait_for_log("[SAS] sas disable.\n", 15), r.daemon_output()[-2000:]
+    started = time.monotonic()
+    enable(r)
+    assert r.wait_for(lambda: gates_open(r) and r.uci_get("operation", "status") == "Authorized",
+                      timeout), r.log_text()[-3000:]
+    return time.monotonic() - started
+
+
+def endpoints(sim):
+    return [q["endpoint"] for q in sim.requests()]
+
+
+def test_enable_registers_grants_authorizes_and_opens_gates(lab):
+    r, sim = lab
+    seconds = authorized(lab)
+    print(f"\nMEASURE enable -> all gates open: {seconds:.1f} s")
+    assert endpoints(sim)[:4] == ["registration", "spectrumInquiry", "grant", "heartbeat"]
+    first = sim.requests()[:3]
+    # Registration, inquiry and grant follow each other without waiting.
+    assert first[2]["time"] - first[0]["time"] < 3
+    assert r.uci_get("sasConfig", "RadioEnable") == "1"
+    assert "[SAS] device has been authorized.\n" in r.log_text()
+
+
+def test_heartbeats_every_heartbeat_interval(lab):
+    r, sim = lab
+    authorized(lab)
+    beats = sim.wait_for_request("heartbeat", count=4, timeout=4 * HEARTBEAT_INTERVAL + 5)
+    assert len(beats) >= 4
+    gaps = [b["time"] - a["time"] for a, b in zip(beats[1:], beats[2:])]
+    assert all(HEARTBEAT_INTERVAL - 0.5 <= g <= HEARTBEAT_INTERVAL + 1.5 for g in gaps), gaps
+    assert beats[1]["json"]["heartbeatRequest"][0]["operationState"] == "AUTHORIZED"
+
+
+def test_refused_heartbeat_closes_gates(lab):
+    r, sim = lab
+    authorized(lab)
+    sim.push("grant", responseCode=400)  # keep the device without a grant afterwards
+    sim.push("heartbeat", responseCode=502)
+    refused_at = None
+    count = len(sim.requests("heartbeat"))
+    sim.wait_for_request("heartbeat", count=count + 1, timeout=HEARTBEAT_INTERVAL + 5)
+    refused_at = time.monotonic()
+    assert r.wait_for(lambda: gates_closed(r), ONE_PASS + 2)
+    print(f"\nMEASURE refused heartbeat -> gates closed: {time.monotonic() - refused_at:.1f} s")
+    assert r.uci_get("sasConfig", "RadioEnable") == "0"
+    assert r.uci_get("operation", "status") == "Registered"
+    assert "relinquishment" in endpoints(sim)
+
+
+def test_transmit_expiry_closes_gates(lab):
+    r, sim = lab
+    sim.push("heartbeat", set={"transmitExpireTime": relative(-31)})
+    sim.set_default("heartbeat", responseCode=501)
+    r.start_daemon()
+    enable(r)
+    assert r.wait_for_log("is expired.\n", 30), r.log_text()[-3000:]
+    assert r.wait_for(lambda: r.uci_get("operation", "status") == "Granted", 10)
+    assert r.uci_get("sasConfig", "RadioEnable") == "0"
+    assert r.uci_get("sasConfig", "transmitExpireTime") == ""
+    assert r.wait_for(lambda: gates_closed(r), ONE_PASS + 2)
+
+
+def test_disable_relinquishes_deregisters_and_recovers_network(lab):
+    r, sim = lab
+    authorized(lab)
+    r.uci_set("config", "enableMode", "0")
+    assert r.wait_for_log("[SAS] sas disable.\n", ONE_PASS + 2)
+    assert r.wait_for(lambda: endpoints(sim)[-2:] == ["relinquishment", "deregistration"], 10)
+    assert r.wait_for(lambda: gates_open(r), 5)
+    assert r.uci_get("operation", "status") == "Unregistered"
+    assert r.uci_get("sasConfig", "RadioEnable") == "0"
+
+
+def test_configuration_change_restarts_worker(lab):
+    r, sim = lab
+    authorized(lab)
+    registrations = len(sim.requests("registration"))
+    r.uci_set("config", "callSign", "CALL2")
+    assert r.wait_for_log("[SAS] sas configuration is changed.\n", ONE_PASS + 2)
+    assert r.wait_for(lambda: len(sim.requests("registration")) > registrations, 15)
+    seen = endpoints(sim)
+    restart = seen.index("registration", 1)
+    assert seen[restart - 2:restart] == ["relinquishment", "deregistration"]
+    assert r.wait_for(lambda: r.uci_get("operation", "status") == "Authorized", 20)
