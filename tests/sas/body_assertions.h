@@ -10,6 +10,7 @@
 #include <jansson.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <string>
 
 namespace cbsd::test {
@@ -78,8 +79,12 @@ inline long long integer_member(json_t* object, const char* member) {
     return json_integer_value(value);
 }
 
+// An empty log and no reply dump: each test starts from the state of a fresh
+// daemon even when several tests share one process.
 inline void prepare_log_directory() {
     mkdir("/root/sas", 0755);
+    std::remove("/root/sas/sas.log");
+    std::remove("/tmp/sasmsg.json");
 }
 
 inline std::string log_text() {
