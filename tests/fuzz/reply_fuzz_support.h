@@ -16,8 +16,10 @@
 namespace cbsd::fuzz {
 
 inline void enter_private_tmp() {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 || mount("tmpfs", "/root", "tmpfs", 0, "mode=0700") != 0) {
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+        mount("tmpfs", "/root", "tmpfs", 0, "mode=0700") != 0) {
         std::perror("fuzz target: private /tmp and /root (run as root)");
         std::exit(1);
     }

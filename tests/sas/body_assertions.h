@@ -33,7 +33,8 @@ inline config::DeviceRecord sample_device_record() {
     core::copy_text(r.measCapability, sizeof r.measCapability, "RECEIVED_POWER_WITHOUT_GRANT");
     core::copy_text(r.groupId, sizeof r.groupId, "group-7");
     core::copy_text(r.groupType, sizeof r.groupType, "INTERFERENCE_COORDINATION");
-    core::copy_text(r.installCertificationTime, sizeof r.installCertificationTime, "2024-01-02T03:04:05Z");
+    core::copy_text(r.installCertificationTime, sizeof r.installCertificationTime,
+                    "2024-01-02T03:04:05Z");
     core::copy_text(r.cpiId, sizeof r.cpiId, "cpi-42");
     core::copy_text(r.cpiName, sizeof r.cpiName, "Pat Installer");
     core::copy_text(r.lowFrequency, sizeof r.lowFrequency, "3552.5");

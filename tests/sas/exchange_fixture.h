@@ -43,7 +43,8 @@ protected:
     std::vector<json_t*> received(const std::string& endpoint) {
         std::vector<json_t*> bodies;
         for (const sim::Request& request : simulator->requests())
-            if (request.endpoint == endpoint) bodies.push_back(json_loads(request.body.c_str(), 0, nullptr));
+            if (request.endpoint == endpoint)
+                bodies.push_back(json_loads(request.body.c_str(), 0, nullptr));
         return bodies;
     }
 
@@ -57,14 +58,17 @@ protected:
 // Owns the parsed bodies of received() and gives element 0 of each.
 class ReceivedBodies {
 public:
-    ReceivedBodies(std::vector<json_t*> bodies, const char* member) : bodies_(std::move(bodies)), member_(member) {}
+    ReceivedBodies(std::vector<json_t*> bodies, const char* member)
+        : bodies_(std::move(bodies)), member_(member) {}
     ~ReceivedBodies() {
         for (json_t* body : bodies_) json_decref(body);
     }
     ReceivedBodies(const ReceivedBodies&) = delete;
     ReceivedBodies& operator=(const ReceivedBodies&) = delete;
     size_t size() const { return bodies_.size(); }
-    json_t* element(size_t i) const { return json_array_get(json_object_get(bodies_.at(i), member_), 0); }
+    json_t* element(size_t i) const {
+        return json_array_get(json_object_get(bodies_.at(i), member_), 0);
+    }
 
 private:
     std::vector<json_t*> bodies_;

@@ -130,8 +130,9 @@ protected:
 };
 
 TEST_F(GrantReplyTest, SuccessCopiesTheGrant) {
-    ASSERT_EQ(0, parse(R"({"cbsdId":"c","grantId":"g-1","grantExpireTime":"2030-01-01T00:00:00Z",)"
-                       R"("heartbeatInterval":120,"channelType":"GAA","response":{"responseCode":0}})"));
+    ASSERT_EQ(
+        0, parse(R"({"cbsdId":"c","grantId":"g-1","grantExpireTime":"2030-01-01T00:00:00Z",)"
+                 R"("heartbeatInterval":120,"channelType":"GAA","response":{"responseCode":0}})"));
     EXPECT_STREQ("c", reply.cbsdId);
     EXPECT_STREQ("g-1", reply.grantId);
     EXPECT_STREQ("2030-01-01T00:00:00Z", reply.grantExpireTime);
@@ -153,15 +154,20 @@ TEST_F(GrantReplyTest, LongTextsAreCutToTheirFields) {
 }
 
 TEST_F(GrantReplyTest, ConflictKeepsTheConflictingGrantId) {
-    EXPECT_EQ(-1, parse(R"({"grantId":"mine","response":{"responseCode":401,"responseData":["g-old","x"]}})"));
+    EXPECT_EQ(
+        -1,
+        parse(
+            R"({"grantId":"mine","response":{"responseCode":401,"responseData":["g-old","x"]}})"));
     EXPECT_EQ(401, reply.responseCode);
     EXPECT_STREQ("g-old", reply.responseData);
     EXPECT_STREQ("", reply.grantId);
 }
 
 TEST_F(GrantReplyTest, ConflictWithoutUsableResponseDataLeavesTheField) {
-    for (const char* data : {"", R"(,"responseData":[])", R"(,"responseData":[401])", R"(,"responseData":"g")"}) {
-        EXPECT_EQ(-1, parse(std::string(R"({"response":{"responseCode":401)") + data + "}}")) << data;
+    for (const char* data :
+         {"", R"(,"responseData":[])", R"(,"responseData":[401])", R"(,"responseData":"g")"}) {
+        EXPECT_EQ(-1, parse(std::string(R"({"response":{"responseCode":401)") + data + "}}"))
+            << data;
         EXPECT_STREQ("earlier", reply.responseData) << data;
     }
 }

@@ -61,7 +61,8 @@ TEST_F(HeartbeatBodyTest, WithoutGrantCapabilitySendsNoReport) {
 }
 
 TEST_F(HeartbeatBodyTest, WithGrantCapabilitySendsFifteenDistinctEntries) {
-    core::copy_text(record.measCapability, sizeof record.measCapability, "RECEIVED_POWER_WITH_GRANT");
+    core::copy_text(record.measCapability, sizeof record.measCapability,
+                    "RECEIVED_POWER_WITH_GRANT");
     ASSERT_EQ(BodyStatus::Stored, build(false));
     ParsedBody parsed(body, "heartbeatRequest");
     json_t* entries = json_object_get(parsed.get("measReport"), "rcvdPowerMeasReports");
@@ -76,9 +77,11 @@ TEST_F(HeartbeatBodyTest, WithGrantCapabilitySendsFifteenDistinctEntries) {
 }
 
 TEST_F(HeartbeatBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
-    core::copy_text(record.measCapability, sizeof record.measCapability, "RECEIVED_POWER_WITH_GRANT");
+    core::copy_text(record.measCapability, sizeof record.measCapability,
+                    "RECEIVED_POWER_WITH_GRANT");
     char small[1024];
-    EXPECT_EQ(BodyStatus::TooLong, build_heartbeat_body(&grant, &record, "GRANTED", false, small, sizeof small));
+    EXPECT_EQ(BodyStatus::TooLong,
+              build_heartbeat_body(&grant, &record, "GRANTED", false, small, sizeof small));
     EXPECT_EQ(std::string(sizeof small, '\0'), std::string(small, sizeof small));
 }
 
@@ -87,11 +90,14 @@ TEST(GrantRenewFlag, NonZeroIntegerTextRequestsRenewal) {
     struct Case {
         const char* option;
         bool renew;
-    } cases[] = {{"\toption GrantRenew '1'\n", true}, {"\toption GrantRenew '7'\n", true},
-                 {"\toption GrantRenew '0'\n", false}, {"\toption GrantRenew ''\n", false},
+    } cases[] = {{"\toption GrantRenew '1'\n", true},
+                 {"\toption GrantRenew '7'\n", true},
+                 {"\toption GrantRenew '0'\n", false},
+                 {"\toption GrantRenew ''\n", false},
                  {"", false}};
     for (const Case& c : cases) {
-        ASSERT_TRUE(test::write_file("/etc/config/sas", std::string("config operation 'operation'\n") + c.option));
+        ASSERT_TRUE(test::write_file("/etc/config/sas",
+                                     std::string("config operation 'operation'\n") + c.option));
         EXPECT_EQ(c.renew, is_grant_renew_requested()) << c.option;
     }
     std::remove("/etc/config/sas");
@@ -106,7 +112,8 @@ protected:
         test::prepare_log_directory();
         std::memset(&reply, 0, sizeof reply);
         reply.heartbeatInterval = 90;
-        core::copy_text(reply.grantExpireTime, sizeof reply.grantExpireTime, "2029-01-01T00:00:00Z");
+        core::copy_text(reply.grantExpireTime, sizeof reply.grantExpireTime,
+                        "2029-01-01T00:00:00Z");
     }
     int32_t parse(const std::string& element) {
         test::write_reply(R"({"heartbeatResponse":[)" + element + "]}");
@@ -116,8 +123,11 @@ protected:
 };
 
 TEST_F(HeartbeatReplyTest, SuccessCopiesTimesAndInterval) {
-    ASSERT_EQ(0, parse(R"({"cbsdId":"c","grantId":"g","transmitExpireTime":"2030-01-01T00:04:00Z",)"
-                       R"("grantExpireTime":"2030-02-01T00:00:00Z","heartbeatInterval":30,"response":{"responseCode":0}})"));
+    ASSERT_EQ(
+        0,
+        parse(
+            R"({"cbsdId":"c","grantId":"g","transmitExpireTime":"2030-01-01T00:04:00Z",)"
+            R"("grantExpireTime":"2030-02-01T00:00:00Z","heartbeatInterval":30,"response":{"responseCode":0}})"));
     EXPECT_STREQ("c", reply.cbsdId);
     EXPECT_STREQ("g", reply.grantId);
     EXPECT_STREQ("2030-01-01T00:04:00Z", reply.transmitExpireTime);
@@ -126,7 +136,8 @@ TEST_F(HeartbeatReplyTest, SuccessCopiesTimesAndInterval) {
 }
 
 TEST_F(HeartbeatReplyTest, SuccessWithoutGrantExpireTimeOrIntervalKeepsThem) {
-    ASSERT_EQ(0, parse(R"({"transmitExpireTime":"2030-01-01T00:04:00Z","response":{"responseCode":0}})"));
+    ASSERT_EQ(
+        0, parse(R"({"transmitExpireTime":"2030-01-01T00:04:00Z","response":{"responseCode":0}})"));
     EXPECT_STREQ("2029-01-01T00:00:00Z", reply.grantExpireTime);
     EXPECT_EQ(90, reply.heartbeatInterval);
 }
@@ -138,7 +149,8 @@ TEST_F(HeartbeatReplyTest, TimeOfWrongTypeIsIgnored) {
 
 TEST_F(HeartbeatReplyTest, RefusalKeepsTheCode) {
     for (int code : {500, 501, 502, 105}) {
-        EXPECT_EQ(-1, parse(R"({"transmitExpireTime":"x","response":{"responseCode":)" + std::to_string(code) + "}}"));
+        EXPECT_EQ(-1, parse(R"({"transmitExpireTime":"x","response":{"responseCode":)" +
+                            std::to_string(code) + "}}"));
         EXPECT_EQ(code, reply.responseCode);
         EXPECT_STREQ("", reply.transmitExpireTime);
     }

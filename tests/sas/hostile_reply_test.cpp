@@ -28,10 +28,12 @@ const std::string kHostileText =
 
 void install_recording_logger() {
     mkdir("/tmp/bin", 0755);
-    ASSERT_TRUE(test::write_file("/tmp/bin/logger",
-                                 "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done >> /tmp/logger.args\n"));
+    ASSERT_TRUE(test::write_file(
+        "/tmp/bin/logger",
+        "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done >> /tmp/logger.args\n"));
     chmod("/tmp/bin/logger", 0755);
-    std::string path = std::string("/tmp/bin:") + (std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin");
+    std::string path =
+        std::string("/tmp/bin:") + (std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin");
     setenv("PATH", path.c_str(), 1);
 }
 
@@ -52,15 +54,18 @@ void parse_with_all_parsers() {
 }
 
 std::string every_member_reply(const std::string& member, const std::string& value) {
-    return "{\"" + member + "\":[{\"cbsdId\":" + value + ",\"grantId\":" + value + ",\"grantExpireTime\":" + value +
-           ",\"transmitExpireTime\":" + value + ",\"channelType\":" + value + ",\"heartbeatInterval\":" + value +
-           ",\"availableChannel\":[{\"frequencyRange\":{\"lowFrequency\":" + value + ",\"highFrequency\":" + value +
-           "},\"channelType\":" + value + ",\"ruleApplied\":" + value + ",\"maxEirp\":" + value +
+    return "{\"" + member + "\":[{\"cbsdId\":" + value + ",\"grantId\":" + value +
+           ",\"grantExpireTime\":" + value + ",\"transmitExpireTime\":" + value +
+           ",\"channelType\":" + value + ",\"heartbeatInterval\":" + value +
+           ",\"availableChannel\":[{\"frequencyRange\":{\"lowFrequency\":" + value +
+           ",\"highFrequency\":" + value + "},\"channelType\":" + value +
+           ",\"ruleApplied\":" + value + ",\"maxEirp\":" + value +
            "}],\"response\":{\"responseCode\":0,\"responseData\":[" + value + "]}}]}";
 }
 
-const char* const kMembers[] = {"registrationResponse", "spectrumInquiryResponse", "grantResponse",
-                                "heartbeatResponse",    "relinquishmentResponse",  "deregistrationResponse"};
+const char* const kMembers[] = {"registrationResponse",   "spectrumInquiryResponse",
+                                "grantResponse",          "heartbeatResponse",
+                                "relinquishmentResponse", "deregistrationResponse"};
 
 class HostileReplyTest : public ::testing::Test {
 protected:
@@ -69,14 +74,17 @@ protected:
         install_recording_logger();
         std::remove(kCanary);
     }
-    void TearDown() override { EXPECT_FALSE(test::file_exists(kCanary)) << "a reply reached a shell"; }
+    void TearDown() override {
+        EXPECT_FALSE(test::file_exists(kCanary)) << "a reply reached a shell";
+    }
 };
 
 TEST_F(HostileReplyTest, ShellMetacharactersStayData) {
     test::write_reply(every_member_reply("grantResponse", "\"" + kHostileText + "\""));
     GrantResponse grant{};
     ASSERT_EQ(0, parse_grant_response(&grant));
-    const std::string plain = "$(touch /tmp/canary)\"; touch /tmp/canary; \"`touch /tmp/canary`'; touch /tmp/canary #";
+    const std::string plain =
+        "$(touch /tmp/canary)\"; touch /tmp/canary; \"`touch /tmp/canary`'; touch /tmp/canary #";
     EXPECT_EQ(plain.substr(0, 63), grant.grantExpireTime);
     EXPECT_EQ(plain, grant.grantId);
 
@@ -106,7 +114,8 @@ TEST_F(HostileReplyTest, HugeStringsAreCutToTheirFields) {
 }
 
 TEST_F(HostileReplyTest, WrongJsonTypesAreIgnoredOrReadAsZero) {
-    for (const char* value : {"null", "true", "[1,2]", "{\"a\":1}", "-1e308", "9223372036854775807", "1.5"}) {
+    for (const char* value :
+         {"null", "true", "[1,2]", "{\"a\":1}", "-1e308", "9223372036854775807", "1.5"}) {
         for (const char* member : kMembers) {
             test::write_reply(every_member_reply(member, value));
             parse_with_all_parsers();
@@ -116,15 +125,16 @@ TEST_F(HostileReplyTest, WrongJsonTypesAreIgnoredOrReadAsZero) {
         ASSERT_EQ(0, parse_grant_response(&grant)) << value;
         EXPECT_STREQ("", grant.grantId) << value;
     }
-    const char* shapes[] = {R"({"grantResponse":{"response":{"responseCode":0}}})",
-                            R"({"grantResponse":[]})",
-                            R"({"grantResponse":[7]})",
-                            R"({"grantResponse":[{"response":"0"}]})",
-                            R"({"grantResponse":[{"response":{"responseCode":"401","responseData":"g"}}]})",
-                            R"({"grantResponse":[{"response":{"responseCode":4294967697}}]})",
-                            R"({"grantResponse":[{"response":{"responseCode":401,"responseData":{"0":"g"}}}]})",
-                            R"("just a string")",
-                            ""};
+    const char* shapes[] = {
+        R"({"grantResponse":{"response":{"responseCode":0}}})",
+        R"({"grantResponse":[]})",
+        R"({"grantResponse":[7]})",
+        R"({"grantResponse":[{"response":"0"}]})",
+        R"({"grantResponse":[{"response":{"responseCode":"401","responseData":"g"}}]})",
+        R"({"grantResponse":[{"response":{"responseCode":4294967697}}]})",
+        R"({"grantResponse":[{"response":{"responseCode":401,"responseData":{"0":"g"}}}]})",
+        R"("just a string")",
+        ""};
     for (const char* shape : shapes) {
         test::write_reply(shape);
         parse_with_all_parsers();
@@ -132,18 +142,21 @@ TEST_F(HostileReplyTest, WrongJsonTypesAreIgnoredOrReadAsZero) {
 }
 
 TEST_F(HostileReplyTest, DeepNestingAndInvalidUtf8AreRefused) {
-    std::string deep = R"({"grantResponse":[{"response":{"responseCode":0},"cbsdId":)" + std::string(100000, '[') +
-                       std::string(100000, ']') + "}]}";
+    std::string deep = R"({"grantResponse":[{"response":{"responseCode":0},"cbsdId":)" +
+                       std::string(100000, '[') + std::string(100000, ']') + "}]}";
     test::write_reply(deep);
     GrantResponse grant{};
     EXPECT_EQ(-1, parse_grant_response(&grant));
     EXPECT_EQ(-1, grant.responseCode);
     parse_with_all_parsers();
 
-    test::write_reply("{\"grantResponse\":[{\"grantId\":\"\xff\xfe\xc0\xaf\",\"response\":{\"responseCode\":0}}]}");
+    test::write_reply(
+        "{\"grantResponse\":[{\"grantId\":\"\xff\xfe\xc0\xaf\",\"response\":{\"responseCode\":0}}]"
+        "}");
     EXPECT_EQ(-1, parse_grant_response(&grant));
     EXPECT_EQ(-1, grant.responseCode);
-    test::write_reply(std::string("{\"grantResponse\":[{\"grantId\":\"a\0b\",\"response\":{\"responseCode\":0}}]}", 62));
+    test::write_reply(std::string(
+        "{\"grantResponse\":[{\"grantId\":\"a\0b\",\"response\":{\"responseCode\":0}}]}", 62));
     parse_with_all_parsers();
 }
 
@@ -154,13 +167,17 @@ protected:
         install_recording_logger();
         std::remove(kCanary);
     }
-    void TearDown() override { EXPECT_FALSE(test::file_exists(kCanary)) << "a reply reached a shell"; }
+    void TearDown() override {
+        EXPECT_FALSE(test::file_exists(kCanary)) << "a reply reached a shell";
+    }
 };
 
 // A hostile conflicting grant id goes back out, as data, in the relinquishment.
 TEST_F(HostileExchangeTest, HostileConflictIdTravelsOnlyAsJson) {
-    ASSERT_TRUE(simulator->push("grant", R"({"responseCode":401,"responseData":[")" + kHostileText + R"("]})"));
-    ASSERT_TRUE(simulator->push("relinquishment", R"({"responseCode":103,"set":{"cbsdId":")" + kHostileText + R"("}})"));
+    ASSERT_TRUE(simulator->push(
+        "grant", R"({"responseCode":401,"responseData":[")" + kHostileText + R"("]})"));
+    ASSERT_TRUE(simulator->push(
+        "relinquishment", R"({"responseCode":103,"set":{"cbsdId":")" + kHostileText + R"("}})"));
     RegistrationResponse registration{};
     ASSERT_EQ(0, grant_request(url.c_str(), &registration, &record));
     GrantResponse grant{};
@@ -172,7 +189,8 @@ TEST_F(HostileExchangeTest, HostileConflictIdTravelsOnlyAsJson) {
     ASSERT_EQ(1u, bodies.size());
     EXPECT_EQ(grant.responseData, test::string_member(bodies.element(0), "grantId"));
     EXPECT_NE(std::string::npos,
-              test::read_file(kLoggerArgs).find("[SAS] Relinquish unsuccessfully, responseCode:103(INVALID_VALUE)"));
+              test::read_file(kLoggerArgs)
+                  .find("[SAS] Relinquish unsuccessfully, responseCode:103(INVALID_VALUE)"));
 }
 
 }  // namespace

@@ -25,7 +25,8 @@ protected:
 };
 
 TEST_F(RelinquishmentBodyTest, CarriesBothIdsAsStrings) {
-    ASSERT_EQ(BodyStatus::Stored, build_relinquishment_body("cbsd-1", "grant-1", body, sizeof body));
+    ASSERT_EQ(BodyStatus::Stored,
+              build_relinquishment_body("cbsd-1", "grant-1", body, sizeof body));
     ParsedBody parsed(body, "relinquishmentRequest");
     ASSERT_NE(nullptr, parsed.element());
     EXPECT_EQ(2u, json_object_size(parsed.element()));
@@ -36,7 +37,8 @@ TEST_F(RelinquishmentBodyTest, CarriesBothIdsAsStrings) {
 
 TEST_F(RelinquishmentBodyTest, NullOrEmptyGrantIdIsSentAsEmptyString) {
     for (const char* grantId : {static_cast<const char*>(nullptr), ""}) {
-        ASSERT_EQ(BodyStatus::Stored, build_relinquishment_body("cbsd-1", grantId, body, sizeof body));
+        ASSERT_EQ(BodyStatus::Stored,
+                  build_relinquishment_body("cbsd-1", grantId, body, sizeof body));
         ParsedBody parsed(body, "relinquishmentRequest");
         EXPECT_EQ("", string_member(parsed.element(), "grantId"));
     }
@@ -44,7 +46,8 @@ TEST_F(RelinquishmentBodyTest, NullOrEmptyGrantIdIsSentAsEmptyString) {
 
 TEST_F(RelinquishmentBodyTest, IdsLongerThan127AreCut) {
     std::string longId(200, 'c');
-    ASSERT_EQ(BodyStatus::Stored, build_relinquishment_body(longId.c_str(), longId.c_str(), body, sizeof body));
+    ASSERT_EQ(BodyStatus::Stored,
+              build_relinquishment_body(longId.c_str(), longId.c_str(), body, sizeof body));
     ParsedBody parsed(body, "relinquishmentRequest");
     EXPECT_EQ(std::string(127, 'c'), string_member(parsed.element(), "cbsdId"));
     EXPECT_EQ(std::string(127, 'c'), string_member(parsed.element(), "grantId"));
@@ -52,7 +55,8 @@ TEST_F(RelinquishmentBodyTest, IdsLongerThan127AreCut) {
 
 TEST_F(RelinquishmentBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
     char small[40];
-    EXPECT_EQ(BodyStatus::TooLong, build_relinquishment_body("cbsd-1", "grant-1", small, sizeof small));
+    EXPECT_EQ(BodyStatus::TooLong,
+              build_relinquishment_body("cbsd-1", "grant-1", small, sizeof small));
     EXPECT_EQ(std::string(sizeof small, '\0'), std::string(small, sizeof small));
 }
 
@@ -82,12 +86,14 @@ TEST(RelinquishmentReply, UnreadableReplyLeavesTheCallersCode) {
 
 TEST(RelinquishmentReply, SuccessCopiesTheIds) {
     test::prepare_log_directory();
-    test::write_reply(R"({"relinquishmentResponse":[{"cbsdId":"c","grantId":"g","response":{"responseCode":0}}]})");
+    test::write_reply(
+        R"({"relinquishmentResponse":[{"cbsdId":"c","grantId":"g","response":{"responseCode":0}}]})");
     RelinquishmentResponse relinquished{};
     EXPECT_EQ(0, parse_relinquishment_response(&relinquished));
     EXPECT_STREQ("c", relinquished.cbsdId);
     EXPECT_STREQ("g", relinquished.grantId);
-    test::write_reply(R"({"deregistrationResponse":[{"cbsdId":"d","response":{"responseCode":0}}]})");
+    test::write_reply(
+        R"({"deregistrationResponse":[{"cbsdId":"d","response":{"responseCode":0}}]})");
     DeregistrationResponse deregistered{};
     EXPECT_EQ(0, parse_deregistration_response(&deregistered));
     EXPECT_STREQ("d", deregistered.cbsdId);
@@ -125,8 +131,10 @@ TEST_F(RelinquishmentExchangeTest, RefusalsAreLoggedWithTheCodeName) {
     DeregistrationResponse deregistered{};
     deregistration_request(url.c_str(), "cbsd-1", &deregistered);
     std::string log = test::log_text();
-    EXPECT_NE(std::string::npos, log.find("[SAS] Relinquish unsuccessfully, responseCode:103(INVALID_VALUE)\n"));
-    EXPECT_NE(std::string::npos, log.find("[SAS] Deregister unsuccessfully, responseCode:105(DEREGISTER)\n"));
+    EXPECT_NE(std::string::npos,
+              log.find("[SAS] Relinquish unsuccessfully, responseCode:103(INVALID_VALUE)\n"));
+    EXPECT_NE(std::string::npos,
+              log.find("[SAS] Deregister unsuccessfully, responseCode:105(DEREGISTER)\n"));
 }
 
 // A reply without "Response" leaves the grant's reply in the dump file.
@@ -141,7 +149,8 @@ TEST_F(RelinquishmentExchangeTest, StaleGrantReplyCountsAsRelinquishedButNotAsDe
     deregistration_request(url.c_str(), "cbsd-1", &deregistered);
     std::string log = test::log_text();
     EXPECT_NE(std::string::npos, log.find("[SAS] Relinquish successfully\n"));
-    EXPECT_NE(std::string::npos, log.find("[SAS] Deregister unsuccessfully, responseCode:-1(UNKNOWN)\n"));
+    EXPECT_NE(std::string::npos,
+              log.find("[SAS] Deregister unsuccessfully, responseCode:-1(UNKNOWN)\n"));
     EXPECT_EQ(0, relinquished.responseCode);
     EXPECT_EQ(-1, deregistered.responseCode);
 }

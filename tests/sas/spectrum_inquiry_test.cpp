@@ -102,7 +102,8 @@ TEST_F(SpectrumInquiryBodyTest, BodyIsIndentedByTwoAndLogged) {
 
 TEST_F(SpectrumInquiryBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
     char small[200];
-    EXPECT_EQ(BodyStatus::TooLong, build_spectrum_inquiry_body("cbsd-1", &record, small, sizeof small));
+    EXPECT_EQ(BodyStatus::TooLong,
+              build_spectrum_inquiry_body("cbsd-1", &record, small, sizeof small));
     EXPECT_EQ(std::string(sizeof small, '\0'), std::string(small, sizeof small));
     EXPECT_NE(std::string::npos, test::log_text().find("bytes, limit 199), not sent\n"));
 }
@@ -113,8 +114,8 @@ class SpectrumInquiryReplyTest : public ::testing::Test {
 protected:
     void SetUp() override { test::prepare_log_directory(); }
     int32_t parse_channel(const std::string& channel) {
-        test::write_reply(R"({"spectrumInquiryResponse":[{"cbsdId":"c-1","availableChannel":[)" + channel +
-                          R"(],"response":{"responseCode":0}}]})");
+        test::write_reply(R"({"spectrumInquiryResponse":[{"cbsdId":"c-1","availableChannel":[)" +
+                          channel + R"(],"response":{"responseCode":0}}]})");
         std::memset(&reply, 0, sizeof reply);
         return parse_spectrum_inquiry_response(&reply);
     }
@@ -122,9 +123,10 @@ protected:
 };
 
 TEST_F(SpectrumInquiryReplyTest, SuccessReadsTheFirstChannelOnly) {
-    ASSERT_EQ(0, parse_channel(R"({"frequencyRange":{"lowFrequency":3550000000,"highFrequency":3560000000},)"
-                               R"("channelType":"GAA","ruleApplied":"FCC_PART_96","maxEirp":23},)"
-                               R"({"frequencyRange":{"lowFrequency":1,"highFrequency":2},"maxEirp":1})"));
+    ASSERT_EQ(0, parse_channel(
+                     R"({"frequencyRange":{"lowFrequency":3550000000,"highFrequency":3560000000},)"
+                     R"("channelType":"GAA","ruleApplied":"FCC_PART_96","maxEirp":23},)"
+                     R"({"frequencyRange":{"lowFrequency":1,"highFrequency":2},"maxEirp":1})"));
     EXPECT_EQ(0, reply.responseCode);
     EXPECT_STREQ("c-1", reply.cbsdId);
     EXPECT_EQ(3550000000u, reply.lowFrequency);
@@ -149,7 +151,8 @@ TEST_F(SpectrumInquiryReplyTest, MaxEirpIsTruncatedTowardZero) {
 }
 
 TEST_F(SpectrumInquiryReplyTest, MissingOrUnusableMaxEirpMeansNoLimit) {
-    for (const char* channel : {R"({"channelType":"PAL"})", R"({"maxEirp":"20"})", R"({"maxEirp":null})"}) {
+    for (const char* channel :
+         {R"({"channelType":"PAL"})", R"({"maxEirp":"20"})", R"({"maxEirp":null})"}) {
         ASSERT_EQ(0, parse_channel(channel)) << channel;
         EXPECT_EQ(2147483647, reply.maxEirp) << channel;
     }
@@ -163,14 +166,15 @@ TEST_F(SpectrumInquiryReplyTest, MaxEirpBeyondThirtyTwoBitsSaturates) {
 }
 
 TEST_F(SpectrumInquiryReplyTest, LongTextsAreCutToTheirFields) {
-    ASSERT_EQ(0, parse_channel(R"({"channelType":")" + std::string(40, 't') + R"(","ruleApplied":")" +
-                               std::string(400, 'r') + R"("})"));
+    ASSERT_EQ(0, parse_channel(R"({"channelType":")" + std::string(40, 't') +
+                               R"(","ruleApplied":")" + std::string(400, 'r') + R"("})"));
     EXPECT_EQ(std::string(15, 't'), reply.channelType);
     EXPECT_EQ(std::string(127, 'r'), reply.ruleApplied);
 }
 
 TEST_F(SpectrumInquiryReplyTest, SuccessWithoutChannelListFails) {
-    test::write_reply(R"({"spectrumInquiryResponse":[{"cbsdId":"c-1","response":{"responseCode":0}}]})");
+    test::write_reply(
+        R"({"spectrumInquiryResponse":[{"cbsdId":"c-1","response":{"responseCode":0}}]})");
     EXPECT_EQ(-1, parse_spectrum_inquiry_response(&reply));
     EXPECT_EQ(0, reply.responseCode);
     EXPECT_STREQ("c-1", reply.cbsdId);
