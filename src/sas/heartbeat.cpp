@@ -1,0 +1,73 @@
+#include "sas/heartbeat.h"
+
+#include "config/uci_store.h"
+#include "core/log.h"
+#include "sas/exchanges.h"
+#include "sas/https.h"
+#include "sas/reply_reader.h"
+
+#include <jansson.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace cbsd::sas {
+
+bool is_grant_renew_requested() {
+    char value[8] = {};
+    config::config_get(config::kSasConfigPath, "operation", "GrantRenew", value, sizeof value);
+    return std::atoi(value) != 0;
+}
+
+BodyStatus build_heartbeat_body(const GrantResponse* grant, const config::DeviceRecord* record,
+                                const char* operationState, bool grantRenew, char* body,
+                                size_t capacity) {
+    json_t* heartbeat = json_object();
+    set_text(heartbeat, "cbsdId", grant->cbsdId);
+    set_text(heartbeat, "grantId", grant->grantId);
+    json_object_set_new(heartbeat, "grantRenew", json_boolean(grantRenew));
+    set_text(heartbeat, "operationState", operationState);
+    // Received power is reported with a grant only for the with-grant capability.
+    if (has_capability(record, "RECEIVED_POWER_WITH_GRANT"))
+        json_object_set_new(heartbeat, "measReport", distinct_meas_report());
+
+    json_t* root = single_request_envelope("heartbeatRequest", heartbeat);
+    BodyStatus status = store_request_body(root, body, capacity);
+    json_decref(root);
+    return status;
+}
+
+int32_t heartbeat_request(const char* serverUrl, const GrantResponse* grant,
+                          const config::DeviceRecord* record, const char* operationState) {
+    bool grantRenew = is_grant_renew_requested();
+    std::unique_ptr<char[]> body(new (std::nothrow) char[kRequestBodyCapacity]);
+    if (!body) return -1;
+    char url[128] = {};
+    std::snprintf(url, sizeof url, "%s/heartbeat", serverUrl);
+    core::log(5, 0, "[SAS] URL = %s\n", url);
+    if (build_heartbeat_body(grant, record, operationState, grantRenew, body.get(),
+                             kRequestBodyCapacity) == BodyStatus::TooLong)
+        return -1;
+    return https_post(url, body.get());
+}
+
+int32_t parse_heartbeat_response(HeartbeatResponse* reply) {
+    reply->responseCode = -1;
+    SasReply sasReply;
+    if (read_sas_reply("heartbeatResponse", &sasReply, &reply->responseCode) != kReplyRead ||
+        reply->responseCode != 0)
+        return -1;
+    const json_t* element = sasReply.element;
+    copy_reply_text(element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
+    copy_reply_text(element, "grantId", reply->grantId, sizeof reply->grantId);
+    copy_reply_text(element, "transmitExpireTime", reply->transmitExpireTime,
+                    sizeof reply->transmitExpireTime);
+    copy_reply_text(element, "grantExpireTime", reply->grantExpireTime,
+                    sizeof reply->grantExpireTime);
+    read_reply_integer(element, "heartbeatInterval", &reply->heartbeatInterval);
+    return 0;
+}
+
+}  // namespace cbsd::sas
