@@ -6,6 +6,7 @@
 #include "config/snapshot.h"
 #include "config/uci_store.h"
 #include "core/worker_control.h"
+#include "gating/gates.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -115,6 +116,11 @@ bool all_gates_open() {
            shell("/usr/sbin/ebtables -L BRIDGE_FORWARD").find("DROP") == std::string::npos;
 }
 
+std::string describe_gates() {
+    return "ip_forward=" + read_file("/proc/sys/net/ipv4/ip_forward") + shell("iptables -S OUTPUT") +
+           shell("/usr/sbin/ebtables -L BRIDGE_FORWARD") + shell("ifconfig | grep 112");
+}
+
 class SupervisionTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -122,6 +128,7 @@ protected:
         set_modem("4", "3625000", "20");
         create_router_links();
         open_all_gates_by_hand();
+        gating::reset_runtime_cache();  // as at start-up: the forwarding check mirrors into it
         mkdir("/root/sas", 0755);
         mkdir("/etc/config", 0755);
         write_file(kLogPath, "");
@@ -160,7 +167,7 @@ TEST_F(SupervisionTest, StartingWithSasDisabledOpensTrafficOnceThenOnlySleeps) {
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
     EXPECT_EQ(count(log(), "[SAS] sas disable.\n"), 1u);
     EXPECT_NE(log().find("[SAS] device network has been recovered."), std::string::npos);
-    EXPECT_TRUE(all_gates_open());
+    EXPECT_TRUE(all_gates_open()) << describe_gates();
     EXPECT_EQ(get_option("operation", "status"), "Unregistered");
     // Pass 1 skips the change report.
     EXPECT_EQ(log().find("lasted configuration"), std::string::npos);
@@ -174,7 +181,7 @@ TEST_F(SupervisionTest, StartingWithSasDisabledOpensTrafficOnceThenOnlySleeps) {
 TEST_F(SupervisionTest, EnablingSasInDpModeClosesAllGates) {
     start_with("0", "1", "0");
     ASSERT_EQ(settle(), 2);
-    ASSERT_TRUE(all_gates_open());
+    ASSERT_TRUE(all_gates_open()) << describe_gates();
     clear_log();
 
     set_option("config", "enableMode", "1");
@@ -191,17 +198,17 @@ TEST_F(SupervisionTest, EnablingSasInDpModeClosesAllGates) {
     EXPECT_LT(unauthorized, dp);
     EXPECT_LT(dp, cleared);
     EXPECT_EQ(text.find("create standalone thread"), std::string::npos);
-    EXPECT_TRUE(all_gates_closed());
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
     EXPECT_EQ(get_option("operation", "status"), "Unregistered");
 
     EXPECT_EQ(settle(), 1);
-    EXPECT_TRUE(all_gates_closed());
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
 
 TEST_F(SupervisionTest, RadioEnableInDpModeOpensGatesAndPublishesAuthorized) {
     start_with("1", "1", "0");
     settle();
-    ASSERT_TRUE(all_gates_closed());
+    ASSERT_TRUE(all_gates_closed()) << describe_gates();
     clear_log();
 
     set_option("sasConfig", "RadioEnable", "1");
@@ -210,17 +217,17 @@ TEST_F(SupervisionTest, RadioEnableInDpModeOpensGatesAndPublishesAuthorized) {
     EXPECT_NE(text.find("[SAS] radioEnable change: 0 -> 1\n"), std::string::npos) << text;
     EXPECT_NE(text.find("[SAS] sas radio enable.\n"), std::string::npos);
     EXPECT_NE(text.find("[SAS] device has been authorized."), std::string::npos);
-    EXPECT_TRUE(all_gates_open());
+    EXPECT_TRUE(all_gates_open()) << describe_gates();
     EXPECT_EQ(get_option("operation", "status"), "Authorized");
     EXPECT_EQ(settle(), 1);
-    EXPECT_TRUE(all_gates_open());
+    EXPECT_TRUE(all_gates_open()) << describe_gates();
 
     clear_log();
     set_option("sasConfig", "RadioEnable", "0");
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
     EXPECT_NE(log().find("[SAS] sas radio disable.\n"), std::string::npos) << log();
     EXPECT_NE(log().find("[SAS] device has been unauthorized."), std::string::npos);
-    EXPECT_TRUE(all_gates_closed());
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
     EXPECT_EQ(get_option("operation", "status"), "Unregistered");
 }
 
@@ -238,7 +245,7 @@ TEST_F(SupervisionTest, FirstPassWithRadioEnabledUnauthorisesThenAuthorises) {
     // pass follows until the proxy writes it again.
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
     EXPECT_NE(log().find("[SAS] sas radio disable.\n"), std::string::npos);
-    EXPECT_TRUE(all_gates_closed());
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
 
 TEST_F(SupervisionTest, RadioChangesWhileSasIsOffChangeOnlyTheSnapshot) {
@@ -252,7 +259,7 @@ TEST_F(SupervisionTest, RadioChangesWhileSasIsOffChangeOnlyTheSnapshot) {
     EXPECT_EQ(log().find("authorized"), std::string::npos);
     EXPECT_EQ(state.previous.radioEnable, 1);
     EXPECT_EQ(get_option("operation", "status"), "Unregistered");
-    EXPECT_TRUE(all_gates_open());
+    EXPECT_TRUE(all_gates_open()) << describe_gates();
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
 }
 
@@ -264,7 +271,7 @@ TEST_F(SupervisionTest, CallSignChangeInDpModeIsReportedButRestartsNothing) {
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
     std::string text = log();
     EXPECT_NE(text.find("[SAS] callSign change: CALL1 -> CALL2\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\n[SAS] sas will run with lasted configuration.\n"), std::string::npos);
+    EXPECT_NE(text.find("[SAS] sas will run with lasted configuration.\n"), std::string::npos);
     EXPECT_EQ(text.find("sas configuration is changed"), std::string::npos);
     EXPECT_EQ(text.find("clear cbsd state"), std::string::npos);
     EXPECT_EQ(text.find("thread"), std::string::npos);
@@ -310,11 +317,11 @@ TEST_F(SupervisionTest, RadioSwitchTogetherWithPowerChangeStaysQuietAboutPower) 
 TEST_F(SupervisionTest, RulesRemovedBehindTheDaemonsBackAreRestoredBySteadyPass) {
     start_with("1", "1", "0");
     settle();
-    ASSERT_TRUE(all_gates_closed());
+    ASSERT_TRUE(all_gates_closed()) << describe_gates();
     shell("iptables -F OUTPUT; /usr/sbin/ebtables -F BRIDGE_FORWARD; echo 1 > /proc/sys/net/ipv4/ip_forward");
     ASSERT_FALSE(icmp_drop_rule_present());
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
-    EXPECT_TRUE(all_gates_closed());
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
 
 TEST_F(SupervisionTest, RulesAddedBehindTheBackOfAnOpenDeviceAreRemoved) {
@@ -322,7 +329,7 @@ TEST_F(SupervisionTest, RulesAddedBehindTheBackOfAnOpenDeviceAreRemoved) {
     settle();
     shell("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP; echo 0 > /proc/sys/net/ipv4/ip_forward");
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
-    EXPECT_TRUE(all_gates_open());
+    EXPECT_TRUE(all_gates_open()) << describe_gates();
 }
 
 TEST_F(SupervisionTest, LteLinkDownIsLoggedAndUpStoresTheCellRange) {
@@ -395,7 +402,7 @@ TEST_F(SupervisionTest, GarbageFromTheModemNeverStopsTheLoopForGood) {
     EXPECT_TRUE(finished.load());
     pass.join();
     EXPECT_GE(settle(), 1);
-    EXPECT_TRUE(all_gates_closed());
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
 
 TEST_F(SupervisionTest, MissingConfigurationFileCountsAsSasDisabled) {
@@ -404,19 +411,19 @@ TEST_F(SupervisionTest, MissingConfigurationFileCountsAsSasDisabled) {
     EXPECT_EQ(count(log(), "[SAS] sas disable.\n"), 1u);
     EXPECT_NE(log().find("[SAS] enableMode no value"), std::string::npos);
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
-    EXPECT_TRUE(all_gates_open());
+    EXPECT_TRUE(all_gates_open()) << describe_gates();
 }
 
 TEST_F(SupervisionTest, DisablingSasOpensTrafficAndResetsTheState) {
     start_with("1", "1", "0");
     settle();
-    ASSERT_TRUE(all_gates_closed());
+    ASSERT_TRUE(all_gates_closed()) << describe_gates();
     clear_log();
     set_option("config", "enableMode", "0");
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
     EXPECT_NE(log().find("[SAS] sasEnable change: 1 -> 0\n"), std::string::npos) << log();
     EXPECT_NE(log().find("[SAS] sas disable.\n"), std::string::npos);
-    EXPECT_TRUE(all_gates_open());
+    EXPECT_TRUE(all_gates_open()) << describe_gates();
     EXPECT_EQ(settle(), 1);
 }
 
@@ -451,7 +458,7 @@ TEST_F(SupervisionTest, StandAloneModeStartsOneWorkerAndRestartsItOnConfiguratio
     EXPECT_NE(text.find("[SAS] CPE is communicating with SAS using DP.\n"), std::string::npos) << text;
     EXPECT_NE(text.find("] is stopped"), std::string::npos);
     EXPECT_EQ(worker_running.load(), 0);
-    EXPECT_TRUE(all_gates_closed());
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
 
 TEST_F(SupervisionTest, ReportListsEveryChangedFieldInItsOrder) {

@@ -1,0 +1,102 @@
+// A clean router network for each gating test, inside the unit-test sandbox's
+// own network namespace: chosen VLAN interfaces (veth, brought up), an empty
+// BRIDGE_FORWARD chain, an empty OUTPUT chain, forwarding off, a fresh cache
+// and log.  The lab's stand-ins come first on PATH, so `ebtables -L` lists
+// rules with the router's trailing blank and `logger` records its calls.
+#pragma once
+
+#include "config/uci_store.h"
+#include "core/settings.h"
+#include "gating/gates.h"
+#include "support/test_util.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace cbsd::test {
+
+inline constexpr const char* kSyslogRecords = "/etc/lab/syslog.jsonl";
+
+inline void put_lab_stand_ins_on_path() {
+    static const bool done = [] {
+        std::string path = std::string(CBSD_SOURCE_DIR) + "/tests/lab/bin:" +
+                           (std::getenv("PATH") ? std::getenv("PATH") : "/usr/sbin:/usr/bin:/bin");
+        return setenv("PATH", path.c_str(), 1) == 0;
+    }();
+    (void)done;
+}
+
+inline std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+inline std::string cache_value(const char* option) {
+    char value[32] = {};
+    config::config_get(config::kRuntimeCachePath, "cache", option, value, sizeof value);
+    return value;
+}
+
+class GatingTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        put_lab_stand_ins_on_path();
+        shell("for l in eth1.112 usb0.112 br-lan; do ip link del $l 2>/dev/null; done;"
+              "iptables -F OUTPUT; ebtables -N BRIDGE_FORWARD 2>/dev/null;"
+              "ebtables -F BRIDGE_FORWARD;"
+              "echo 0 > /proc/sys/net/ipv4/ip_forward;"
+              "echo 0 > /proc/sys/net/ipv6/conf/all/forwarding;"
+              "rm -rf /root/sas /etc/lab/syslog.jsonl; mkdir -p /root/sas /etc/lab");
+        core::settings().logLevel = 7;
+        gating::reset_runtime_cache();
+    }
+
+    // A VLAN port as the router has it: up, so plain `ifconfig` lists it.
+    static void add_interface(const std::string& name, const std::string& peer) {
+        ASSERT_EQ(shell("ip link add " + name + " type veth peer name " + peer + " && ip link set " +
+                        name + " up && echo ok"),
+                  "ok\n");
+    }
+
+    static std::string log_text() { return read_file("/root/sas/sas.log"); }
+
+    // Messages of the log file without their "[uptime, time]" prefix.
+    static std::vector<std::string> log_messages() {
+        std::vector<std::string> messages;
+        for (const std::string& line : lines_of(log_text())) {
+            size_t end = line.find(']');
+            messages.push_back(end == std::string::npos ? line : line.substr(end + 1));
+        }
+        return messages;
+    }
+
+    static std::vector<std::string> syslog_records() { return lines_of(read_file(kSyslogRecords)); }
+
+    static std::vector<std::string> output_rules() {
+        return lines_of(shell("iptables -S OUTPUT | grep -v '^-P'"));
+    }
+
+    // Rule lines exactly as the router's ebtables lists them.
+    static std::vector<std::string> bridge_rules() {
+        return lines_of(shell("ebtables -L BRIDGE_FORWARD | grep -v '^Bridge' | grep -v '^$'"));
+    }
+
+    static std::string ip_forward() {
+        return shell("cat /proc/sys/net/ipv4/ip_forward /proc/sys/net/ipv6/conf/all/forwarding");
+    }
+
+    static void set_kernel_forwarding(int ipv4, int ipv6) {
+        shell("echo " + std::to_string(ipv4) + " > /proc/sys/net/ipv4/ip_forward; echo " +
+              std::to_string(ipv6) + " > /proc/sys/net/ipv6/conf/all/forwarding");
+    }
+};
+
+}  // namespace cbsd::test

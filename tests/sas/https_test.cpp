@@ -1,0 +1,360 @@
+// The HTTPS transport against the SAS simulator on the sandbox's loopback,
+// with real mutual TLS and the real credential paths under /root/sas/cert.
+#include "sas/https.h"
+
+#include "sas/reply_reader.h"
+#include "sim_support.h"
+#include "support/test_util.h"
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+namespace cbsd::sas {
+namespace {
+
+namespace fs = std::filesystem;
+using test::read_file;
+using test::write_file;
+
+constexpr const char* kBody = R"({"registrationRequest": [{"fccId": "F1", "cbsdSerialNumber": "S1"}]})";
+
+class HttpsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories("/root/sas");
+        fs::remove(kReplyDumpPath);
+        fs::remove_all("/root/sas/cert");
+        fs::remove("/root/sas/sas.log");
+    }
+
+    // Installs the credentials and names them in section cert.
+    static void provision(const test::sim::DeviceCerts& certs = {}) {
+        ASSERT_TRUE(test::sim::install_device_certs(certs));
+        configure(certs.clientCert, certs.clientKey, certs.serverCA);
+    }
+    static void configure(const std::string& cert, const std::string& key, const std::string& ca) {
+        ASSERT_TRUE(write_file("/etc/config/sas", test::sim::cert_section(cert, key, ca)));
+    }
+    // The usual credentials with one field changed.
+    static test::sim::DeviceCerts with(std::string test::sim::DeviceCerts::*field,
+                                       const std::string& value) {
+        test::sim::DeviceCerts certs;
+        certs.*field = value;
+        return certs;
+    }
+    static std::string log_text() { return read_file("/root/sas/sas.log"); }
+    static std::string dump() { return read_file(kReplyDumpPath); }
+};
+
+TEST_F(HttpsTest, FullExchangePostsJsonWithClientCertificateAndDumpsTheReply) {
+    test::sim::Simulator sim;
+    ASSERT_TRUE(sim.running());
+    provision();
+
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+
+    auto requests = sim.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].endpoint, "registration");
+    EXPECT_EQ(requests[0].path, "/v1.2/registration");
+    EXPECT_EQ(requests[0].body, kBody);
+    EXPECT_EQ(requests[0].accept, "application/json");
+    EXPECT_EQ(requests[0].contentType, "application/json");
+    EXPECT_EQ(requests[0].clientSubject, "O=CBSD Test,CN=cbsd-test-client");
+    EXPECT_NE(dump().find("\"cbsdId\": \"sim/F1/S1\""), std::string::npos) << dump();
+    EXPECT_NE(log_text().find("[SAS] https_post() return 0\n"), std::string::npos);
+    EXPECT_EQ(log_text().find("is not exist"), std::string::npos);
+}
+
+TEST_F(HttpsTest, MissingClientCertificateSendsNothing) {
+    test::sim::Simulator sim;
+    provision(with(&test::sim::DeviceCerts::clientCert, ""));
+    configure("cbsd.pem", "cbsd.key", "ca.pem");  // named but not installed
+
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), -1);
+    EXPECT_NE(log_text().find("[SAS] client cert file(/root/sas/cert/clientCert/cbsd.pem) is not exist.\n"),
+              std::string::npos)
+        << log_text();
+    EXPECT_EQ(sim.connections(), 0);
+    EXPECT_FALSE(test::file_exists(kReplyDumpPath));
+}
+
+TEST_F(HttpsTest, UnconfiguredClientCertificateSendsNothing) {
+    test::sim::Simulator sim;
+    provision();
+    configure("", "cbsd.key", "ca.pem");
+
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), -1);
+    EXPECT_NE(log_text().find("[SAS] client cert file() is not exist.\n"), std::string::npos);
+    EXPECT_EQ(sim.connections(), 0);
+}
+
+TEST_F(HttpsTest, MissingClientKeySendsNothing) {
+    test::sim::Simulator sim;
+    provision(with(&test::sim::DeviceCerts::clientKey, ""));
+    configure("cbsd.pem", "cbsd.key", "ca.pem");
+
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), -1);
+    EXPECT_NE(log_text().find("[SAS] client key file(/root/sas/cert/clientKey/cbsd.key) is not exist.\n"),
+              std::string::npos)
+        << log_text();
+    EXPECT_EQ(sim.connections(), 0);
+}
+
+TEST_F(HttpsTest, UnconfiguredCaTurnsPeerVerificationOff) {
+    // The simulator's certificate comes from the test CA, which no system
+    // bundle holds: the exchange succeeds only without verification.
+    test::sim::Simulator sim;
+    provision(with(&test::sim::DeviceCerts::serverCA, ""));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_NE(log_text().find("[SAS] server CA file() is not exist, will not verify server.\n"),
+              std::string::npos);
+    EXPECT_EQ(sim.requests().size(), 1u);
+}
+
+TEST_F(HttpsTest, ConfiguredButMissingCaStillVerifiesAndFails) {
+    test::sim::Simulator sim;
+    provision(with(&test::sim::DeviceCerts::serverCA, ""));
+    configure("cbsd.pem", "cbsd.key", "ca.pem");
+
+    int32_t result = https_post(sim.endpoint_url("registration").c_str(), kBody);
+    EXPECT_EQ(result, CURLE_SSL_CACERT_BADFILE);
+    std::string log = log_text();
+    EXPECT_NE(log.find("[SAS] server CA file(/root/sas/cert/serverCA/ca.pem) is not exist, will not "
+                       "verify server.\n"),
+              std::string::npos);
+    EXPECT_NE(log.find("[SAS] libcurl: (77) "), std::string::npos) << log;
+    EXPECT_NE(log.find("[SAS] https_post() return 77\n"), std::string::npos);
+    EXPECT_TRUE(sim.requests().empty());
+}
+
+TEST_F(HttpsTest, ServerFromAnotherCaIsRejected) {
+    test::sim::Simulator sim;
+    provision(with(&test::sim::DeviceCerts::serverCASource, "other_ca.pem"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody),
+              CURLE_PEER_FAILED_VERIFICATION);
+    EXPECT_TRUE(sim.requests().empty());
+}
+
+TEST_F(HttpsTest, CrlRevokingTheServerFailsTheHandshake) {
+    test::sim::Simulator sim;
+    provision(with(&test::sim::DeviceCerts::crl, "crl_server.pem"));
+
+    EXPECT_NE(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_TRUE(sim.requests().empty());
+}
+
+TEST_F(HttpsTest, CrlRevokingAnotherCertificateLetsTheExchangeThrough) {
+    test::sim::Simulator sim;
+    provision(with(&test::sim::DeviceCerts::crl, "crl_other.pem"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_EQ(sim.requests().size(), 1u);
+}
+
+TEST_F(HttpsTest, NoCrlFileMeansNoRevocationCheckAndNoMessage) {
+    test::sim::Simulator sim;
+    provision();
+
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_EQ(log_text().find("crl"), std::string::npos) << log_text();
+}
+
+TEST_F(HttpsTest, NullBodyPostsAnEmptyBody) {
+    test::sim::Simulator sim;
+    provision();
+
+    EXPECT_EQ(https_post(sim.endpoint_url("deregistration").c_str(), nullptr), 0);
+    auto requests = sim.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].endpoint, "deregistration");
+    EXPECT_EQ(requests[0].body, "");
+}
+
+TEST_F(HttpsTest, HtmlErrorPageIsAReplyButLeavesTheStaleDumpForTheNextParser) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    const std::string registrationReply = dump();
+    ASSERT_NE(registrationReply.find("registrationResponse"), std::string::npos);
+
+    ASSERT_TRUE(sim.push("grant", R"({"html_error": true})"));
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_EQ(dump(), registrationReply);
+
+    // A grant parser finds no grantResponse; a registration parser would
+    // accept the previous exchange's reply.
+    int32_t code = -1;
+    SasReply grant;
+    EXPECT_EQ(read_sas_reply("grantResponse", &grant, &code), kReplyNoMember);
+    EXPECT_EQ(code, -1);
+    SasReply registration;
+    EXPECT_EQ(read_sas_reply("registrationResponse", &registration, &code), kReplyRead);
+    EXPECT_EQ(code, 0);
+}
+
+TEST_F(HttpsTest, EmptyReplyLeavesTheDumpAsItWas) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(write_file(kReplyDumpPath, "previous reply"));
+    ASSERT_TRUE(sim.push("heartbeat", R"({"body": ""})"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), "{}"), 0);
+    EXPECT_EQ(dump(), "previous reply");
+}
+
+TEST_F(HttpsTest, NonJsonReplyWithTheMarkerIsDumpedAndUnreadable) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(sim.push("grant", R"({"body": "grantResponse is not JSON"})"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_EQ(dump(), "grantResponse is not JSON");
+    int32_t code = -1;
+    SasReply reply;
+    EXPECT_EQ(read_sas_reply("grantResponse", &reply, &code), kReplyUnreadable);
+}
+
+TEST_F(HttpsTest, SecondChunkWithTheMarkerReplacesTheFirst) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(sim.push("grant", R"({"chunks": ["{\"aResponse\": 1}", "{\"bResponse\": 2}"]})"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_EQ(dump(), R"({"bResponse": 2})");
+}
+
+TEST_F(HttpsTest, SecondChunkWithoutTheMarkerKeepsTheFirstInTheDump) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(sim.push("grant", R"({"chunks": ["{\"grantResponse\": [", "]}"]})"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_EQ(dump(), R"({"grantResponse": [)");
+    // The parser therefore sees a cut reply.
+    int32_t code = -1;
+    SasReply reply;
+    EXPECT_EQ(read_sas_reply("grantResponse", &reply, &code), kReplyUnreadable);
+}
+
+TEST_F(HttpsTest, OnlyTheLastChunkWithTheMarkerCountsWhenTheFirstLacksIt) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(sim.push("grant", R"({"chunks": ["no marker here", "{\"grantResponse\": []}"]})"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_EQ(dump(), R"({"grantResponse": []})");
+}
+
+// libcurl hands the write callback at most CURL_MAX_WRITE_SIZE (16384) bytes
+// at a time, so bodies of 20480 and 20481 bytes both arrive in pieces: the
+// transfer completes and the dump holds the last piece that had the marker,
+// a cut prefix of the body.
+class HttpsBodySizeTest : public HttpsTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(HttpsBodySizeTest, LargeBodyArrivesInPiecesAndOnlyAPrefixIsDumped) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(sim.push("grant", R"({"size": )" + std::to_string(GetParam()) + "}"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    std::string dumped = dump();
+    EXPECT_GT(dumped.size(), 0u);
+    EXPECT_LE(dumped.size(), static_cast<size_t>(CURL_MAX_WRITE_SIZE));
+    EXPECT_EQ(dumped.rfind("{\n  \"grantResponse\"", 0), 0u) << dumped.substr(0, 40);
+}
+
+INSTANTIATE_TEST_SUITE_P(ExactSizes, HttpsBodySizeTest, ::testing::Values(20480, 20481));
+
+TEST_F(HttpsTest, ClosedConnectionIsATransferError) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(sim.push("heartbeat", R"({"close": true})"));
+
+    EXPECT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), "{}"), CURLE_GOT_NOTHING);
+    std::string log = log_text();
+    EXPECT_NE(log.find("[SAS] libcurl: (52) "), std::string::npos) << log;
+    EXPECT_NE(log.find("[SAS] https_post() return 52\n"), std::string::npos);
+}
+
+TEST_F(HttpsTest, RefusedConnectionLogsTheCurlError) {
+    provision();
+    // Nothing listens on port 1 in the sandbox's own network namespace.
+    EXPECT_EQ(https_post("https://127.0.0.1:1/v1.2/registration", kBody), CURLE_COULDNT_CONNECT);
+    std::string log = log_text();
+    size_t at = log.find("[SAS] libcurl: (7) ");
+    ASSERT_NE(at, std::string::npos) << log;
+    // The error text follows as its own log call, ending in exactly one newline.
+    std::string rest = log.substr(at);
+    EXPECT_NE(rest.find("]Failed to connect to 127.0.0.1 port 1"), std::string::npos) << rest;
+}
+
+TEST_F(HttpsTest, MissingUrlIsASetupFailure) {
+    EXPECT_EQ(post_json(nullptr, "{}", "", "", "", ""), -1);
+    EXPECT_NE(log_text().find("[SAS] curl[ok], strUrl[(null)]\n"), std::string::npos) << log_text();
+}
+
+// The one test that waits for a libcurl time-out: the simulator holds the TLS
+// handshake back, and the 10 s connect time-out ends the attempt.
+TEST_F(HttpsTest, StalledHandshakeHitsTheTenSecondConnectTimeout) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(sim.push_connection(R"({"handshake_delay": 13})"));
+
+    auto start = std::chrono::steady_clock::now();
+    int32_t result = https_post(sim.endpoint_url("registration").c_str(), kBody);
+    double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_EQ(result, CURLE_OPERATION_TIMEDOUT);
+    EXPECT_GE(waited, 9.5);
+    EXPECT_LT(waited, 12.5);
+    EXPECT_TRUE(sim.requests().empty());
+}
+
+// The write callback on its own: each chunk replaces the previous one.
+class SaveResponseTest : public HttpsTest {
+protected:
+    char buffer_[kResponseBufferSize];
+};
+
+TEST_F(SaveResponseTest, ChunkOfExactlyTheBufferSizeIsKeptWholeWithoutTerminator) {
+    std::string chunk(kResponseBufferSize, 'x');
+    chunk.replace(100, 8, "Response");
+    EXPECT_EQ(save_response(chunk.data(), 1, chunk.size(), buffer_), kResponseBufferSize);
+    EXPECT_EQ(std::memcmp(buffer_, chunk.data(), chunk.size()), 0);
+    EXPECT_EQ(buffer_[kResponseBufferSize - 1], 'x');
+    EXPECT_EQ(dump(), chunk);
+}
+
+TEST_F(SaveResponseTest, ChunkOneByteTooLargeIsCutAndSignalsAbort) {
+    std::string chunk(kResponseBufferSize + 1, 'y');
+    chunk.replace(0, 8, "Response");
+    EXPECT_EQ(save_response(chunk.data(), 1, chunk.size(), buffer_), kResponseBufferSize - 1);
+    EXPECT_EQ(buffer_[kResponseBufferSize - 1], '\0');
+    EXPECT_EQ(dump(), chunk.substr(0, kResponseBufferSize - 1));
+}
+
+TEST_F(SaveResponseTest, LaterChunkReplacesEarlierOneAndClearsItsTail) {
+    std::string first(300, 'a');
+    save_response(first.data(), 3, 100, buffer_);
+    save_response(const_cast<char*>("short"), 1, 5, buffer_);
+    EXPECT_STREQ(buffer_, "short");
+    EXPECT_EQ(buffer_[6], '\0');
+    EXPECT_EQ(buffer_[299], '\0');
+    EXPECT_FALSE(test::file_exists(kReplyDumpPath));
+}
+
+TEST_F(SaveResponseTest, MarkerAfterAnEmbeddedNulStillCounts) {
+    const char chunk[] = "ab\0xyResponse";
+    EXPECT_EQ(save_response(const_cast<char*>(chunk), 1, sizeof chunk - 1, buffer_), sizeof chunk - 1);
+    EXPECT_EQ(dump(), std::string(chunk, sizeof chunk - 1));
+}
+
+}  // namespace
+}  // namespace cbsd::sas

@@ -1,0 +1,147 @@
+// The reading every reply parser shares, on real dump files.
+#include "sas/reply_reader.h"
+
+#include "sas/https.h"
+#include "support/test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+namespace cbsd::sas {
+namespace {
+
+using test::read_file;
+using test::write_file;
+
+class ReplyReaderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directories("/root/sas");
+        std::filesystem::remove(kReplyDumpPath);
+        std::filesystem::remove("/root/sas/sas.log");
+    }
+    static ReplyReadResult read(const std::string& dump, const char* member, SasReply* reply,
+                                int32_t* code) {
+        EXPECT_TRUE(write_file(kReplyDumpPath, dump));
+        return read_sas_reply(member, reply, code);
+    }
+    static std::string log_text() { return read_file("/root/sas/sas.log"); }
+};
+
+TEST_F(ReplyReaderTest, ReadsCodeAndFirstElement) {
+    SasReply reply;
+    int32_t code = -1;
+    ASSERT_EQ(read(R"({"grantResponse": [{"grantId": "g1", "response": {"responseCode": 401}}]})",
+                   "grantResponse", &reply, &code),
+              kReplyRead);
+    EXPECT_EQ(code, 401);
+    char grantId[128] = "";
+    EXPECT_EQ(copy_reply_text(reply.element, "grantId", grantId, sizeof grantId), 1);
+    EXPECT_STREQ(grantId, "g1");
+}
+
+TEST_F(ReplyReaderTest, SecondElementIsIgnored) {
+    SasReply reply;
+    int32_t code = -1;
+    ASSERT_EQ(read(R"({"heartbeatResponse": [
+                        {"grantId": "first", "response": {"responseCode": 0}},
+                        {"grantId": "second", "response": {"responseCode": 500}}]})",
+                   "heartbeatResponse", &reply, &code),
+              kReplyRead);
+    EXPECT_EQ(code, 0);
+    char grantId[128] = "";
+    copy_reply_text(reply.element, "grantId", grantId, sizeof grantId);
+    EXPECT_STREQ(grantId, "first");
+}
+
+TEST_F(ReplyReaderTest, ElementWithoutResponseReadsCodeZero) {
+    SasReply reply;
+    int32_t code = -1;
+    ASSERT_EQ(read(R"({"registrationResponse": [{"cbsdId": "c1"}]})", "registrationResponse",
+                   &reply, &code),
+              kReplyRead);
+    EXPECT_EQ(code, 0);
+    char cbsdId[128] = "";
+    copy_reply_text(reply.element, "cbsdId", cbsdId, sizeof cbsdId);
+    EXPECT_STREQ(cbsdId, "c1");
+}
+
+TEST_F(ReplyReaderTest, NonIntegerCodeReadsAsZero) {
+    SasReply reply;
+    int32_t code = -1;
+    ASSERT_EQ(read(R"({"grantResponse": [{"response": {"responseCode": "401"}}]})", "grantResponse",
+                   &reply, &code),
+              kReplyRead);
+    EXPECT_EQ(code, 0);
+}
+
+TEST_F(ReplyReaderTest, EmptyArrayReadsCodeZeroWithNoElement) {
+    SasReply reply;
+    int32_t code = -1;
+    ASSERT_EQ(read(R"({"grantResponse": []})", "grantResponse", &reply, &code), kReplyRead);
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(reply.element, nullptr);
+    char field[16] = "kept";
+    EXPECT_EQ(copy_reply_text(reply.element, "grantId", field, sizeof field), 0);
+    EXPECT_STREQ(field, "kept");
+}
+
+TEST_F(ReplyReaderTest, MissingFileIsUnreadableAndLeavesTheCode) {
+    SasReply reply;
+    int32_t code = -1;
+    EXPECT_EQ(read_sas_reply("grantResponse", &reply, &code), kReplyUnreadable);
+    EXPECT_EQ(code, -1);
+    EXPECT_EQ(log_text().find("[SAS] "), std::string::npos);
+}
+
+TEST_F(ReplyReaderTest, TopLevelArrayOrTextIsUnreadable) {
+    int32_t code = 7;
+    SasReply array;
+    EXPECT_EQ(read(R"([{"grantResponse": []}])", "grantResponse", &array, &code), kReplyUnreadable);
+    SasReply text;
+    EXPECT_EQ(read("<html>500</html>", "grantResponse", &text, &code), kReplyUnreadable);
+    EXPECT_EQ(code, 7);
+}
+
+TEST_F(ReplyReaderTest, MissingOrMistypedMemberFailsAfterLoggingTheReply) {
+    int32_t code = 7;
+    SasReply other;
+    EXPECT_EQ(read(R"({"registrationResponse": [{"cbsdId": "c"}]})", "grantResponse", &other, &code),
+              kReplyNoMember);
+    SasReply object;
+    EXPECT_EQ(read(R"({"grantResponse": {"response": {"responseCode": 0}}})", "grantResponse",
+                   &object, &code),
+              kReplyNoMember);
+    EXPECT_EQ(code, 7);
+    EXPECT_NE(log_text().find("[SAS] {\n  \"registrationResponse\": [\n    {\n      \"cbsdId\": \"c\"\n"),
+              std::string::npos)
+        << log_text();
+}
+
+TEST_F(ReplyReaderTest, TextCopyIsBoundedAndSkipsNonStrings) {
+    SasReply reply;
+    int32_t code = -1;
+    ASSERT_EQ(read(R"({"grantResponse": [{"grantId": "0123456789", "channelType": 5,
+                                          "heartbeatInterval": 30, "bad": "x"}]})",
+                   "grantResponse", &reply, &code),
+              kReplyRead);
+    char shortField[5] = "";
+    EXPECT_EQ(copy_reply_text(reply.element, "grantId", shortField, sizeof shortField), 1);
+    EXPECT_STREQ(shortField, "0123");
+    char channel[16] = "GAA";
+    EXPECT_EQ(copy_reply_text(reply.element, "channelType", channel, sizeof channel), 0);
+    EXPECT_STREQ(channel, "GAA");
+
+    int32_t interval = 60;
+    EXPECT_EQ(read_reply_integer(reply.element, "heartbeatInterval", &interval), 1);
+    EXPECT_EQ(interval, 30);
+    EXPECT_EQ(read_reply_integer(reply.element, "missing", &interval), 0);
+    EXPECT_EQ(interval, 30);
+    EXPECT_EQ(read_reply_integer(reply.element, "bad", &interval), 1);
+    EXPECT_EQ(interval, 0);
+}
+
+}  // namespace
+}  // namespace cbsd::sas
