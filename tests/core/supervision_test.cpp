@@ -30,25 +30,59 @@ using test::write_file;
 
 const char* const kLogPath = "/root/sas/sas.log";
 
-// The virtual router's stand-ins come first on PATH: `ubus` serves the modem
-// state in /etc/lab/modem.json, `ebtables` lists rules the way the router's
-// ebtables does (with a trailing blank).
-void install_standins() {
-    mkdir("/etc/lab", 0755);
-    static std::string path = std::string(CBSD_SOURCE_DIR "/tests/lab/bin:") +
-                              (std::getenv("PATH") ? std::getenv("PATH") : "/usr/sbin:/usr/bin:/sbin:/bin");
-    setenv("PATH", path.c_str(), 1);
+// The unit-test sandbox hides /tmp, and with it a source tree that lives
+// there, so the stand-ins are written into the sandbox itself.  `ubus call
+// ubus_lte <method>` prints /tmp/modem/<method>; when /tmp/modem/replies_left
+// exists, the getlteinfo reply that brings it to 0 is the last one before
+// the files in /tmp/modem/next replace the modem's state.
+const char* const kUbusStandin =
+    "#!/bin/sh\n"
+    "cat \"/tmp/modem/$3\" 2>/dev/null\n"
+    "if [ \"$3\" = getlteinfo ] && [ -f /tmp/modem/replies_left ]; then\n"
+    "  left=$(( $(cat /tmp/modem/replies_left) - 1 ))\n"
+    "  if [ $left -le 0 ]; then rm -f /tmp/modem/replies_left; cp /tmp/modem/next/* /tmp/modem/;\n"
+    "  else echo $left > /tmp/modem/replies_left; fi\n"
+    "fi\n";
+
+std::string modem_status_reply(const std::string& netstat) {
+    return "{\n\t\"netstat\": " + netstat + ",\n}\n";
+}
+
+std::string modem_info_reply(const std::string& dlfreq, const std::string& bandwidth) {
+    return "{\n\t\"dlfreq\": " + dlfreq + ",\n\t\"bandwidth\": " + bandwidth + ",\n\t\"band\": 48,\n}\n";
 }
 
 void set_modem(const std::string& netstat, const std::string& dlfreq, const std::string& bandwidth) {
-    write_file("/etc/lab/modem.json", "{\"netstat\": " + netstat + ", \"dlfreq\": " + dlfreq +
-                                          ", \"bandwidth\": " + bandwidth + ", \"band\": 48}");
+    write_file("/tmp/modem/getltestatus", modem_status_reply(netstat));
+    write_file("/tmp/modem/getlteinfo", modem_info_reply(dlfreq, bandwidth));
 }
 
-// Serves exactly `text` as the reply of every modem method.
+// Serves exactly `text` as the reply of the status and info methods.
 void set_modem_garbage(const std::string& text) {
-    write_file("/etc/lab/modem.json", "{\"raw\": {\"getltestatus\": \"" + text +
-                                          "\", \"getlteinfo\": \"" + text + "\"}}");
+    write_file("/tmp/modem/getltestatus", text);
+    write_file("/tmp/modem/getlteinfo", text);
+}
+
+void put_test_bin_first_on_path() {
+    static std::string path =
+        "/tmp/bin:" + std::string(std::getenv("PATH") ? std::getenv("PATH") : "/usr/sbin:/usr/bin:/sbin:/bin");
+    setenv("PATH", path.c_str(), 1);
+}
+
+// The router's ebtables lists each rule with one trailing blank; the host's
+// ebtables-nft does not, so the wrapper adds it.
+void install_standins() {
+    mkdir("/tmp/bin", 0755);
+    mkdir("/tmp/modem", 0755);
+    mkdir("/tmp/modem/next", 0755);
+    write_file("/tmp/bin/ubus", kUbusStandin);
+    write_file("/tmp/bin/ebtables",
+               "#!/bin/sh\n"
+               "if [ \"$1\" = \"-L\" ]; then /usr/sbin/ebtables \"$@\" | sed '/^-/s/$/ /'; "
+               "else exec /usr/sbin/ebtables \"$@\"; fi\n");
+    chmod("/tmp/bin/ubus", 0755);
+    chmod("/tmp/bin/ebtables", 0755);
+    put_test_bin_first_on_path();
 }
 
 void create_router_links() {
@@ -126,6 +160,8 @@ protected:
     void SetUp() override {
         install_standins();
         set_modem("4", "3625000", "20");
+        // Without a working modem stand-in the first pass would wait forever.
+        ASSERT_NE(shell("ubus call ubus_lte getlteinfo | grep dlfreq").find("3625000"), std::string::npos);
         create_router_links();
         open_all_gates_by_hand();
         gating::reset_runtime_cache();  // as at start-up: the forwarding check mirrors into it
@@ -352,6 +388,36 @@ TEST_F(SupervisionTest, LteLinkDownIsLoggedAndUpStoresTheCellRange) {
     EXPECT_EQ(get_option("cellInfo", "highFrequency"), "3635.0");
 }
 
+// After the armed number of getlteinfo replies the modem takes the next state.
+void switch_modem_after_lteinfo_replies(int replies, const std::string& netstat,
+                                        const std::string& dlfreq, const std::string& bandwidth) {
+    write_file("/tmp/modem/next/getltestatus", modem_status_reply(netstat));
+    write_file("/tmp/modem/next/getlteinfo", modem_info_reply(dlfreq, bandwidth));
+    write_file("/tmp/modem/replies_left", std::to_string(replies) + "\n");
+}
+
+TEST_F(SupervisionTest, LteUpWithoutFrequencyWaitsFiveSecondsThenStoresWhatItReads) {
+    start_with("1", "1", "0");
+    settle();  // the first pass needs an attached modem
+    set_modem("1", "3625000", "20");
+    settle();
+    clear_log();
+    set_modem("4", "3625000", "20");
+    // The snapshot reads frequency and bandwidth; afterwards the frequency reads 0.
+    switch_modem_after_lteinfo_replies(2, "4", "50", "20");
+    auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    auto waited = std::chrono::steady_clock::now() - started;
+    std::string text = log();
+    EXPECT_NE(text.find("[SAS] LTE is in connection.\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("[SAS] get current frequence information timeout.\n"), std::string::npos);
+    EXPECT_GE(waited, std::chrono::seconds(5));
+    // Stored without a plausibility check: frequency 0, half-width 10 MHz.
+    EXPECT_EQ(get_option("cellInfo", "lowFrequency"), "-10.0");
+    EXPECT_EQ(get_option("cellInfo", "highFrequency"), "10.0");
+    EXPECT_EQ(get_option("cellInfo", "bandwidth"), "20");
+}
+
 TEST_F(SupervisionTest, FrequencyChangeRefreshesTheCellRangeBeforeComparing) {
     start_with("1", "1", "0");
     settle();
@@ -390,7 +456,7 @@ TEST_F(SupervisionTest, FrequencyRefreshBlocksUntilTheModemReportsAPlausibleCell
 TEST_F(SupervisionTest, GarbageFromTheModemNeverStopsTheLoopForGood) {
     start_with("1", "1", "0");
     settle();
-    set_modem_garbage("\\u0001\\u0002 not json at all\\ndlfreq: , bandwidth:\\n::::\\n");
+    set_modem_garbage("\x01\x02 not json at all\ndlfreq: , bandwidth:\n::::\n");
     std::atomic<bool> finished{false};
     std::thread pass([&] {
         run_supervision_pass(state);
