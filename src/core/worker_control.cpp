@@ -34,6 +34,7 @@ unsigned short_id(pthread_t thread) {
 void start_standalone_worker() {
     if (worker_thread != 0 || worker_running.load() != 0) return;
     worker_running.store(1);
+    standalone::thread_entered.store(0);
     pthread_t thread = 0;
     if (pthread_create(&thread, nullptr, run_worker, nullptr) != 0) {
         worker_running.store(0);
@@ -41,6 +42,7 @@ void start_standalone_worker() {
         return;
     }
     worker_thread = thread;
+    while (standalone::thread_entered.load() == 0) usleep(1000);
     log(5, 0, "[SAS] create standalone thread[%u] success.\n", short_id(worker_thread));
 }
 

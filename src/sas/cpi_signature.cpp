@@ -34,10 +34,11 @@ size_t read_key_file(const char* path, char* buffer, size_t capacity) {
 
 // Writes the key as traditional unencrypted PEM, the form libjwt reads.
 bool write_rsa_private_key_pem(FILE* file, EVP_PKEY* key) {
-    OSSL_ENCODER_CTX* encoder =
-        OSSL_ENCODER_CTX_new_for_pkey(key, OSSL_KEYMGMT_SELECT_KEYPAIR, "PEM", "type-specific", nullptr);
+    OSSL_ENCODER_CTX* encoder = OSSL_ENCODER_CTX_new_for_pkey(key, OSSL_KEYMGMT_SELECT_KEYPAIR,
+                                                              "PEM", "type-specific", nullptr);
     if (!encoder) return false;
-    bool written = OSSL_ENCODER_CTX_get_num_encoders(encoder) > 0 && OSSL_ENCODER_to_fp(encoder, file) == 1;
+    bool written =
+        OSSL_ENCODER_CTX_get_num_encoders(encoder) > 0 && OSSL_ENCODER_to_fp(encoder, file) == 1;
     OSSL_ENCODER_CTX_free(encoder);
     return written;
 }

@@ -34,12 +34,14 @@ int32_t post_deregistration(const char* serverUrl, const char* cbsdId) {
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/deregistration", serverUrl);
     core::log(5, 0, "[SAS] URL = %s\n", url);
-    if (build_deregistration_body(cbsdId, body.get(), kShortRequestBodyCapacity) == BodyStatus::TooLong)
+    if (build_deregistration_body(cbsdId, body.get(), kShortRequestBodyCapacity) ==
+        BodyStatus::TooLong)
         return -1;
     return https_post(url, body.get());
 }
 
-void deregistration_request(const char* serverUrl, const char* cbsdId, DeregistrationResponse* reply) {
+void deregistration_request(const char* serverUrl, const char* cbsdId,
+                            DeregistrationResponse* reply) {
     core::log(5, 0, "\n[SAS] send deregistration_request...\n");
     if (post_deregistration(serverUrl, cbsdId) != 0) {
         core::log(5, 0, "[SAS] post deregistration_request failed\n");
@@ -48,8 +50,8 @@ void deregistration_request(const char* serverUrl, const char* cbsdId, Deregistr
     std::memset(reply, 0, sizeof *reply);
     parse_deregistration_response(reply);
     if (reply->responseCode != 0)
-        core::log(5, 1, "[SAS] Deregister unsuccessfully, responseCode:%d(%s)\n", reply->responseCode,
-                  responseCode_name(reply->responseCode));
+        core::log(5, 1, "[SAS] Deregister unsuccessfully, responseCode:%d(%s)\n",
+                  reply->responseCode, responseCode_name(reply->responseCode));
     else
         core::log(5, 1, "[SAS] Deregister successfully\n");
 }

@@ -38,8 +38,10 @@ uint32_t high_edge_hz(const char* mhzText) {
 
 int32_t capped_max_eirp(const config::DeviceRecord* record) {
     int32_t maxEirp = std::atoi(record->maxEirp);
-    if (std::strcmp(record->cbsdCategory, "A") == 0 && maxEirp > kCategoryAMaxEirp) return kCategoryAMaxEirp;
-    if (std::strcmp(record->cbsdCategory, "B") == 0 && maxEirp > kCategoryBMaxEirp) return kCategoryBMaxEirp;
+    if (std::strcmp(record->cbsdCategory, "A") == 0 && maxEirp > kCategoryAMaxEirp)
+        return kCategoryAMaxEirp;
+    if (std::strcmp(record->cbsdCategory, "B") == 0 && maxEirp > kCategoryBMaxEirp)
+        return kCategoryBMaxEirp;
     return maxEirp;
 }
 
@@ -71,7 +73,8 @@ int32_t grant_request(const char* serverUrl, const RegistrationResponse* registr
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/grant", serverUrl);
     core::log(5, 0, "[SAS] URL = %s\n", url);
-    if (build_grant_body(registration->cbsdId, record, body.get(), kRequestBodyCapacity) == BodyStatus::TooLong)
+    if (build_grant_body(registration->cbsdId, record, body.get(), kRequestBodyCapacity) ==
+        BodyStatus::TooLong)
         return -1;
     return https_post(url, body.get());
 }
@@ -85,13 +88,16 @@ int32_t parse_grant_response(GrantResponse* reply) {
         // The conflicting grant's id, which the caller relinquishes.
         const json_t* data = json_object_get(json_object_get(element, "response"), "responseData");
         const json_t* first = json_array_get(data, 0);
-        if (json_is_string(first)) core::copy_text(reply->responseData, sizeof reply->responseData, json_string_value(first));
+        if (json_is_string(first))
+            core::copy_text(reply->responseData, sizeof reply->responseData,
+                            json_string_value(first));
         return -1;
     }
     if (reply->responseCode != 0) return -1;
     copy_reply_text(element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     copy_reply_text(element, "grantId", reply->grantId, sizeof reply->grantId);
-    copy_reply_text(element, "grantExpireTime", reply->grantExpireTime, sizeof reply->grantExpireTime);
+    copy_reply_text(element, "grantExpireTime", reply->grantExpireTime,
+                    sizeof reply->grantExpireTime);
     read_reply_integer(element, "heartbeatInterval", &reply->heartbeatInterval);
     copy_reply_text(element, "channelType", reply->channelType, sizeof reply->channelType);
     return 0;

@@ -22,7 +22,8 @@ bool is_grant_renew_requested() {
 }
 
 BodyStatus build_heartbeat_body(const GrantResponse* grant, const config::DeviceRecord* record,
-                                const char* operationState, bool grantRenew, char* body, size_t capacity) {
+                                const char* operationState, bool grantRenew, char* body,
+                                size_t capacity) {
     json_t* heartbeat = json_object();
     set_text(heartbeat, "cbsdId", grant->cbsdId);
     set_text(heartbeat, "grantId", grant->grantId);
@@ -46,8 +47,8 @@ int32_t heartbeat_request(const char* serverUrl, const GrantResponse* grant,
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/heartbeat", serverUrl);
     core::log(5, 0, "[SAS] URL = %s\n", url);
-    if (build_heartbeat_body(grant, record, operationState, grantRenew, body.get(), kRequestBodyCapacity) ==
-        BodyStatus::TooLong)
+    if (build_heartbeat_body(grant, record, operationState, grantRenew, body.get(),
+                             kRequestBodyCapacity) == BodyStatus::TooLong)
         return -1;
     return https_post(url, body.get());
 }
@@ -61,8 +62,10 @@ int32_t parse_heartbeat_response(HeartbeatResponse* reply) {
     const json_t* element = sasReply.element;
     copy_reply_text(element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     copy_reply_text(element, "grantId", reply->grantId, sizeof reply->grantId);
-    copy_reply_text(element, "transmitExpireTime", reply->transmitExpireTime, sizeof reply->transmitExpireTime);
-    copy_reply_text(element, "grantExpireTime", reply->grantExpireTime, sizeof reply->grantExpireTime);
+    copy_reply_text(element, "transmitExpireTime", reply->transmitExpireTime,
+                    sizeof reply->transmitExpireTime);
+    copy_reply_text(element, "grantExpireTime", reply->grantExpireTime,
+                    sizeof reply->grantExpireTime);
     read_reply_integer(element, "heartbeatInterval", &reply->heartbeatInterval);
     return 0;
 }

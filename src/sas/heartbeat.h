@@ -15,6 +15,7 @@ bool is_grant_renew_requested();
 // Fills body (cleared for capacity bytes) with the indented heartbeat for the
 // grant held in grant.
 BodyStatus build_heartbeat_body(const GrantResponse* grant, const config::DeviceRecord* record,
-                                const char* operationState, bool grantRenew, char* body, size_t capacity);
+                                const char* operationState, bool grantRenew, char* body,
+                                size_t capacity);
 
 }  // namespace cbsd::sas

@@ -31,9 +31,11 @@ json_t* installation_param(const config::DeviceRecord* record) {
     json_object_set_new(param, "longitude", json_real(std::atof(record->longitude)));
     json_object_set_new(param, "height", json_real(std::atof(record->height)));
     set_text(param, "heightType", record->heightType);
-    json_object_set_new(param, "indoorDeployment", json_boolean(std::atoi(record->indoorDeployment) != 0));
+    json_object_set_new(param, "indoorDeployment",
+                        json_boolean(std::atoi(record->indoorDeployment) != 0));
     json_object_set_new(param, "antennaGain", json_integer(std::atoi(record->antennaGain)));
-    json_object_set_new(param, "antennaBeamwidth", json_integer(std::atoi(record->antennaBeamwidth)));
+    json_object_set_new(param, "antennaBeamwidth",
+                        json_integer(std::atoi(record->antennaBeamwidth)));
     json_object_set_new(param, "antennaDowntilt", json_integer(std::atoi(record->antennaDowntilt)));
     json_object_set_new(param, "antennaAzimuth", json_integer(std::atoi(record->antennaAzimuth)));
     set_text(param, "antennaModel", record->antennaModel);
@@ -67,7 +69,7 @@ bool add_cpi_signature(json_t* registration, const config::DeviceRecord* record,
     }
     char keyPath[512] = {};
     std::snprintf(keyPath, sizeof keyPath, "%s/%s", kCpiKeyDirectory, options->cpiKeyFileName);
-    struct stat status{};
+    struct stat status {};
     if (stat(keyPath, &status) != 0) {
         core::log(3, 1, "[SAS] %s does not exist!\n\n", keyPath);
         return false;
@@ -78,7 +80,8 @@ bool add_cpi_signature(json_t* registration, const config::DeviceRecord* record,
     if (!installationJson) return false;
 
     std::unique_ptr<CpiSignedData> signedData(new (std::nothrow) CpiSignedData{});
-    if (signedData) sign_cpi_data(installationJson, keyPath, options->cpiKeyPassword, signedData.get());
+    if (signedData)
+        sign_cpi_data(installationJson, keyPath, options->cpiKeyPassword, signedData.get());
     std::free(installationJson);
     if (!signedData) return false;
 
@@ -130,8 +133,8 @@ void load_registration_options(RegistrationOptions* options) {
     config::get_cpi_key_password(options->cpiKeyPassword, sizeof options->cpiKeyPassword);
 }
 
-int32_t build_registration_body(const config::DeviceRecord* record, const RegistrationOptions* options,
-                                char* body, size_t capacity) {
+int32_t build_registration_body(const config::DeviceRecord* record,
+                                const RegistrationOptions* options, char* body, size_t capacity) {
     std::memset(body, 0, capacity);
     json_t* registration = registration_object(record);
     if (options->singleStep && !add_cpi_signature(registration, record, options)) {

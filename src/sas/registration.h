@@ -25,7 +25,7 @@ void load_registration_options(RegistrationOptions* options);
 // Fills body (cleared for capacity bytes) with the indented registration
 // request.  -1 when nothing may be sent: missing CPI key name or file, a
 // serialisation failure, or a body that does not fit.
-int32_t build_registration_body(const config::DeviceRecord* record, const RegistrationOptions* options,
-                                char* body, size_t capacity);
+int32_t build_registration_body(const config::DeviceRecord* record,
+                                const RegistrationOptions* options, char* body, size_t capacity);
 
 }  // namespace cbsd::sas

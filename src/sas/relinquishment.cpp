@@ -16,7 +16,8 @@
 
 namespace cbsd::sas {
 
-BodyStatus build_relinquishment_body(const char* cbsdId, const char* grantId, char* body, size_t capacity) {
+BodyStatus build_relinquishment_body(const char* cbsdId, const char* grantId, char* body,
+                                     size_t capacity) {
     char cbsdIdText[128] = {};
     char grantIdText[128] = {};
     core::copy_text(cbsdIdText, sizeof cbsdIdText, cbsdId);
@@ -37,7 +38,8 @@ int32_t post_relinquishment(const char* serverUrl, const char* cbsdId, const cha
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/relinquishment", serverUrl);
     core::log(5, 0, "[SAS] URL = %s\n", url);
-    if (build_relinquishment_body(cbsdId, grantId, body.get(), kShortRequestBodyCapacity) == BodyStatus::TooLong)
+    if (build_relinquishment_body(cbsdId, grantId, body.get(), kShortRequestBodyCapacity) ==
+        BodyStatus::TooLong)
         return -1;
     return https_post(url, body.get());
 }
@@ -55,8 +57,8 @@ void relinquishment_request(const char* serverUrl, const char* cbsdId, const cha
     std::memset(reply, 0, sizeof *reply);
     parse_relinquishment_response(reply);
     if (reply->responseCode != 0)
-        core::log(5, 1, "[SAS] Relinquish unsuccessfully, responseCode:%d(%s)\n", reply->responseCode,
-                  responseCode_name(reply->responseCode));
+        core::log(5, 1, "[SAS] Relinquish unsuccessfully, responseCode:%d(%s)\n",
+                  reply->responseCode, responseCode_name(reply->responseCode));
     else
         core::log(5, 1, "[SAS] Relinquish successfully\n");
 }

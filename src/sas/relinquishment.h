@@ -8,6 +8,7 @@
 namespace cbsd::sas {
 
 // Ids are cut to 127 characters; a null id is sent as "".
-BodyStatus build_relinquishment_body(const char* cbsdId, const char* grantId, char* body, size_t capacity);
+BodyStatus build_relinquishment_body(const char* cbsdId, const char* grantId, char* body,
+                                     size_t capacity);
 
 }  // namespace cbsd::sas

@@ -12,7 +12,7 @@
 
 namespace cbsd::sas {
 
-inline constexpr size_t kRequestBodyCapacity = 4096;       // registration, inquiry, grant, heartbeat
+inline constexpr size_t kRequestBodyCapacity = 4096;  // registration, inquiry, grant, heartbeat
 inline constexpr size_t kShortRequestBodyCapacity = 2048;  // relinquishment, deregistration
 
 // The synthetic received-power report: no measurement is taken.

@@ -24,7 +24,8 @@ json_t* shared_entry_meas_report() {
     json_t* reports = json_array();
     json_t* entry = json_object();
     for (int i = 0; i < kMeasReportEntries; ++i) {
-        json_object_set_new(entry, "measFrequency", json_integer(kFirstMeasFrequency + i * kMeasFrequencyStep));
+        json_object_set_new(entry, "measFrequency",
+                            json_integer(kFirstMeasFrequency + i * kMeasFrequencyStep));
         json_object_set_new(entry, "measBandwidth", json_integer(kMeasBandwidth));
         json_object_set_new(entry, "measRcvdPower", json_integer(kFirstMeasPower + i));
         json_array_append(reports, entry);
@@ -47,21 +48,25 @@ int32_t truncated_max_eirp(double value) {
 // leaves maxEirp at 2147483647, which means "no limit from the SAS".
 void read_first_channel(const json_t* channel, SpectrumInquiryResponse* reply) {
     const json_t* range = json_object_get(channel, "frequencyRange");
-    reply->lowFrequency = static_cast<uint32_t>(json_integer_value(json_object_get(range, "lowFrequency")));
-    reply->highFrequency = static_cast<uint32_t>(json_integer_value(json_object_get(range, "highFrequency")));
+    reply->lowFrequency =
+        static_cast<uint32_t>(json_integer_value(json_object_get(range, "lowFrequency")));
+    reply->highFrequency =
+        static_cast<uint32_t>(json_integer_value(json_object_get(range, "highFrequency")));
     copy_reply_text(channel, "channelType", reply->channelType, sizeof reply->channelType);
     copy_reply_text(channel, "ruleApplied", reply->ruleApplied, sizeof reply->ruleApplied);
     const json_t* maxEirp = json_object_get(channel, "maxEirp");
-    reply->maxEirp = json_is_number(maxEirp) ? truncated_max_eirp(json_number_value(maxEirp)) : INT32_MAX;
+    reply->maxEirp =
+        json_is_number(maxEirp) ? truncated_max_eirp(json_number_value(maxEirp)) : INT32_MAX;
 }
 
 }  // namespace
 
-BodyStatus build_spectrum_inquiry_body(const char* cbsdId, const config::DeviceRecord* record, char* body,
-                                       size_t capacity) {
+BodyStatus build_spectrum_inquiry_body(const char* cbsdId, const config::DeviceRecord* record,
+                                       char* body, size_t capacity) {
     json_t* range = json_object();
     json_object_set_new(range, "lowFrequency", json_integer(mhz_text_to_hz(record->lowFrequency)));
-    json_object_set_new(range, "highFrequency", json_integer(mhz_text_to_hz(record->highFrequency)));
+    json_object_set_new(range, "highFrequency",
+                        json_integer(mhz_text_to_hz(record->highFrequency)));
     json_t* spectrum = json_array();
     json_array_append_new(spectrum, range);
 
@@ -84,8 +89,8 @@ int32_t spectrumInquiry_request(const char* serverUrl, const RegistrationRespons
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/spectrumInquiry", serverUrl);
     core::log(5, 0, "[SAS] URL = %s\n", url);
-    if (build_spectrum_inquiry_body(registration->cbsdId, record, body.get(), kRequestBodyCapacity) ==
-        BodyStatus::TooLong)
+    if (build_spectrum_inquiry_body(registration->cbsdId, record, body.get(),
+                                    kRequestBodyCapacity) == BodyStatus::TooLong)
         return -1;
     return https_post(url, body.get());
 }

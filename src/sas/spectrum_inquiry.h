@@ -10,7 +10,7 @@ namespace cbsd::sas {
 
 // Fills body (cleared for capacity bytes) with the indented inquiry for the
 // serving cell's frequency range.
-BodyStatus build_spectrum_inquiry_body(const char* cbsdId, const config::DeviceRecord* record, char* body,
-                                       size_t capacity);
+BodyStatus build_spectrum_inquiry_body(const char* cbsdId, const config::DeviceRecord* record,
+                                       char* body, size_t capacity);
 
 }  // namespace cbsd::sas

@@ -419,10 +419,13 @@ bool run_pass(Worker& w) {
 
 }  // namespace
 
+std::atomic<uint8_t> thread_entered{0};
+
 void set_pass_clock(const PassClock& clock) { pass_clock = clock; }
 
 int standalone_thread() {
     core::worker_running.store(1);
+    thread_entered.store(1);
     core::log(5, 0, "[SAS] standalone_thread is running.\n");
     Worker worker;
     config::get_server_address(worker.serverUrl, sizeof worker.serverUrl);

@@ -10,6 +10,7 @@
 #include <jansson.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <string>
 
 namespace cbsd::test {
@@ -32,7 +33,8 @@ inline config::DeviceRecord sample_device_record() {
     core::copy_text(r.measCapability, sizeof r.measCapability, "RECEIVED_POWER_WITHOUT_GRANT");
     core::copy_text(r.groupId, sizeof r.groupId, "group-7");
     core::copy_text(r.groupType, sizeof r.groupType, "INTERFERENCE_COORDINATION");
-    core::copy_text(r.installCertificationTime, sizeof r.installCertificationTime, "2024-01-02T03:04:05Z");
+    core::copy_text(r.installCertificationTime, sizeof r.installCertificationTime,
+                    "2024-01-02T03:04:05Z");
     core::copy_text(r.cpiId, sizeof r.cpiId, "cpi-42");
     core::copy_text(r.cpiName, sizeof r.cpiName, "Pat Installer");
     core::copy_text(r.lowFrequency, sizeof r.lowFrequency, "3552.5");
@@ -78,8 +80,12 @@ inline long long integer_member(json_t* object, const char* member) {
     return json_integer_value(value);
 }
 
+// An empty log and no reply dump: each test starts from the state of a fresh
+// daemon even when several tests share one process.
 inline void prepare_log_directory() {
     mkdir("/root/sas", 0755);
+    std::remove("/root/sas/sas.log");
+    std::remove("/tmp/sasmsg.json");
 }
 
 inline std::string log_text() {

@@ -21,7 +21,8 @@ inline bool make_cpi_keys() {
     std::string d = kCpiKeyDir;
     std::string script =
         "set -e; mkdir -p " + d + "; cd " + d +
-        "; openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out rsa_pkcs8.pem 2>/dev/null"
+        "; openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out rsa_pkcs8.pem "
+        "2>/dev/null"
         "; openssl pkey -in rsa_pkcs8.pem -traditional -out rsa_pkcs1.pem"
         "; openssl pkey -in rsa_pkcs8.pem -pubout -out rsa_public.pem"
         "; openssl req -x509 -new -key rsa_pkcs8.pem -subj /CN=cpi -days 2 -out rsa.crt 2>/dev/null"

@@ -1,6 +1,9 @@
 #include "sas/grant.h"
 
 #include "body_assertions.h"
+#include "exchange_fixture.h"
+#include "sas/exchanges.h"
+#include <cstring>
 #include "sas/request_body.h"
 
 #include <gtest/gtest.h>
@@ -107,6 +110,110 @@ TEST_F(GrantBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
     EXPECT_EQ(BodyStatus::TooLong, build_grant_body("cbsd-9", &record, small, sizeof small));
     EXPECT_EQ(std::string(sizeof small, '\0'), std::string(small, sizeof small));
     EXPECT_NE(std::string::npos, test::log_text().find("bytes, limit 299), not sent\n"));
+}
+
+// --- the reply ---
+
+class GrantReplyTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::prepare_log_directory();
+        std::memset(&reply, 0, sizeof reply);
+        reply.heartbeatInterval = 45;
+        core::copy_text(reply.responseData, sizeof reply.responseData, "earlier");
+    }
+    int32_t parse(const std::string& element) {
+        test::write_reply(R"({"grantResponse":[)" + element + "]}");
+        return parse_grant_response(&reply);
+    }
+    GrantResponse reply{};
+};
+
+TEST_F(GrantReplyTest, SuccessCopiesTheGrant) {
+    ASSERT_EQ(
+        0, parse(R"({"cbsdId":"c","grantId":"g-1","grantExpireTime":"2030-01-01T00:00:00Z",)"
+                 R"("heartbeatInterval":120,"channelType":"GAA","response":{"responseCode":0}})"));
+    EXPECT_STREQ("c", reply.cbsdId);
+    EXPECT_STREQ("g-1", reply.grantId);
+    EXPECT_STREQ("2030-01-01T00:00:00Z", reply.grantExpireTime);
+    EXPECT_EQ(120, reply.heartbeatInterval);
+    EXPECT_STREQ("GAA", reply.channelType);
+}
+
+TEST_F(GrantReplyTest, SuccessWithoutHeartbeatIntervalKeepsThePreviousOne) {
+    ASSERT_EQ(0, parse(R"({"grantId":"g-2","response":{"responseCode":0}})"));
+    EXPECT_EQ(45, reply.heartbeatInterval);
+    EXPECT_STREQ("g-2", reply.grantId);
+}
+
+TEST_F(GrantReplyTest, LongTextsAreCutToTheirFields) {
+    ASSERT_EQ(0, parse(R"({"grantId":")" + std::string(200, 'g') + R"(","grantExpireTime":")" +
+                       std::string(100, 't') + R"(","response":{"responseCode":0}})"));
+    EXPECT_EQ(std::string(127, 'g'), reply.grantId);
+    EXPECT_EQ(std::string(63, 't'), reply.grantExpireTime);
+}
+
+TEST_F(GrantReplyTest, ConflictKeepsTheConflictingGrantId) {
+    EXPECT_EQ(
+        -1,
+        parse(
+            R"({"grantId":"mine","response":{"responseCode":401,"responseData":["g-old","x"]}})"));
+    EXPECT_EQ(401, reply.responseCode);
+    EXPECT_STREQ("g-old", reply.responseData);
+    EXPECT_STREQ("", reply.grantId);
+}
+
+TEST_F(GrantReplyTest, ConflictWithoutUsableResponseDataLeavesTheField) {
+    for (const char* data :
+         {"", R"(,"responseData":[])", R"(,"responseData":[401])", R"(,"responseData":"g")"}) {
+        EXPECT_EQ(-1, parse(std::string(R"({"response":{"responseCode":401)") + data + "}}"))
+            << data;
+        EXPECT_STREQ("earlier", reply.responseData) << data;
+    }
+}
+
+TEST_F(GrantReplyTest, ResponseDataIsReadOnlyForAConflict) {
+    EXPECT_EQ(-1, parse(R"({"response":{"responseCode":400,"responseData":["g-9"]}})"));
+    EXPECT_EQ(400, reply.responseCode);
+    EXPECT_STREQ("earlier", reply.responseData);
+}
+
+TEST_F(GrantReplyTest, StaleHeartbeatReplyFails) {
+    test::write_reply(R"({"heartbeatResponse":[{"response":{"responseCode":0}}]})");
+    EXPECT_EQ(-1, parse_grant_response(&reply));
+    EXPECT_EQ(-1, reply.responseCode);
+}
+
+class GrantExchangeTest : public test::ExchangeTest {};
+
+TEST_F(GrantExchangeTest, GrantReachesTheSasAndTheGrantIsRead) {
+    RegistrationResponse registration{};
+    core::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-5");
+    ASSERT_EQ(0, grant_request(url.c_str(), &registration, &record));
+    test::ReceivedBodies bodies(received("grant"), "grantRequest");
+    ASSERT_EQ(1u, bodies.size());
+    json_t* operation = json_object_get(bodies.element(0), "operationParam");
+    EXPECT_EQ(20, integer_member(operation, "maxEirp"));
+    json_t* range = json_object_get(operation, "operationFrequencyRange");
+    EXPECT_EQ(3550000000, integer_member(range, "lowFrequency"));
+    EXPECT_EQ(3570000000, integer_member(range, "highFrequency"));
+
+    GrantResponse reply{};
+    ASSERT_EQ(0, parse_grant_response(&reply));
+    EXPECT_STREQ("cbsd-5", reply.cbsdId);
+    EXPECT_NE('\0', reply.grantId[0]);
+    EXPECT_EQ(20u, std::strlen(reply.grantExpireTime));
+    EXPECT_EQ(60, reply.heartbeatInterval);
+}
+
+TEST_F(GrantExchangeTest, ScriptedConflictYieldsTheConflictingId) {
+    ASSERT_TRUE(simulator->push("grant", R"({"responseCode":401,"responseData":["grant-old"]})"));
+    RegistrationResponse registration{};
+    ASSERT_EQ(0, grant_request(url.c_str(), &registration, &record));
+    GrantResponse reply{};
+    EXPECT_EQ(-1, parse_grant_response(&reply));
+    EXPECT_EQ(401, reply.responseCode);
+    EXPECT_STREQ("grant-old", reply.responseData);
 }
 
 }  // namespace

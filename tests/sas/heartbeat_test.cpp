@@ -1,6 +1,10 @@
 #include "sas/heartbeat.h"
 
 #include "body_assertions.h"
+#include "exchange_fixture.h"
+#include "sas/exchanges.h"
+#include <cstring>
+#include "config/uci_store.h"
 #include "sas/request_body.h"
 
 #include <gtest/gtest.h>
@@ -57,7 +61,8 @@ TEST_F(HeartbeatBodyTest, WithoutGrantCapabilitySendsNoReport) {
 }
 
 TEST_F(HeartbeatBodyTest, WithGrantCapabilitySendsFifteenDistinctEntries) {
-    core::copy_text(record.measCapability, sizeof record.measCapability, "RECEIVED_POWER_WITH_GRANT");
+    core::copy_text(record.measCapability, sizeof record.measCapability,
+                    "RECEIVED_POWER_WITH_GRANT");
     ASSERT_EQ(BodyStatus::Stored, build(false));
     ParsedBody parsed(body, "heartbeatRequest");
     json_t* entries = json_object_get(parsed.get("measReport"), "rcvdPowerMeasReports");
@@ -72,10 +77,108 @@ TEST_F(HeartbeatBodyTest, WithGrantCapabilitySendsFifteenDistinctEntries) {
 }
 
 TEST_F(HeartbeatBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
-    core::copy_text(record.measCapability, sizeof record.measCapability, "RECEIVED_POWER_WITH_GRANT");
+    core::copy_text(record.measCapability, sizeof record.measCapability,
+                    "RECEIVED_POWER_WITH_GRANT");
     char small[1024];
-    EXPECT_EQ(BodyStatus::TooLong, build_heartbeat_body(&grant, &record, "GRANTED", false, small, sizeof small));
+    EXPECT_EQ(BodyStatus::TooLong,
+              build_heartbeat_body(&grant, &record, "GRANTED", false, small, sizeof small));
     EXPECT_EQ(std::string(sizeof small, '\0'), std::string(small, sizeof small));
+}
+
+TEST(GrantRenewFlag, NonZeroIntegerTextRequestsRenewal) {
+    test::prepare_log_directory();
+    struct Case {
+        const char* option;
+        bool renew;
+    } cases[] = {{"\toption GrantRenew '1'\n", true},
+                 {"\toption GrantRenew '7'\n", true},
+                 {"\toption GrantRenew '0'\n", false},
+                 {"\toption GrantRenew ''\n", false},
+                 {"", false}};
+    for (const Case& c : cases) {
+        ASSERT_TRUE(test::write_file("/etc/config/sas",
+                                     std::string("config operation 'operation'\n") + c.option));
+        EXPECT_EQ(c.renew, is_grant_renew_requested()) << c.option;
+    }
+    std::remove("/etc/config/sas");
+    EXPECT_FALSE(is_grant_renew_requested());
+}
+
+// --- the reply ---
+
+class HeartbeatReplyTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::prepare_log_directory();
+        std::memset(&reply, 0, sizeof reply);
+        reply.heartbeatInterval = 90;
+        core::copy_text(reply.grantExpireTime, sizeof reply.grantExpireTime,
+                        "2029-01-01T00:00:00Z");
+    }
+    int32_t parse(const std::string& element) {
+        test::write_reply(R"({"heartbeatResponse":[)" + element + "]}");
+        return parse_heartbeat_response(&reply);
+    }
+    HeartbeatResponse reply{};
+};
+
+TEST_F(HeartbeatReplyTest, SuccessCopiesTimesAndInterval) {
+    ASSERT_EQ(
+        0,
+        parse(
+            R"({"cbsdId":"c","grantId":"g","transmitExpireTime":"2030-01-01T00:04:00Z",)"
+            R"("grantExpireTime":"2030-02-01T00:00:00Z","heartbeatInterval":30,"response":{"responseCode":0}})"));
+    EXPECT_STREQ("c", reply.cbsdId);
+    EXPECT_STREQ("g", reply.grantId);
+    EXPECT_STREQ("2030-01-01T00:04:00Z", reply.transmitExpireTime);
+    EXPECT_STREQ("2030-02-01T00:00:00Z", reply.grantExpireTime);
+    EXPECT_EQ(30, reply.heartbeatInterval);
+}
+
+TEST_F(HeartbeatReplyTest, SuccessWithoutGrantExpireTimeOrIntervalKeepsThem) {
+    ASSERT_EQ(
+        0, parse(R"({"transmitExpireTime":"2030-01-01T00:04:00Z","response":{"responseCode":0}})"));
+    EXPECT_STREQ("2029-01-01T00:00:00Z", reply.grantExpireTime);
+    EXPECT_EQ(90, reply.heartbeatInterval);
+}
+
+TEST_F(HeartbeatReplyTest, TimeOfWrongTypeIsIgnored) {
+    ASSERT_EQ(0, parse(R"({"grantExpireTime":20300101,"response":{"responseCode":0}})"));
+    EXPECT_STREQ("2029-01-01T00:00:00Z", reply.grantExpireTime);
+}
+
+TEST_F(HeartbeatReplyTest, RefusalKeepsTheCode) {
+    for (int code : {500, 501, 502, 105}) {
+        EXPECT_EQ(-1, parse(R"({"transmitExpireTime":"x","response":{"responseCode":)" +
+                            std::to_string(code) + "}}"));
+        EXPECT_EQ(code, reply.responseCode);
+        EXPECT_STREQ("", reply.transmitExpireTime);
+    }
+}
+
+class HeartbeatExchangeTest : public test::ExchangeTest {};
+
+TEST_F(HeartbeatExchangeTest, HeartbeatCarriesTheRenewalFlagFromTheConfiguration) {
+    test::write_sas_config("config operation 'operation'\n\toption GrantRenew '1'\n\n");
+    GrantResponse grant{};
+    core::copy_text(grant.cbsdId, sizeof grant.cbsdId, "cbsd-8");
+    core::copy_text(grant.grantId, sizeof grant.grantId, "grant-8");
+    ASSERT_EQ(0, heartbeat_request(url.c_str(), &grant, &record, "GRANTED"));
+    config::config_set("/etc/config/sas", "operation", "GrantRenew", "0");
+    ASSERT_EQ(0, heartbeat_request(url.c_str(), &grant, &record, "AUTHORIZED"));
+
+    test::ReceivedBodies bodies(received("heartbeat"), "heartbeatRequest");
+    ASSERT_EQ(2u, bodies.size());
+    EXPECT_TRUE(json_is_true(json_object_get(bodies.element(0), "grantRenew")));
+    EXPECT_EQ("GRANTED", string_member(bodies.element(0), "operationState"));
+    EXPECT_TRUE(json_is_false(json_object_get(bodies.element(1), "grantRenew")));
+    EXPECT_EQ("AUTHORIZED", string_member(bodies.element(1), "operationState"));
+    EXPECT_EQ("grant-8", string_member(bodies.element(1), "grantId"));
+
+    HeartbeatResponse reply{};
+    ASSERT_EQ(0, parse_heartbeat_response(&reply));
+    EXPECT_STREQ("grant-8", reply.grantId);
+    EXPECT_EQ(20u, std::strlen(reply.transmitExpireTime));
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 #include "sas/registration.h"
 
 #include "body_assertions.h"
+#include "exchange_fixture.h"
+#include "sas/exchanges.h"
 #include "cpi_key_fixture.h"
+#include "config/uci_store.h"
 #include "sas/request_body.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +29,8 @@ std::string base64url_text(std::string text) {
     int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()),
                             static_cast<int>(text.size()));
     size_t padding = text.size() - text.find_last_not_of('=') - 1;
-    return n < 0 ? std::string() : std::string(out.begin(), out.begin() + (n - static_cast<long>(padding)));
+    return n < 0 ? std::string()
+                 : std::string(out.begin(), out.begin() + (n - static_cast<long>(padding)));
 }
 
 class RegistrationBodyTest : public ::testing::Test {
@@ -47,7 +51,8 @@ protected:
     // The installation object carried, signed, in encodedCpiSignedData.
     json_t* signed_installation(const ParsedBody& parsed) {
         json_t* signature = parsed.get("cpiSignatureData");
-        return json_loads(base64url_text(string_member(signature, "encodedCpiSignedData")).c_str(), 0, nullptr);
+        return json_loads(base64url_text(string_member(signature, "encodedCpiSignedData")).c_str(),
+                          0, nullptr);
     }
 
     config::DeviceRecord record{};
@@ -195,7 +200,8 @@ TEST_F(RegistrationBodyTest, IndoorDeploymentIsTrueForAnyNonZeroInteger) {
         ASSERT_EQ(0, build());
         ParsedBody parsed(body, "registrationRequest");
         json_t* installation = signed_installation(parsed);
-        json_t* indoor = json_object_get(json_object_get(installation, "installationParam"), "indoorDeployment");
+        json_t* indoor =
+            json_object_get(json_object_get(installation, "installationParam"), "indoorDeployment");
         ASSERT_TRUE(json_is_boolean(indoor)) << c.text;
         EXPECT_EQ(c.indoor, json_is_true(indoor)) << c.text;
         json_decref(installation);
@@ -209,7 +215,8 @@ TEST_F(RegistrationBodyTest, FailedSigningStillSendsThreeEmptyParts) {
     int32_t result = build();
     std::string errors = testing::internal::GetCapturedStderr();
     ASSERT_EQ(0, result);
-    EXPECT_NE(std::string::npos, errors.find("Error: parse /root/sas/cert/cpiKey/rsa.p12 error.\n\n"));
+    EXPECT_NE(std::string::npos,
+              errors.find("Error: parse /root/sas/cert/cpiKey/rsa.p12 error.\n\n"));
     ParsedBody parsed(body, "registrationRequest");
     json_t* signature = parsed.get("cpiSignatureData");
     EXPECT_EQ("", string_member(signature, "protectedHeader"));
@@ -221,7 +228,8 @@ TEST_F(RegistrationBodyTest, FailedSigningStillSendsThreeEmptyParts) {
 // outgrow the 4096-byte body; such a body is refused, never cut.
 TEST_F(RegistrationBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
     std::string controls(127, '\x01');
-    for (char* field : {record.userId, record.fccId, record.serialNumber, record.callSign, record.groupId})
+    for (char* field :
+         {record.userId, record.fccId, record.serialNumber, record.callSign, record.groupId})
         core::copy_text(field, 128, controls.c_str());
     EXPECT_EQ(-1, build());
     EXPECT_EQ(std::string(sizeof body, '\0'), std::string(body, sizeof body));
@@ -243,7 +251,172 @@ TEST_F(RegistrationBodyTest, TextThatIsNotUtf8IsSentEmptyWithALogLine) {
     ASSERT_EQ(0, build());
     ParsedBody parsed(body, "registrationRequest");
     EXPECT_EQ("", string_member(parsed.element(), "callSign"));
-    EXPECT_NE(std::string::npos, test::log_text().find("[SAS] callSign is not valid UTF-8, sent empty\n"));
+    EXPECT_NE(std::string::npos,
+              test::log_text().find("[SAS] callSign is not valid UTF-8, sent empty\n"));
+}
+
+// --- the reply ---
+
+class RegistrationReplyTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::prepare_log_directory();
+        std::memset(&reply, 0, sizeof reply);
+        core::copy_text(reply.cbsdId, sizeof reply.cbsdId, "previous");
+    }
+    RegistrationResponse reply{};
+};
+
+TEST_F(RegistrationReplyTest, SuccessCopiesCbsdId) {
+    test::write_reply(
+        R"({"registrationResponse":[{"cbsdId":"id-1","response":{"responseCode":0}}]})");
+    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_EQ(0, reply.responseCode);
+    EXPECT_STREQ("id-1", reply.cbsdId);
+}
+
+TEST_F(RegistrationReplyTest, SuccessWithoutCbsdIdKeepsThePreviousId) {
+    test::write_reply(R"({"registrationResponse":[{"response":{"responseCode":0}}]})");
+    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_STREQ("previous", reply.cbsdId);
+}
+
+TEST_F(RegistrationReplyTest, CbsdIdThatIsNoStringIsIgnored) {
+    test::write_reply(R"({"registrationResponse":[{"cbsdId":17,"response":{"responseCode":0}}]})");
+    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_STREQ("previous", reply.cbsdId);
+}
+
+TEST_F(RegistrationReplyTest, LongCbsdIdIsCutTo127) {
+    test::write_reply(R"({"registrationResponse":[{"cbsdId":")" + std::string(300, 'i') +
+                      R"(","response":{"responseCode":0}}]})");
+    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_EQ(std::string(127, 'i'), reply.cbsdId);
+}
+
+TEST_F(RegistrationReplyTest, RefusalKeepsTheCodeAndTheId) {
+    test::write_reply(
+        R"({"registrationResponse":[{"cbsdId":"id-2","response":{"responseCode":200}}]})");
+    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(200, reply.responseCode);
+    EXPECT_STREQ("previous", reply.cbsdId);
+}
+
+TEST_F(RegistrationReplyTest, OnlyTheFirstElementCounts) {
+    test::write_reply(
+        R"({"registrationResponse":[{"cbsdId":"first","response":{"responseCode":0}},)"
+        R"({"cbsdId":"second","response":{"responseCode":103}}]})");
+    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_STREQ("first", reply.cbsdId);
+}
+
+TEST_F(RegistrationReplyTest, ElementWithoutResponseReadsAsSuccess) {
+    test::write_reply(R"({"registrationResponse":[{"cbsdId":"id-3"}]})");
+    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_STREQ("id-3", reply.cbsdId);
+}
+
+TEST_F(RegistrationReplyTest, MissingOrNonObjectDumpIsReportedAsWrongResponse) {
+    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, reply.responseCode);
+    test::write_reply(R"([{"registrationResponse":[]}])");
+    EXPECT_EQ(-1, parse_registration_response(&reply));
+    test::write_reply("<html>500</html>");
+    EXPECT_EQ(-1, parse_registration_response(&reply));
+    std::string log = test::log_text();
+    size_t first = log.find("[SAS] wrong Response from SAS Server!\n\n");
+    ASSERT_NE(std::string::npos, first);
+    EXPECT_NE(std::string::npos, log.find("[SAS] wrong Response from SAS Server!\n\n", first + 1));
+    EXPECT_EQ(-1, reply.responseCode);
+    EXPECT_STREQ("previous", reply.cbsdId);
+}
+
+TEST_F(RegistrationReplyTest, StaleReplyOfAnotherMessageFailsSilently) {
+    test::write_reply(R"({"grantResponse":[{"cbsdId":"x","response":{"responseCode":0}}]})");
+    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, reply.responseCode);
+    EXPECT_EQ(std::string::npos, test::log_text().find("wrong Response"));
+}
+
+// --- configuration and the exchange against the simulator ---
+
+TEST(RegistrationOptions, SingleStepOnlyForStepChoiceOne) {
+    test::prepare_log_directory();
+    const std::string cert =
+        "config cert 'cert'\n\toption cpiKeyFileName 'k.pem'\n\toption cpiKeyFilePassword 'pw'\n\n";
+    for (const char* choice : {"0", "2", ""}) {
+        std::string config = cert;
+        if (*choice)
+            config +=
+                std::string("config config 'config'\n\toption sasStepChoice '") + choice + "'\n";
+        ASSERT_TRUE(test::write_file("/etc/config/sas", config));
+        RegistrationOptions options{};
+        load_registration_options(&options);
+        EXPECT_FALSE(options.singleStep) << choice;
+        EXPECT_STREQ("", options.cpiKeyFileName) << choice;
+    }
+    ASSERT_TRUE(test::write_file("/etc/config/sas",
+                                 cert + "config config 'config'\n\toption sasStepChoice '1'\n"));
+    RegistrationOptions options{};
+    load_registration_options(&options);
+    EXPECT_TRUE(options.singleStep);
+    EXPECT_STREQ("k.pem", options.cpiKeyFileName);
+    EXPECT_STREQ("pw", options.cpiKeyPassword);
+}
+
+class RegistrationExchangeTest : public test::ExchangeTest {};
+
+TEST_F(RegistrationExchangeTest, TwoStepRegistrationReachesTheSasAndYieldsTheId) {
+    ASSERT_EQ(0, registeration_request(url.c_str(), &record));
+    test::ReceivedBodies bodies(received("registration"), "registrationRequest");
+    ASSERT_EQ(1u, bodies.size());
+    json_t* sent = bodies.element(0);
+    EXPECT_EQ("FCC-TEST-1", string_member(sent, "fccId"));
+    EXPECT_EQ("SN0001", string_member(sent, "cbsdSerialNumber"));
+    EXPECT_EQ(nullptr, json_object_get(sent, "cpiSignatureData"));
+    EXPECT_NE(std::string::npos, test::log_text().find("[SAS] URL = " + url + "/registration\n"));
+
+    RegistrationResponse reply{};
+    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_STREQ("sim/FCC-TEST-1/SN0001", reply.cbsdId);
+}
+
+TEST_F(RegistrationExchangeTest, SingleStepRegistrationSendsSignedInstallationData) {
+    ASSERT_TRUE(test::make_cpi_keys());
+    ASSERT_TRUE(test::write_file("/etc/config/sas",
+                                 test::sim::cert_section("cbsd.pem", "cbsd.key", "ca.pem") +
+                                     "config config 'config'\n\toption sasStepChoice '1'\n\n"));
+    config::config_set("/etc/config/sas", "cert", "cpiKeyFileName", "rsa.p12");
+    config::config_set("/etc/config/sas", "cert", "cpiKeyFilePassword", test::kCpiPassword);
+    ASSERT_EQ(0, registeration_request(url.c_str(), &record));
+    test::ReceivedBodies bodies(received("registration"), "registrationRequest");
+    ASSERT_EQ(1u, bodies.size());
+    json_t* signature = json_object_get(bodies.element(0), "cpiSignatureData");
+    ASSERT_TRUE(json_is_object(signature));
+    json_t* installation = json_loads(
+        base64url_text(string_member(signature, "encodedCpiSignedData")).c_str(), 0, nullptr);
+    EXPECT_EQ("cpi-42",
+              string_member(json_object_get(installation, "professionalInstallerData"), "cpiId"));
+    json_decref(installation);
+    EXPECT_NE("", string_member(signature, "digitalSignature"));
+}
+
+TEST_F(RegistrationExchangeTest, SingleStepWithoutKeyNameSendsNothing) {
+    ASSERT_TRUE(test::write_file("/etc/config/sas",
+                                 test::sim::cert_section("cbsd.pem", "cbsd.key", "ca.pem") +
+                                     "config config 'config'\n\toption sasStepChoice '1'\n\n"));
+    EXPECT_EQ(-1, registeration_request(url.c_str(), &record));
+    EXPECT_EQ(0u, request_count());
+}
+
+TEST_F(RegistrationExchangeTest, OversizeBodyIsNeverPosted) {
+    std::string controls(127, '\x01');
+    for (char* field :
+         {record.userId, record.fccId, record.serialNumber, record.callSign, record.groupId})
+        core::copy_text(field, 128, controls.c_str());
+    EXPECT_EQ(-1, registeration_request(url.c_str(), &record));
+    EXPECT_EQ(0u, request_count());
+    EXPECT_NE(std::string::npos, test::log_text().find("[SAS] request message too long ("));
 }
 
 }  // namespace

@@ -324,7 +324,9 @@ TEST_F(AuthorizedHeartbeat, NoReplyRetriesEveryFiveSeconds) {
 
 TEST_F(StandaloneThread, TransmitExpiryStopsTransmissionButTheSamePassStillHeartbeats) {
     sim_push("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-31}}})");
-    sim_push("heartbeat", R"({"responseCode":103})");
+    // The AUTHORIZED heartbeat of the expiring pass is suspended, which keeps
+    // the thread waiting in Granted with what the expiry wrote.
+    sim_push("heartbeat", R"({"responseCode":501})");
     run_to_first_sleep();
     EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "heartbeat", "heartbeat"}));

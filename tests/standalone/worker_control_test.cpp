@@ -85,10 +85,19 @@ TEST_F(WorkerControl, StartWhileAWorkerExistsIsIgnoredUntilItIsStopped) {
     EXPECT_EQ(occurrences(log_text(), "[SAS] create standalone thread["), 2u);
 }
 
+TEST_F(WorkerControl, StopRightAfterStartIsNotUndoneByTheStartingWorker) {
+    config::config_set(config::kSasConfigPath, "config", "address", "");
+    for (int i = 0; i < 20; ++i) {
+        start_standalone_worker();
+        stop_standalone_worker();
+        ASSERT_EQ(worker_running.load(), 0) << "round " << i;
+    }
+}
+
 TEST_F(WorkerControl, StopEndsAWaitingWorkerWithinAboutASecond) {
     test::sim_push("registration", R"({"responseCode":200})");
     start_standalone_worker();
-    ASSERT_TRUE(test::wait_until([] { return test::sim_endpoints().size() == 1; }));
+    ASSERT_TRUE(test::wait_until([] { return test::sim_endpoints().size() == 1; })) << log_text();
     auto begin = std::chrono::steady_clock::now();
     stop_standalone_worker();
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();

@@ -1,0 +1,78 @@
+// Fixtures for the exchange tests: the reply dump file written by hand for
+// the parsers, and a SAS simulator with the device credentials installed for
+// the end-to-end exchanges.
+#pragma once
+
+#include "body_assertions.h"
+#include "sas/https.h"
+#include "sim_support.h"
+#include "support/test_util.h"
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace cbsd::test {
+
+inline void write_reply(const std::string& text) {
+    ASSERT_TRUE(write_file(sas::kReplyDumpPath, text));
+}
+
+// /etc/config/sas naming the device credentials, plus any extra sections.
+inline void write_sas_config(const std::string& extraSections = "") {
+    ASSERT_TRUE(write_file("/etc/config/sas",
+                           sim::cert_section("cbsd.pem", "cbsd.key", "ca.pem") + extraSections));
+}
+
+class ExchangeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        prepare_log_directory();
+        record = sample_device_record();
+        ASSERT_TRUE(sim::install_device_certs(sim::DeviceCerts{}));
+        write_sas_config();
+        simulator = std::make_unique<sim::Simulator>();
+        ASSERT_TRUE(simulator->running());
+        url = simulator->url();
+    }
+
+    // Bodies the simulator received at endpoint, parsed.
+    std::vector<json_t*> received(const std::string& endpoint) {
+        std::vector<json_t*> bodies;
+        for (const sim::Request& request : simulator->requests())
+            if (request.endpoint == endpoint)
+                bodies.push_back(json_loads(request.body.c_str(), 0, nullptr));
+        return bodies;
+    }
+
+    size_t request_count() { return simulator->requests().size(); }
+
+    config::DeviceRecord record{};
+    std::unique_ptr<sim::Simulator> simulator;
+    std::string url;
+};
+
+// Owns the parsed bodies of received() and gives element 0 of each.
+class ReceivedBodies {
+public:
+    ReceivedBodies(std::vector<json_t*> bodies, const char* member)
+        : bodies_(std::move(bodies)), member_(member) {}
+    ~ReceivedBodies() {
+        for (json_t* body : bodies_) json_decref(body);
+    }
+    ReceivedBodies(const ReceivedBodies&) = delete;
+    ReceivedBodies& operator=(const ReceivedBodies&) = delete;
+    size_t size() const { return bodies_.size(); }
+    json_t* element(size_t i) const {
+        return json_array_get(json_object_get(bodies_.at(i), member_), 0);
+    }
+
+private:
+    std::vector<json_t*> bodies_;
+    const char* member_;
+};
+
+}  // namespace cbsd::test
