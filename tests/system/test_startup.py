@@ -4,6 +4,9 @@ import os
 
 ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
 
+MODEM = {"productmodule": "RQ5518E", "SN": "SN-STARTUP-1", "netstat": 4, "dlfreq": 3625000,
+         "bandwidth": 20, "band": 48}
+
 CONFIG = (
     "config config 'config'\n"
     "\toption enableMode '0'\n"
@@ -29,8 +32,8 @@ STARTUP_ORDER = [
     "[SAS] reset IP forward enable.\n",
     "[SAS] clear firewall ICMP rules.\n",
     "[SAS] clear bridge forward rules.\n",
-    "[SAS] CPE Product Model: RG500Q-NA\n",
-    "[SAS] set default SN: LAB0000001\n",
+    "[SAS] CPE Product Model: RQ5518E\n",
+    "[SAS] set default SN: SN-STARTUP-1\n",
     "[SAS] set default MaxEIRP(PreferPower): ",
     "[SAS] wait for LTE accessing network...\n",
     "[SAS] LTE accesses network success.\n",
@@ -51,7 +54,7 @@ def test_start_up_runs_its_steps_in_order_then_enters_the_loop(router, tmp_path)
     cert_drop = tmp_path / "cert"
     (cert_drop / "clientCert").mkdir(parents=True)
     (cert_drop / "clientCert" / "client.pem").write_text("not a real certificate\n")
-    r = router(sas_config=CONFIG, provision_certs=str(cert_drop))
+    r = router(sas_config=CONFIG, modem=MODEM, provision_certs=str(cert_drop))
     # Rules and a closed switch left over from an earlier run.
     r.run("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP;"
           "iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP;"
@@ -100,7 +103,7 @@ def test_first_pass_waits_for_the_lte_network(router):
 
 
 def test_start_with_sas_enabled_in_dp_mode_ends_with_gates_closed(router):
-    r = router(sas_config=CONFIG.replace("enableMode '0'", "enableMode '1'"))
+    r = router(sas_config=CONFIG.replace("enableMode '0'", "enableMode '1'"), modem=MODEM)
     r.start_daemon()
     assert r.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n", 20)
     text = r.log_text()
