@@ -1,6 +1,7 @@
 #include "standalone/standalone_thread.h"
 
 #include "config/uci_store.h"
+#include "core/settings.h"
 #include "core/worker_control.h"
 #include "thread_harness.h"
 
@@ -439,6 +440,23 @@ TEST_F(StandaloneThread, StopWhileAuthorizedRelinquishesThenDeregisters) {
     EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
                                           "relinquishment", "deregistration"}));
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+}
+
+TEST_F(StandaloneThread, DebugModePrintsTheTimerLineEveryPass) {
+    sim_push("registration", R"({"responseCode":200})");
+    core::settings().debug = 1;
+    ::testing::internal::CaptureStdout();
+    run_to_first_sleep();
+    ASSERT_TRUE(PassGate::instance().step());
+    std::string out = ::testing::internal::GetCapturedStdout();
+    core::settings().debug = 0;
+    // Before the registration: timer cleared, secTime 0 lies in the past.
+    EXPECT_TRUE(has(out, "===>operTimer: enable=0, timerType=0(ZERO), count=0, secTime=0, "
+                         "curTickTime=1000, waitTime=4294966296s\n"));
+    // The refused registration armed a 15 s back-off.
+    EXPECT_TRUE(has(out, "===>operTimer: enable=1, timerType=3(RESPONSE_ERROR), count=1, "
+                         "secTime=1015, curTickTime=1001, waitTime=14s\n"));
+    EXPECT_FALSE(has(log_text(), "===>operTimer"));
 }
 
 TEST_F(StandaloneThread, EmptyServerUrlEndsTheThreadAndKeepsTheRunningFlag) {
