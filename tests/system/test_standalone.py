@@ -4,6 +4,7 @@ device with open gates, heartbeats, refusals and expiry closing the gates,
 disabling SAS and configuration changes.  A sampler checks throughout every
 test that the gates are never open while SAS is on and the radio is not
 enabled (beyond the one supervision pass the loop needs to notice)."""
+import fcntl
 import os
 import sys
 import tempfile
@@ -107,7 +108,11 @@ class FailClosedSampler(threading.Thread):
 
 @pytest.fixture(scope="module")
 def pki_dir():
-    return pki.generate(os.path.join(BUILD_DIR, "standalone-system-pki"))
+    # Several test files run at once; the first makes the PKI, the others wait.
+    path = os.path.join(BUILD_DIR, "standalone-system-pki")
+    with open(path + ".lock", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        return pki.generate(path)
 
 
 @pytest.fixture
@@ -198,8 +203,9 @@ def test_transmit_expiry_closes_gates(lab):
     enable(r)
     assert r.wait_for_log("is expired.\n", 30), r.log_text()[-3000:]
     assert r.wait_for(lambda: r.uci_get("operation", "status") == "Granted", 10)
+    # The expiry writes the status first, then RadioEnable and the cleared time.
+    assert r.wait_for(lambda: r.uci_get("sasConfig", "transmitExpireTime") in ("", None), 2)
     assert r.uci_get("sasConfig", "RadioEnable") == "0"
-    assert r.uci_get("sasConfig", "transmitExpireTime") in ("", None)
     assert r.wait_for(lambda: gates_closed(r), ONE_PASS + 2)
 
 
