@@ -5,13 +5,7 @@ import time
 import pytest
 
 from test_standalone import (ONE_PASS, authorized, endpoints, gates_closed,  # noqa: F401
-                             gates_open, lab, pki_dir, enable)
-
-
-def start_enabled(r):
-    r.start_daemon()
-    assert r.wait_for_log("[SAS] sas disable.\n", 15), r.daemon_output()[-2000:]
-    enable(r)
+                             gates_open, lab, pki_dir, enable, start_enabled)
 
 
 def wait_status(r, status, timeout=20):

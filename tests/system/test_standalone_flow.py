@@ -5,14 +5,8 @@ link ending the back-off, and what a stop sends in each state."""
 import time
 
 from test_standalone import (ONE_PASS, authorized, enable, endpoints, gates_closed,  # noqa: F401
-                             lab, pki_dir)
+                             lab, pki_dir, start_enabled, start_disabled, disable)
 from client import relative  # noqa: E402  (test_standalone puts tests/sas_sim on sys.path)
-
-
-def start_enabled(r):
-    r.start_daemon()
-    assert r.wait_for_log("[SAS] sas disable.\n", 15), r.daemon_output()[-2000:]
-    enable(r)
 
 
 def wait_status(r, status, timeout=20):
@@ -42,8 +36,7 @@ def test_grant_401_relinquishes_the_named_grant_and_asks_again_at_once(lab):
 
 def test_inquiry_power_cap_reaches_grant_and_power_spectral_density(lab):
     r, sim = lab
-    r.start_daemon()
-    assert r.wait_for_log("[SAS] sas disable.\n", 15)
+    start_disabled(r)
     configured = int(r.uci_get("sasConfig", "maxEirp") or "0")
     cap = min(configured, 20) - 3
     sim.push("spectrumInquiry", set={"availableChannel": [{
@@ -114,7 +107,7 @@ def test_stop_while_registered_only_deregisters(lab):
     assert r.wait_for(lambda: "grant" in endpoints(sim), 30)
     assert wait_status(r, "Registered", 5)
     before = len(sim.requests())
-    r.uci_set("config", "enableMode", "0")
+    disable(r)
     assert r.wait_for_log("[SAS] StandAlone thread[", ONE_PASS + 3)
     assert r.wait_for(lambda: wait_status(r, "Unregistered", 1), 5)
     assert endpoints(sim)[before:] == ["deregistration"]
@@ -126,7 +119,7 @@ def test_stop_while_unregistered_sends_nothing(lab):
     start_enabled(r)
     sim.wait_for_request("registration", 1, 20)
     before = len(sim.requests())
-    r.uci_set("config", "enableMode", "0")
+    disable(r)
     assert r.wait_for_log("] is stopped\n", ONE_PASS + 3)
     time.sleep(1)
     assert len(sim.requests()) == before
