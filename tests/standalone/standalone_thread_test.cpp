@@ -128,6 +128,28 @@ TEST_F(StandaloneThread, HeartbeatsEveryHeartbeatInterval) {
     EXPECT_TRUE(has(sim_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
 }
 
+size_t occurrences(const std::string& text, const std::string& piece) {
+    size_t n = 0;
+    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
+    return n;
+}
+
+TEST_F(StandaloneThread, OutcomesGoToTheSystemLogButSendingLinesDoNot) {
+    unlink("/etc/lab/syslog.jsonl");
+    authorize();
+    ASSERT_TRUE(PassGate::instance().steps(60));  // the AUTHORIZED heartbeat
+    std::string syslog = test::read_file("/etc/lab/syslog.jsonl");
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(syslog, "[SAS] Register successfully"), 1u);
+    EXPECT_EQ(occurrences(syslog, "[SAS] SpectrumInquiry successfully"), 1u);
+    EXPECT_EQ(occurrences(syslog, "[SAS] Grant successfully"), 1u);
+    EXPECT_FALSE(has(syslog, "send "));
+    EXPECT_FALSE(has(syslog, "standalone_thread is running"));
+    // Only the GRANTED heartbeat's success is copied to the system log.
+    EXPECT_EQ(occurrences(log, "[SAS] Heartbeat successfully\n"), 2u);
+    EXPECT_EQ(occurrences(syslog, "[SAS] Heartbeat successfully"), 1u);
+}
+
 TEST_F(StandaloneThread, InquiryLowersTheGrantPower) {
     sim_push("spectrumInquiry",
              R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
