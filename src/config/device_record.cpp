@@ -101,7 +101,8 @@ unsigned load_device_record(DeviceRecord* record) {
 
 void load_cert_paths(sas::CertificatePaths* paths) {
     if (!paths) return;
-    load_cert_path("clientCertFileName", kClientCertDir, paths->clientCert, sizeof paths->clientCert);
+    load_cert_path("clientCertFileName", kClientCertDir, paths->clientCert,
+                   sizeof paths->clientCert);
     load_cert_path("clientKeyFileName", kClientKeyDir, paths->clientKey, sizeof paths->clientKey);
     load_cert_path("serverCAFileName", kServerCADir, paths->serverCA, sizeof paths->serverCA);
     char crl[512];

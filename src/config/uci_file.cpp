@@ -298,6 +298,16 @@ void append_quoted(std::string& out, std::string_view text) {
     out += '\'';
 }
 
+// libuci writes the section type unquoted, which breaks a type holding a
+// character that means something to the parser; such a type is quoted here,
+// so a commit never turns a readable file into an unreadable one.
+void append_type(std::string& out, std::string_view type) {
+    if (type.find_first_of("'\"\\#;") == std::string_view::npos)
+        out += type;
+    else
+        append_quoted(out, type);
+}
+
 }  // namespace
 
 bool uci_parse(std::string& text, UciPackage& package) {
@@ -309,7 +319,7 @@ void uci_serialize(const UciPackage& package, std::string& out) {
     out.clear();
     for (const UciSection& section : package.sections) {
         out += "\nconfig ";
-        append_escaped(out, section.type);
+        append_type(out, section.type);
         if (!section.name.empty()) {
             out += ' ';
             append_quoted(out, section.name);

@@ -1,9 +1,18 @@
 // The store on libuci: each call uses a private context, so the main thread
-// and the worker never share parser state.
+// and the worker never share parser state.  Packages are loaded by their full
+// path, which keeps libuci's change files under /tmp/.uci out of the way: a
+// read sees only committed content, a commit never flushes changes someone
+// else staged, and a writer killed mid-set leaves no half-written change file
+// behind for the next read to apply.
 #include "config/uci_path.h"
 #include "config/uci_store.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 extern "C" {
 #include <uci.h>
@@ -27,6 +36,31 @@ private:
     uci_context* ctx_;
 };
 
+// libuci's commit releases its lock on the file before it renames the new
+// content into place, so a writer that waited on the old file rewrites stale
+// content and an update is lost.  This program's writers (both threads, any
+// process) therefore take turns on a lock file of their own next to the
+// package for the whole set and commit.
+class WriterTurn {
+public:
+    explicit WriterTurn(const UciPath& parts) {
+        char lock_path[160];
+        std::snprintf(lock_path, sizeof lock_path, "%s.%s.lock", parts.directory, parts.package);
+        fd_ = open(lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd_ < 0) return;  // e.g. a read-only directory: nothing to commit there anyway
+        while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    WriterTurn(const WriterTurn&) = delete;
+    WriterTurn& operator=(const WriterTurn&) = delete;
+    ~WriterTurn() {
+        if (fd_ >= 0) close(fd_);
+    }
+
+private:
+    int fd_ = -1;
+};
+
 }  // namespace
 
 unsigned config_get(const char* path, const char* section, const char* option, char* buffer,
@@ -40,7 +74,7 @@ unsigned config_get(const char* path, const char* section, const char* option, c
     if (!ctx) return 0;
     uci_set_confdir(ctx, parts.directory);
     uci_package* package = nullptr;
-    if (uci_load(ctx, parts.package, &package) != UCI_OK) {
+    if (uci_load(ctx, path, &package) != UCI_OK) {
         if (package) uci_unload(ctx, package);
         return 0;
     }
@@ -62,6 +96,7 @@ unsigned config_set(const char* path, const char* section, const char* option, c
     if (!path || !section || !option || !value) return 0;
     UciPath parts;
     if (!uci_split_path(path, parts)) return 0;
+    WriterTurn turn(parts);
     size_t directory_length = std::strlen(parts.directory);
     if (directory_length > 1) parts.directory[directory_length - 1] = '\0';
 
@@ -74,7 +109,7 @@ unsigned config_set(const char* path, const char* section, const char* option, c
     // finds the section by name.  A failed set or commit changes nothing and
     // is not reported.
     uci_ptr pointer{};
-    pointer.package = parts.package;
+    pointer.package = path;
     pointer.section = section;
     pointer.option = option;
     pointer.value = value;

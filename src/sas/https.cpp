@@ -93,7 +93,7 @@ size_t save_response(char* data, size_t size, size_t count, void* user) {
     // terminated; libcurl then aborts the transfer with a write error.
     size_t kept = length <= kResponseBufferSize ? length : kResponseBufferSize - 1;
     std::memset(buffer, 0, kResponseBufferSize);
-    std::memcpy(buffer, data, kept);
+    if (kept > 0) std::memcpy(buffer, data, kept);
     g_responseLength = static_cast<uint32_t>(kept);
     // A chunk of exactly the buffer size has no terminator: search by length.
     if (memmem(buffer, kept, kResponseMarker, std::strlen(kResponseMarker)) != nullptr)
@@ -110,7 +110,8 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
     curl_slist* headers = nullptr;
     int32_t result = -1;
     if (!curl || !url) {
-        core::log(5, 0, "[SAS] curl[%s], strUrl[%s]\n", curl ? "ok" : "(null)", url ? url : "(null)");
+        core::log(5, 0, "[SAS] curl[%s], strUrl[%s]\n", curl ? "ok" : "(null)",
+                  url ? url : "(null)");
     } else {
         std::memset(g_response, 0, sizeof g_response);
         headers = curl_slist_append(nullptr, "Accept: application/json");

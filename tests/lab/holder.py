@@ -11,8 +11,9 @@ BRIDGE_FORWARD, and then only waits.  The holder prints "ready <child pid>"
 once the router exists (or "error <text>" and exits 1) and then reads its
 standard input until end of file: that comes when the test closes the router
 or when the test process dies, so a crashed test still leaves nothing behind.
-It then kills every process inside the router's namespaces, waits until the
-namespaces are gone (their mounts vanish with them) and removes WORKDIR.
+It then kills every process inside the router's namespaces, waits until none
+is left, drops its own references to the namespaces (their mounts vanish with
+them) and removes WORKDIR.
 """
 import ctypes
 import json
@@ -159,12 +160,17 @@ def main():
         child_main(workdir, setup, report_write)
     os.close(report_write)
     ids = set()
+    namespace_fds = []
     try:
         report = os.read(report_read, 4096).decode(errors="replace")
         os.close(report_read)
         if report != "ok":
             print(report or "error router set-up died", flush=True)
             return 1
+        # Holding the namespaces open keeps their inode numbers from being
+        # given to a new namespace (another test's) while we still kill by them.
+        namespace_fds = [os.open(f"/proc/{child}/ns/{kind}", os.O_RDONLY)
+                         for kind in ("net", "mnt")]
         ids = namespace_ids(child)
         print(f"ready {child}", flush=True)
         while sys.stdin.buffer.read(4096):
@@ -172,6 +178,8 @@ def main():
         return 0
     finally:
         tear_down(child, ids)
+        for fd in namespace_fds:
+            os.close(fd)  # the last reference: the namespaces and their mounts go
         shutil.rmtree(workdir, ignore_errors=True)
 
 

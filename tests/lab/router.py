@@ -35,7 +35,7 @@ ROUTER_PATH = (f"{OVERRIDE_DIR}:{STANDIN_DIR}:/usr/local/sbin:/usr/local/bin:/us
 
 DEFAULT_MODEM = {
     "manufacturer": "Quectel",
-    "productmodule": "RG500Q-NA",
+    "productmodule": "RQ5518L-M2",
     "SN": "LAB0000001",
     "imei": "860000000000001",
     "netstat": 4,

@@ -8,8 +8,9 @@
         assert sim.requests("grant")[0]["json"]["grantRequest"][0]["cbsdId"] == ...
 
 To run the simulator elsewhere (for example inside the virtual router with its
-`spawn`), build the command line with SasSim.command(...), start it yourself,
-then attach with SasSim(control_dir) and wait_ready().
+`spawn`), call SasSim.prepare(control_dir), build the command line with
+SasSim.command(...), start it yourself, then attach with SasSim(control_dir)
+and wait_ready().
 """
 import json
 import os
@@ -48,10 +49,18 @@ class SasSim:
             argv += ["--client-ca", os.path.join(pki_dir, "ca.pem")]
         return argv + list(extra)
 
+    @staticmethod
+    def prepare(control_dir):
+        """Creates the control directory and removes what a killed simulator left
+        behind, so wait_ready() cannot read a stale port.  Call it before starting
+        the simulator yourself (e.g. with the router's spawn)."""
+        os.makedirs(control_dir, exist_ok=True)
+        for name in ("port", "port.tmp", "control.sock"):
+            _remove(os.path.join(control_dir, name))
+
     @classmethod
     def start(cls, control_dir, pki_dir, base_path="/v1.2", timeout=10.0, **kwargs):
-        os.makedirs(control_dir, exist_ok=True)
-        _remove(os.path.join(control_dir, "port"))
+        cls.prepare(control_dir)
         process = subprocess.Popen(cls.command(control_dir, pki_dir, base_path, **kwargs))
         sim = cls(control_dir, process, base_path, kwargs.get("host", "127.0.0.1"))
         sim.wait_ready(timeout)

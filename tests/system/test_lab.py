@@ -107,7 +107,7 @@ def test_ubus_prints_one_member_per_line_with_commas(router):
 def test_ubus_default_modem_is_an_attached_band_48_device(router):
     r = router()
     assert r.run("ubus call  ubus_lte getproductinfo | grep productmodule").stdout.strip() == \
-        '"productmodule": "RG500Q-NA",'
+        '"productmodule": "RQ5518L-M2",'
     assert r.run("ubus call ubus_lte getlteinfo | grep bandwidth").stdout.strip() == \
         '"bandwidth": 20,'
 

@@ -1,0 +1,63 @@
+// Arbitrary bytes as a SAS reply: through the transport's write callback and
+// the shared reply reading, as every reply parser uses it.  The process first
+// moves into a private mount namespace with its own /tmp and /root, so the
+// dump file and the log never touch the host's.
+#include "core/settings.h"
+#include "sas/https.h"
+#include "sas/reply_reader.h"
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace {
+
+const char* const kMembers[] = {"registrationResponse",   "spectrumInquiryResponse",
+                                "grantResponse",          "heartbeatResponse",
+                                "relinquishmentResponse", "deregistrationResponse"};
+
+void enter_private_tmp() {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+        mount("tmpfs", "/root", "tmpfs", 0, "mode=0700") != 0) {
+        std::perror("fuzz_sas_reply: private /tmp and /root (needs root)");
+        std::exit(1);
+    }
+    mkdir("/root/sas", 0755);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    enter_private_tmp();
+    cbsd::core::settings().logLevel = 2;  // keep the fuzzer off the log file
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static char buffer[cbsd::sas::kResponseBufferSize];
+    std::vector<char> chunk(data, data + size);
+    cbsd::sas::save_response(chunk.data(), 1, chunk.size(), buffer);
+
+    // The parsers read whatever the dump holds, so feed them the input whole.
+    if (FILE* dump = std::fopen(cbsd::sas::kReplyDumpPath, "w")) {
+        std::fwrite(data, 1, size, dump);
+        std::fclose(dump);
+    }
+    for (const char* member : kMembers) {
+        cbsd::sas::SasReply reply;
+        int32_t code = -1;
+        if (cbsd::sas::read_sas_reply(member, &reply, &code) != cbsd::sas::kReplyRead) continue;
+        char text[16];
+        int32_t number = 0;
+        cbsd::sas::copy_reply_text(reply.element, "cbsdId", text, sizeof text);
+        cbsd::sas::copy_reply_text(reply.element, "grantId", text, sizeof text);
+        cbsd::sas::read_reply_integer(reply.element, "heartbeatInterval", &number);
+    }
+    return 0;
+}

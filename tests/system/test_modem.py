@@ -1,0 +1,62 @@
+"""The modem side of the real daemon in a virtual router: the serving cell's
+frequency range in section cellInfo, and modem output that is missing,
+truncated or binary."""
+
+PASS_SECONDS = 5
+WITHIN_ONE_PASS = PASS_SECONDS + 4
+MODEM = {"productmodule": "RQ5518L", "SN": "SN1", "netstat": 4,
+         "dlfreq": 3625000, "bandwidth": 20, "band": 48}
+SAS_CONFIG = (
+    "config config 'config'\n"
+    "\toption enableMode '0'\n"
+    "\toption auto '0'\n"
+    "\n"
+    "config cpi 'cpi'\n"
+    "\n"
+    "config sasConfig 'sasConfig'\n"
+    "\toption RadioEnable '0'\n"
+    "\n"
+    "config operation 'operation'\n"
+    "\n"
+    "config cellInfo 'cellInfo'\n"
+)
+
+
+def cell(r):
+    return (r.uci_get("cellInfo", "lowFrequency"), r.uci_get("cellInfo", "highFrequency"),
+            r.uci_get("cellInfo", "bandwidth"))
+
+
+def test_cell_range_is_stored_and_follows_a_new_cell(router):
+    r = router(modem=MODEM, sas_config=SAS_CONFIG)
+    r.start_daemon()
+    assert r.wait_for(lambda: cell(r) == ("3615.0", "3635.0", "20"), WITHIN_ONE_PASS), \
+        r.log_text()[-2000:]
+    assert "[SAS] lowFreq = 3615.0\n" in r.log_text()
+    assert "[SAS] higFreq = 3635.0\n" in r.log_text()
+    assert "[SAS] bandWidth = 20\n" in r.log_text()
+    r.set_modem(dlfreq=3600000, bandwidth=3)
+    assert r.wait_for(lambda: cell(r) == ("3598.5", "3601.5", "3"), 2 * WITHIN_ONE_PASS), \
+        r.log_text()[-2000:]
+    assert r.daemon.poll() is None
+
+
+def test_garbage_modem_output_never_stops_the_daemon(router):
+    r = router(modem=MODEM, sas_config=SAS_CONFIG)
+    r.start_daemon()
+    assert r.wait_for(lambda: cell(r)[0] == "3615.0", WITHIN_ONE_PASS)
+    garbage = [
+        b"",
+        b'{\n\t"productmodule": RQ5518L,\n\t"dlfreq"',
+        b'\t"dlfreq": ' + b"9" * 10240 + b",\n",
+        bytes(range(256)) * 40,
+    ]
+    for raw in garbage:
+        r.set_modem(raw={"getproductinfo": raw, "getltestatus": raw, "getlteinfo": raw})
+        r.wait_for(lambda: False, 2)
+        assert r.daemon.poll() is None, r.daemon_output()[-3000:]
+    # A modem that comes back is followed again.
+    r.set_modem(raw=None, dlfreq=3700000, bandwidth=10)
+    assert r.wait_for(lambda: cell(r) == ("3695.0", "3705.0", "10"), 3 * WITHIN_ONE_PASS), \
+        r.log_text()[-3000:]
+    assert r.daemon.poll() is None
