@@ -40,10 +40,12 @@ run_ctest() {  # name build-dir ctest-args...
     [ "$rc" -eq 0 ] || status=1
 }
 
-build() {  # dir cmake-args...
+build() {  # dir cmake-args...   (BUILD_TARGETS limits what is built)
     local dir=$1
     shift
-    cmake -S "$ROOT" -B "$dir" "$@" >/dev/null && cmake --build "$dir" -j"$JOBS" 2>&1 | grep -v '^\[' 
+    local targets=()
+    [ -z "${BUILD_TARGETS:-}" ] || targets=(--target $BUILD_TARGETS)
+    cmake -S "$ROOT" -B "$dir" "$@" >/dev/null && cmake --build "$dir" -j"$JOBS" "${targets[@]}" 2>&1 | grep -v '^\['
     return "${PIPESTATUS[0]}"
 }
 
@@ -60,6 +62,20 @@ if build build-asan -DCBSD_WERROR=ON -DCBSD_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
         run_ctest asan build-asan -L unit
 else
     echo "sanitizer build failed"; status=1; failed=$((failed + 1))
+fi
+
+echo "== ThreadSanitizer build: the worker's unit tests and the system tests that run it"
+TSAN_REPORTS="$ROOT/build-tsan/tsan-reports"
+if BUILD_TARGETS="cbsd test_standalone test_core" build build-tsan -DCBSD_WERROR=ON -DCBSD_TSAN=ON -DCMAKE_BUILD_TYPE=Debug &&
+   rm -rf "$TSAN_REPORTS" && mkdir -p "$TSAN_REPORTS"; then
+    TSAN_OPTIONS="halt_on_error=0 log_path=$TSAN_REPORTS/report" \
+        run_ctest tsan build-tsan -R '^(StandaloneThread|AuthorizedHeartbeat|WorkerControl|system\.test_standalone)'
+    if [ -n "$(ls -A "$TSAN_REPORTS")" ]; then
+        echo "ThreadSanitizer reported:"; cat "$TSAN_REPORTS"/*
+        status=1; failed=$((failed + 1)); summary+=("tsan: reports found")
+    fi
+else
+    echo "thread sanitizer build failed"; status=1; failed=$((failed + 1))
 fi
 
 echo "== libFuzzer build (clang), ${FUZZ_SECONDS} s per target"

@@ -58,6 +58,13 @@ json_t* installation_data(const config::DeviceRecord* record) {
     return data;
 }
 
+// Joins the key name to its directory; true when that file exists.
+bool cpi_key_exists(const char* keyFileName, char* keyPath, size_t size) {
+    std::snprintf(keyPath, size, "%s/%s", kCpiKeyDirectory, keyFileName);
+    struct stat status {};
+    return stat(keyPath, &status) == 0;
+}
+
 // Adds cpiSignatureData to the registration object; false when the key name
 // or file is missing (then nothing may be sent).  A signing failure is not
 // one: the three parts then go out empty.
@@ -68,9 +75,7 @@ bool add_cpi_signature(json_t* registration, const config::DeviceRecord* record,
         return false;
     }
     char keyPath[512] = {};
-    std::snprintf(keyPath, sizeof keyPath, "%s/%s", kCpiKeyDirectory, options->cpiKeyFileName);
-    struct stat status {};
-    if (stat(keyPath, &status) != 0) {
+    if (!cpi_key_exists(options->cpiKeyFileName, keyPath, sizeof keyPath)) {
         core::log(3, 1, "[SAS] %s does not exist!\n\n", keyPath);
         return false;
     }
@@ -130,7 +135,11 @@ void load_registration_options(RegistrationOptions* options) {
     options->singleStep = config::is_single_step_registration();
     if (!options->singleStep) return;
     config::get_cpi_key_file(options->cpiKeyFileName, sizeof options->cpiKeyFileName);
-    config::get_cpi_key_password(options->cpiKeyPassword, sizeof options->cpiKeyPassword);
+    // The password is looked up only for a key that is there to be opened.
+    char keyPath[512] = {};
+    if (options->cpiKeyFileName[0] != '\0' &&
+        cpi_key_exists(options->cpiKeyFileName, keyPath, sizeof keyPath))
+        config::get_cpi_key_password(options->cpiKeyPassword, sizeof options->cpiKeyPassword);
 }
 
 int32_t build_registration_body(const config::DeviceRecord* record,

@@ -27,6 +27,7 @@ import time
 CLONE_NEWNS = 0x00020000
 CLONE_NEWNET = 0x40000000
 MS_REC = 0x4000
+MS_BIND = 4096
 MS_PRIVATE = 1 << 18
 PR_SET_PDEATHSIG = 1
 
@@ -74,6 +75,26 @@ def link_commands(interfaces):
     return "".join(c + "\n" for c in commands)
 
 
+def open_kept_directories(paths):
+    """The repository and the build tree stay visible inside the router even
+    when they live under /tmp or /root (a checkout in a temporary directory or
+    in root's home): each is held open before the empty tmpfs mounts cover it."""
+    kept = []
+    for path in sorted({os.path.realpath(p) for p in paths}, key=len):
+        covered = any(path.startswith(k + "/") or path == k for k, _ in kept)
+        hidden = any(path == top or path.startswith(top + "/") for top in ("/tmp", "/root"))
+        if hidden and not covered and os.path.isdir(path):
+            kept.append((path, os.open(path, os.O_PATH | os.O_DIRECTORY)))
+    return kept
+
+
+def restore_kept_directories(kept):
+    for path, fd in kept:
+        os.makedirs(path, exist_ok=True)
+        mount(f"/proc/self/fd/{fd}", path, None, MS_BIND | MS_REC, None)
+        os.close(fd)
+
+
 def build_router(workdir, setup):
     check(libc.unshare(CLONE_NEWNS | CLONE_NEWNET), "unshare")
     mount(None, "/", None, MS_REC | MS_PRIVATE, None)
@@ -81,8 +102,10 @@ def build_router(workdir, setup):
     os.makedirs(upper, exist_ok=True)
     os.makedirs(work, exist_ok=True)
     mount("overlay", "/etc", "overlay", 0, f"lowerdir=/etc,upperdir={upper},workdir={work}")
+    kept = open_kept_directories(setup.get("keep", []))
     mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777")
     mount("tmpfs", "/root", "tmpfs", 0, "mode=0700")
+    restore_kept_directories(kept)
     for directory in ("/etc/config", "/etc/lab/bin"):
         os.makedirs(directory, exist_ok=True)
     run(["ip", "-batch", "-"], link_commands(setup.get("interfaces", [])))

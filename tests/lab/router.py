@@ -91,7 +91,11 @@ class VirtualRouter:
     # ----- life cycle -------------------------------------------------------
 
     def _start(self, bridge_chain):
-        setup = json.dumps({"interfaces": list(self.interfaces), "bridge_chain": bridge_chain})
+        keep = [REPO_DIR, os.path.dirname(self.cbsd_bin)]
+        if os.environ.get("CBSD_BINARY_DIR"):
+            keep.append(os.environ["CBSD_BINARY_DIR"])
+        setup = json.dumps({"interfaces": list(self.interfaces), "bridge_chain": bridge_chain,
+                            "keep": keep})
         # Own session: a Ctrl-C meant for pytest does not skip the tear-down.
         self._holder = subprocess.Popen(
             ["/usr/bin/python3", HOLDER, self._workdir, setup], stdin=subprocess.PIPE,

@@ -28,6 +28,8 @@ inline bool make_cpi_keys() {
         "; openssl req -x509 -new -key rsa_pkcs8.pem -subj /CN=cpi -days 2 -out rsa.crt 2>/dev/null"
         "; openssl pkcs12 -export -inkey rsa_pkcs8.pem -in rsa.crt -out rsa.p12 -passout pass:" +
         std::string(kCpiPassword) +
+        "; openssl pkcs12 -export -nocerts -inkey rsa_pkcs8.pem -out rsa_nocert.p12 -passout pass:" +
+        std::string(kCpiPassword) + " 2>/dev/null" +
         "; openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.pem"
         "; openssl req -x509 -new -key ec.pem -subj /CN=cpi-ec -days 2 -out ec.crt 2>/dev/null"
         "; openssl pkcs12 -export -inkey ec.pem -in ec.crt -out ec.p12 -passout pass:" +

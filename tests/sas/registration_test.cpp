@@ -361,6 +361,13 @@ TEST(RegistrationOptions, SingleStepOnlyForStepChoiceOne) {
     load_registration_options(&options);
     EXPECT_TRUE(options.singleStep);
     EXPECT_STREQ("k.pem", options.cpiKeyFileName);
+    EXPECT_STREQ("", options.cpiKeyPassword);  // no key file, so no password looked up
+
+    mkdir("/root/sas/cert", 0755);
+    mkdir("/root/sas/cert/cpiKey", 0755);
+    ASSERT_TRUE(test::write_file("/root/sas/cert/cpiKey/k.pem", "key"));
+    load_registration_options(&options);
+    EXPECT_STREQ("k.pem", options.cpiKeyFileName);
     EXPECT_STREQ("pw", options.cpiKeyPassword);
 }
 

@@ -1,6 +1,7 @@
 #include "standalone/standalone_thread.h"
 
 #include "config/uci_store.h"
+#include "core/settings.h"
 #include "core/worker_control.h"
 #include "thread_harness.h"
 
@@ -125,6 +126,28 @@ TEST_F(StandaloneThread, HeartbeatsEveryHeartbeatInterval) {
     ASSERT_TRUE(PassGate::instance().step());
     EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
     EXPECT_TRUE(has(sim_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
+}
+
+size_t occurrences(const std::string& text, const std::string& piece) {
+    size_t n = 0;
+    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
+    return n;
+}
+
+TEST_F(StandaloneThread, OutcomesGoToTheSystemLogButSendingLinesDoNot) {
+    unlink("/etc/lab/syslog.jsonl");
+    authorize();
+    ASSERT_TRUE(PassGate::instance().steps(60));  // the AUTHORIZED heartbeat
+    std::string syslog = test::read_file("/etc/lab/syslog.jsonl");
+    std::string log = log_text();
+    EXPECT_EQ(occurrences(syslog, "[SAS] Register successfully"), 1u);
+    EXPECT_EQ(occurrences(syslog, "[SAS] SpectrumInquiry successfully"), 1u);
+    EXPECT_EQ(occurrences(syslog, "[SAS] Grant successfully"), 1u);
+    EXPECT_FALSE(has(syslog, "send "));
+    EXPECT_FALSE(has(syslog, "standalone_thread is running"));
+    // Only the GRANTED heartbeat's success is copied to the system log.
+    EXPECT_EQ(occurrences(log, "[SAS] Heartbeat successfully\n"), 2u);
+    EXPECT_EQ(occurrences(syslog, "[SAS] Heartbeat successfully"), 1u);
 }
 
 TEST_F(StandaloneThread, InquiryLowersTheGrantPower) {
@@ -439,6 +462,23 @@ TEST_F(StandaloneThread, StopWhileAuthorizedRelinquishesThenDeregisters) {
     EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
                                           "relinquishment", "deregistration"}));
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+}
+
+TEST_F(StandaloneThread, DebugModePrintsTheTimerLineEveryPass) {
+    sim_push("registration", R"({"responseCode":200})");
+    core::settings().debug = 1;
+    ::testing::internal::CaptureStdout();
+    run_to_first_sleep();
+    ASSERT_TRUE(PassGate::instance().step());
+    std::string out = ::testing::internal::GetCapturedStdout();
+    core::settings().debug = 0;
+    // Before the registration: timer cleared, secTime 0 lies in the past.
+    EXPECT_TRUE(has(out, "===>operTimer: enable=0, timerType=0(ZERO), count=0, secTime=0, "
+                         "curTickTime=1000, waitTime=4294966296s\n"));
+    // The refused registration armed a 15 s back-off.
+    EXPECT_TRUE(has(out, "===>operTimer: enable=1, timerType=3(RESPONSE_ERROR), count=1, "
+                         "secTime=1015, curTickTime=1001, waitTime=14s\n"));
+    EXPECT_FALSE(has(log_text(), "===>operTimer"));
 }
 
 TEST_F(StandaloneThread, EmptyServerUrlEndsTheThreadAndKeepsTheRunningFlag) {

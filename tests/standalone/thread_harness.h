@@ -242,8 +242,9 @@ inline std::string sas_config_text(const std::string& url, const std::string& st
 class SimulatorProcess {
 public:
     static bool start(std::string& url) {
-        shell("/usr/bin/python3 " + kSourceDir + "/tests/sas_sim/pki.py " + kPkiDir +
-              " >/dev/null 2>&1");
+        // Test processes run in parallel; the first one makes the PKI, the others wait.
+        shell("flock " + kPkiDir + ".lock /usr/bin/python3 " + kSourceDir +
+              "/tests/sas_sim/pki.py " + kPkiDir + " >/dev/null 2>&1");
         shell("cd " + kSourceDir + "/tests/sas_sim && /usr/bin/python3 -c 'import pki; "
               "pki.install_device_certs(\"" + kPkiDir + "\", cpi_key=None)'");
         shell("mkdir -p " + kSimDir + " /root/sas /etc/lab");

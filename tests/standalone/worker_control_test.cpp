@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <regex>
 #include <string>
 
 namespace cbsd::core {
@@ -19,6 +18,19 @@ size_t occurrences(const std::string& text, const std::string& piece) {
     size_t n = 0;
     for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
     return n;
+}
+
+// The id printed in the first "create standalone thread[ID] success." line.
+std::string created_thread_id(const std::string& log) {
+    const std::string prefix = "[SAS] create standalone thread[";
+    size_t start = log.find(prefix);
+    if (start == std::string::npos) return "";
+    start += prefix.size();
+    size_t end = log.find("] success.\n", start);
+    if (end == std::string::npos) return "";
+    std::string id = log.substr(start, end - start);
+    if (id.find_first_not_of("0123456789") != std::string::npos) return "";
+    return id;
 }
 
 std::string status() {
@@ -67,10 +79,8 @@ TEST_F(WorkerControl, StartWhileAWorkerExistsIsIgnoredUntilItIsStopped) {
     EXPECT_EQ(occurrences(log, "[SAS] create standalone thread["), 1u);
     EXPECT_EQ(occurrences(log, "[SAS] standalone_thread is running.\n"), 1u);
 
-    std::smatch created;
-    ASSERT_TRUE(std::regex_search(log, created,
-                                  std::regex(R"(\[SAS\] create standalone thread\[(\d+)\] success\.)")));
-    std::string id = created[1];
+    std::string id = created_thread_id(log);
+    ASSERT_FALSE(id.empty());
     stop_standalone_worker();
     log = log_text();
     EXPECT_NE(log.find("[SAS] waiting StandAlone thread[" + id + "] stop...\n"), std::string::npos);
