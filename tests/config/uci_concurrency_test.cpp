@@ -110,7 +110,9 @@ TEST(UciConcurrencyTest, KilledWriterLeavesACompleteFile) {
         pid_t writer = fork();
         ASSERT_GE(writer, 0);
         if (writer == 0) write_forever();
-        usleep(200 + rand_r(&seed) % 3000);
+        // Long enough for commits to land even on a slow or sanitised build,
+        // random enough to hit every phase of a commit.
+        usleep(1000 + rand_r(&seed) % 25000);
         kill(writer, SIGKILL);
         int status = 0;
         ASSERT_EQ(waitpid(writer, &status, 0), writer);
