@@ -286,9 +286,22 @@ class Run:
                 f.write(text)
 
 
-def dp_run(run, config, passes, warmup_passes=2):
+def switch_radio_on(r):
+    """The proxy's part: RadioEnable 1 once the daemon is in DP mode (entering
+    it clears the flag)."""
+    if not r.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n", 30):
+        raise RuntimeError("the daemon did not enter DP mode")
+    time.sleep(1)
+    r.uci_set("sasConfig", "RadioEnable", "1")
+    if not r.wait_for_log("[SAS] sas radio enable.\n", 30):
+        raise RuntimeError("the daemon did not notice RadioEnable 1")
+
+
+def dp_run(run, config, passes, radio_on, warmup_passes=2):
     with VirtualRouter(sas_config=config, cbsd_bin=run.cbsd) as r:
         spawned, pid = start_daemon(r, run.traced, run.trace_path, run.out_path)
+        if radio_on:
+            switch_radio_on(r)
         watch = PassWatch(pid)
         for _ in range(warmup_passes):
             watch.wait_next_sleep()
@@ -296,11 +309,13 @@ def dp_run(run, config, passes, warmup_passes=2):
         for _ in range(passes):
             marks.append(watch.wait_next_sleep())
         run.keep_log(r)
+        state = (r.uci_get("config", "enableMode"), r.uci_get("sasConfig", "RadioEnable"),
+                 r.ip_forward())
         spawned.kill()
         spawned.wait()
         start, end = marks[0][0], marks[-1][0]
         (own0, kids0), (own1, kids1) = marks[0][1], marks[-1][1]
-        run.result = {"passes": passes, "seconds": end - start,
+        run.result = {"passes": passes, "seconds": end - start, "state": state,
                       "cpu_own": (own1 - own0) / passes, "cpu_children": (kids1 - kids0) / passes}
         if run.traced:
             events = read_trace(run.trace_path)
@@ -430,6 +445,7 @@ def report_dp(name, runs):
     n = traced["passes"]
     print(f"\n== {name}: {n} steady passes ({traced['seconds']:.1f} s traced, "
           f"{plain['seconds']:.1f} s plain)")
+    print(f"  enableMode, RadioEnable, ip_forward at the end: {traced['state']}")
     print(f"  {'per pass':<44}{'value':>10}")
     rows = [
         ("processes started (execve)", traced["execs"] / n),
@@ -509,10 +525,11 @@ def main():
         holder.start()
     dp_results = []
     if args.only != "standalone":
-        for name, config in (("SAS on, DP mode, radio on", sas_config("1", "1", "1")),
-                             ("SAS off", sas_config("0", "1", "0"))):
-            dp_results.append((name, run_pair(dp_run, pair(name.split(",")[0].replace(" ", "-")), config,
-                                              args.passes)))
+        for name, config, radio_on in (
+                ("SAS on, DP mode, radio on", sas_config("1", "1", "0"), True),
+                ("SAS off", sas_config("0", "1", "0"), False)):
+            dp_results.append((name, run_pair(dp_run, pair(name.split(",")[0].replace(" ", "-")),
+                                              config, args.passes, radio_on)))
             report_dp(name, dp_results[-1][1])
             sys.stdout.flush()
     if standalone:
