@@ -5,6 +5,7 @@
 #include "core/settings.h"
 #include "sas/https.h"
 #include "sas/reply_reader.h"
+#include "reply_fuzz_support.h"
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -21,20 +22,11 @@ const char* const kMembers[] = {"registrationResponse",   "spectrumInquiryRespon
                                 "grantResponse",          "heartbeatResponse",
                                 "relinquishmentResponse", "deregistrationResponse"};
 
-void enter_private_tmp() {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
-        mount("tmpfs", "/root", "tmpfs", 0, "mode=0700") != 0) {
-        std::perror("fuzz_sas_reply: private /tmp and /root (needs root)");
-        std::exit(1);
-    }
-    mkdir("/root/sas", 0755);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    enter_private_tmp();
+    cbsd::fuzz::enter_private_tmp();
+    mkdir("/root/sas", 0755);
     cbsd::core::settings().logLevel = 2;  // keep the fuzzer off the log file
     return 0;
 }

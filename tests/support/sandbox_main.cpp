@@ -3,19 +3,13 @@
 // host's /etc, /root and /tmp are empty tmpfs mounts and the loopback link is
 // up, so the code under test can use its real fixed paths and run real
 // iptables/ebtables without touching the host.
+#include "support/private_dirs.h"
+
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <filesystem>
-#include <string>
-#include <utility>
-#include <vector>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -46,50 +40,10 @@ bool bring_loopback_up() {
     return ok || fail("loopback up");
 }
 
-bool is_under(const std::string& path, const std::string& top) {
-    return path == top || path.rfind(top + "/", 0) == 0;
-}
-
-// The source and build trees stay visible inside the sandbox even when they
-// live under /tmp or /root (a checkout in a temporary directory or in root's
-// home): each is held open before the empty tmpfs mounts cover it, then
-// bind-mounted back at the same path.
-std::vector<std::pair<std::string, int>> open_kept_directories() {
-    std::vector<std::string> paths;
-    for (const char* candidate : {CBSD_TEST_SOURCE_DIR, CBSD_TEST_BINARY_DIR}) {
-        char resolved[PATH_MAX];
-        if (realpath(candidate, resolved)) paths.emplace_back(resolved);
-    }
-    std::sort(paths.begin(), paths.end(),
-              [](const std::string& a, const std::string& b) { return a.size() < b.size(); });
-    std::vector<std::pair<std::string, int>> kept;
-    for (const std::string& path : paths) {
-        bool hidden = is_under(path, "/tmp") || is_under(path, "/root");
-        bool covered = std::any_of(kept.begin(), kept.end(),
-                                   [&](const auto& k) { return is_under(path, k.first); });
-        if (!hidden || covered) continue;
-        int fd = open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-        if (fd >= 0) kept.emplace_back(path, fd);
-    }
-    return kept;
-}
-
-bool restore_kept_directories(const std::vector<std::pair<std::string, int>>& kept) {
-    for (const auto& [path, fd] : kept) {
-        std::error_code error;
-        std::filesystem::create_directories(path, error);
-        std::string source = "/proc/self/fd/" + std::to_string(fd);
-        if (mount(source.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-            return fail("bind kept directory");
-        close(fd);
-    }
-    return true;
-}
-
 bool enter_sandbox() {
     if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare");
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("make / private");
-    auto kept = open_kept_directories();
+    auto kept = cbsd::test::open_kept_directories(cbsd::test::build_trees());
     // The overlay's upper and work directories live on a scratch tmpfs on /tmp,
     // which is then covered by the clean /tmp the tests see.
     if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("scratch tmpfs");
@@ -100,7 +54,7 @@ bool enter_sandbox() {
         return fail("overlay /etc");
     if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("tmpfs /tmp");
     if (mount("tmpfs", "/root", "tmpfs", 0, "mode=0700") != 0) return fail("tmpfs /root");
-    if (!restore_kept_directories(kept)) return false;
+    if (!cbsd::test::restore_kept_directories(kept)) return fail("bind the source and build trees back");
     mkdir("/etc/config", 0755);
     return bring_loopback_up();
 }
