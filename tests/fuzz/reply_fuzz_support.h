@@ -18,10 +18,15 @@ namespace cbsd::fuzz {
 
 // The build tree (with the fuzzer's corpus) stays visible wherever it lives.
 inline void enter_private_tmp() {
-    test::KeptDirectories kept = test::open_kept_directories(test::build_trees());
     if (unshare(CLONE_NEWNS) != 0 ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        std::perror("fuzz target: private mount namespace (run as root)");
+        std::exit(1);
+    }
+    // Opened inside the new namespace: a bind mount cannot take its source
+    // from another mount namespace.
+    test::KeptDirectories kept = test::open_kept_directories(test::build_trees());
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
         mount("tmpfs", "/root", "tmpfs", 0, "mode=0700") != 0 ||
         !test::restore_kept_directories(kept)) {
         std::perror("fuzz target: private /tmp and /root (run as root)");

@@ -24,7 +24,7 @@ inline bool is_under(const std::string& path, const std::string& top) {
 }
 
 // Opens each of the given directories that lies under /tmp or /root and is
-// not inside another kept one.
+// not inside another kept one.  Call it inside the new mount namespace.
 inline KeptDirectories open_kept_directories(std::vector<std::string> candidates) {
     std::vector<std::string> paths;
     for (const std::string& candidate : candidates) {
