@@ -361,6 +361,12 @@ class LiveView:
     def close(self):
         self.tracker.stop()
 
+    def summary(self):
+        verdict = "OPEN" if self.gates_open() else "not open"
+        print(f"  => operation.status={self.state.get('operation.status')}, "
+              f"RadioEnable={self.state.get('sasConfig.RadioEnable')}, "
+              f"LAN traffic gates {verdict}", flush=True)
+
     def _new_requests(self):
         # The simulator stamps each request with the wall clock.
         to_monotonic = time.monotonic() - time.time()
@@ -446,6 +452,7 @@ def standalone_story(router_factory):
         view.until("the daemon did not recover the network at start",
                    lambda: view.logged_since(0, "[SAS] device network has been recovered."), 20)
         view.until("the gates did not open", view.gates_open, 10)
+        view.summary()
 
         print("\n=== Step 3: the management interface enables SAS in StandAlone mode")
         set_option_surely(router, "config", "usedp", "0")
@@ -461,6 +468,7 @@ def standalone_story(router_factory):
                    lambda: len(sim.requests("heartbeat")) >= beats + 2,
                    2 * HEARTBEAT_INTERVAL + 10)
         view.until("the gates did not stay open", view.gates_open, 1)
+        view.summary()
 
         print("\n=== Step 4: the management interface disables SAS")
         view.poll()
@@ -473,6 +481,7 @@ def standalone_story(router_factory):
                    lambda: view.logged_since(mark, "[SAS] device network has been recovered.")
                    and view.state.get("operation.status") == "Unregistered"
                    and view.gates_open(), RELEASE_LIMIT)
+        view.summary()
         print(f"\n    the SAS saw: {', '.join(view.endpoints())}")
         view.close()
     print(f"\nStandAlone story done in {time.monotonic() - story_started:.0f} s: "
