@@ -5,6 +5,7 @@ and firewall rules after every step.
 A story is a function taking a router factory; add new ones to STORIES.
 `demo.py` runs every story in order; `demo.py NAME...` only the named ones."""
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -434,56 +435,62 @@ def standalone_story(router_factory):
     story_started = time.monotonic()
     pki_dir = pki.generate(os.path.join(BUILD_DIR, "demo-pki"))
     control_dir = tempfile.mkdtemp(prefix="demo-sas-sim-", dir=BUILD_DIR)
-    with router_factory(sas_config=standalone_config("https://127.0.0.1:1/v1.2", "0")) as router:
-        print("\n=== Step 1: a SAS in the router (the simulator, heartbeatInterval "
-              f"{HEARTBEAT_INTERVAL} s) and the device's TLS credentials in /root/sas/cert")
-        install_device_credentials(router, pki_dir)
-        router.spawn(SasSim.command(control_dir, pki_dir,
-                                    extra=["--heartbeat-interval", str(HEARTBEAT_INTERVAL)]),
-                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        sim = SasSim(control_dir)
-        sim.wait_ready()
-        router.write_file("/etc/config/sas", standalone_config(sim.url, "0"))
-        print(f"    SAS listening at {sim.url} (mutual TLS); sas.config.address set to it")
+    view = None
+    try:
+        with router_factory(sas_config=standalone_config("https://127.0.0.1:1/v1.2", "0")) as router:
+            print("\n=== Step 1: a SAS in the router (the simulator, heartbeatInterval "
+                  f"{HEARTBEAT_INTERVAL} s) and the device's TLS credentials in /root/sas/cert")
+            install_device_credentials(router, pki_dir)
+            router.spawn(SasSim.command(control_dir, pki_dir,
+                                        extra=["--heartbeat-interval", str(HEARTBEAT_INTERVAL)]),
+                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            sim = SasSim(control_dir)
+            sim.wait_ready()
+            router.write_file("/etc/config/sas", standalone_config(sim.url, "0"))
+            print(f"    SAS listening at {sim.url} (mutual TLS); sas.config.address set to it")
 
-        print("\n=== Step 2: start cbsd with SAS disabled (traffic stays open)")
-        router.start_daemon()
-        view = LiveView(router, sim)
-        view.until("the daemon did not recover the network at start",
-                   lambda: view.logged_since(0, "[SAS] device network has been recovered."), 20)
-        view.until("the gates did not open", view.gates_open, 10)
-        view.summary()
+            print("\n=== Step 2: start cbsd with SAS disabled (traffic stays open)")
+            router.start_daemon()
+            view = LiveView(router, sim)
+            view.until("the daemon did not recover the network at start",
+                       lambda: view.logged_since(0, "[SAS] device network has been recovered."), 20)
+            view.until("the gates did not open", view.gates_open, 10)
+            view.summary()
 
-        print("\n=== Step 3: the management interface enables SAS in StandAlone mode")
-        set_option_surely(router, "config", "usedp", "0")
-        set_option_surely(router, "config", "enableMode", "1")
-        view.until("the daemon did not register, get a grant and get authorised",
-                   lambda: view.state.get("operation.status") == "Authorized"
-                   and view.gates_open()
-                   and view.logged_since(0, "[SAS] device has been authorized."),
-                   REGISTRATION_LIMIT)
-        beats = len(sim.requests("heartbeat"))
-        print(f"\n    authorised: now two more heartbeats, every {HEARTBEAT_INTERVAL} s")
-        view.until("two more heartbeats did not arrive",
-                   lambda: len(sim.requests("heartbeat")) >= beats + 2,
-                   2 * HEARTBEAT_INTERVAL + 10)
-        view.until("the gates did not stay open", view.gates_open, 1)
-        view.summary()
+            print("\n=== Step 3: the management interface enables SAS in StandAlone mode")
+            set_option_surely(router, "config", "usedp", "0")
+            set_option_surely(router, "config", "enableMode", "1")
+            view.until("the daemon did not register, get a grant and get authorised",
+                       lambda: view.state.get("operation.status") == "Authorized"
+                       and view.gates_open()
+                       and view.logged_since(0, "[SAS] device has been authorized."),
+                       REGISTRATION_LIMIT)
+            beats = len(sim.requests("heartbeat"))
+            print(f"\n    authorised: now two more heartbeats, every {HEARTBEAT_INTERVAL} s")
+            view.until("two more heartbeats did not arrive",
+                       lambda: len(sim.requests("heartbeat")) >= beats + 2,
+                       3 * HEARTBEAT_INTERVAL + 10)
+            view.until("the gates did not stay open", view.gates_open, 1)
+            view.summary()
 
-        print("\n=== Step 4: the management interface disables SAS")
-        view.poll()
-        mark = view.log_mark()
-        set_option_surely(router, "config", "enableMode", "0")
-        view.until("the grant was not relinquished and the device not deregistered",
-                   lambda: view.endpoints()[-2:] == ["relinquishment", "deregistration"],
-                   RELEASE_LIMIT)
-        view.until("the traffic was not recovered (state Unregistered, gates open)",
-                   lambda: view.logged_since(mark, "[SAS] device network has been recovered.")
-                   and view.state.get("operation.status") == "Unregistered"
-                   and view.gates_open(), RELEASE_LIMIT)
-        view.summary()
-        print(f"\n    the SAS saw: {', '.join(view.endpoints())}")
-        view.close()
+            print("\n=== Step 4: the management interface disables SAS")
+            view.poll()
+            mark = view.log_mark()
+            set_option_surely(router, "config", "enableMode", "0")
+            view.until("the grant was not relinquished and the device not deregistered",
+                       lambda: view.endpoints()[-2:] == ["relinquishment", "deregistration"],
+                       RELEASE_LIMIT)
+            view.until("the traffic was not recovered (state Unregistered, gates open)",
+                       lambda: view.logged_since(mark, "[SAS] device network has been recovered.")
+                       and view.state.get("operation.status") == "Unregistered"
+                       and view.gates_open(), RELEASE_LIMIT)
+            view.summary()
+            print(f"\n    the SAS saw: {', '.join(view.endpoints())}")
+            view.close()
+    finally:
+        if view is not None:
+            view.close()
+        shutil.rmtree(control_dir, ignore_errors=True)
     print(f"\nStandAlone story done in {time.monotonic() - story_started:.0f} s: "
           "the router and the simulator are torn down.")
 
