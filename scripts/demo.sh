@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Demo: the daemon keeping a virtual router's traffic in step with the SAS.
-# Installs what it needs, builds the daemon into build/ and runs the story.
+# Installs what it needs, builds the daemon into build/ and runs the stories
+# (all of them, StandAlone first; `demo.sh standalone` or `demo.sh dp` runs one).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
