@@ -7,6 +7,7 @@ real iptables and ebtables, and stand-ins for `ubus`, `logger` and the
 router's ebtables listing format (tests/lab/bin).  See tests/lab/README.md.
 """
 import ctypes
+import fcntl
 import json
 import os
 import shutil
@@ -273,7 +274,25 @@ class VirtualRouter:
         return None if text is None else uci.get(text, section, option)
 
     def uci_set(self, section, option, value, path=SAS_CONFIG):
-        self.write_file(path, uci.set(self.read_file(path) or "", section, option, value))
+        """Sets one option as the router's UCI writers do: under an exclusive
+        flock of the file (taken again if a writer replaced the file while we
+        waited), so an edit never races with the daemon's own commits."""
+        target = self.host_path(path)
+        if not os.path.exists(target):
+            self.write_file(path, uci.set("", section, option, value))
+            return
+        while True:
+            with open(target, "rb") as locked:
+                fcntl.flock(locked, fcntl.LOCK_EX)
+                try:
+                    if os.fstat(locked.fileno()).st_ino != os.stat(target).st_ino:
+                        continue  # replaced while we waited: lock the new file
+                    text = locked.read().decode("utf-8", "surrogateescape")
+                    self.write_file(path, uci.set(text, section, option, value),
+                                    mode=os.fstat(locked.fileno()).st_mode & 0o7777)
+                    return
+                finally:
+                    fcntl.flock(locked, fcntl.LOCK_UN)
 
     # ----- logs -------------------------------------------------------------
 
