@@ -18,6 +18,7 @@ sys.path.insert(0, os.path.join(REPO, "tests", "sas_sim"))
 
 import pki  # noqa: E402
 from client import SasSim  # noqa: E402
+from lab import device_config  # noqa: E402
 from lab.router import VirtualRouter  # noqa: E402
 
 DAEMON = os.path.join(REPO, "build", "cbsd")
@@ -179,43 +180,8 @@ RELEASE_LIMIT = 30
 
 
 def standalone_config(sas_url, enable_mode):
-    return (
-        "config config 'config'\n"
-        f"\toption enableMode '{enable_mode}'\n"
-        "\toption usedp '0'\n"
-        "\toption auto '0'\n"
-        "\toption sasStepChoice '0'\n"
-        f"\toption address '{sas_url}'\n"
-        "\toption userId 'demo-user'\n"
-        "\toption callSign 'DEMO'\n"
-        "\toption antennaAzimuth '180'\n"
-        "\toption antennaDowntilt '2'\n"
-        "\n"
-        "config cpi 'cpi'\n"
-        "\toption latitude '37.4'\n"
-        "\toption longitude '-122.1'\n"
-        "\toption height '10'\n"
-        "\toption heightUnit '0'\n"
-        "\n"
-        "config sasConfig 'sasConfig'\n"
-        "\toption RadioEnable '0'\n"
-        "\toption powerSpectralDensity ''\n"
-        "\toption grantExpireTime ''\n"
-        "\toption transmitExpireTime ''\n"
-        "\n"
-        "config operation 'operation'\n"
-        "\toption status 'Unregistered'\n"
-        "\toption GrantRenew '0'\n"
-        "\n"
-        "config cert 'cert'\n"
-        "\toption clientCertFileName 'cbsd.pem'\n"
-        "\toption clientKeyFileName 'cbsd.key'\n"
-        "\toption serverCAFileName 'ca.pem'\n"
-        "\toption cpiKeyFileName ''\n"
-        "\toption cpiKeyFilePassword ''\n"
-        "\n"
-        "config cellInfo 'cellInfo'\n"
-    )
+    return device_config.sas_config(sas_url, enable_mode=enable_mode, user_id="demo-user",
+                                    call_sign="DEMO")
 
 
 def install_device_credentials(router, pki_dir):

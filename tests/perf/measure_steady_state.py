@@ -64,6 +64,7 @@ sys.path.insert(0, os.path.join(TESTS_DIR, "sas_sim"))
 
 import pki  # noqa: E402
 from client import SasSim  # noqa: E402
+from lab import device_config  # noqa: E402
 from lab.router import VirtualRouter  # noqa: E402
 
 SAS_CONFIG = "/etc/config/sas"
@@ -76,43 +77,8 @@ TRANSMIT_SECONDS = 240
 
 
 def sas_config(enable_mode, usedp, radio_enable, address="https://127.0.0.1:1/v1.2"):
-    return (
-        "config config 'config'\n"
-        f"\toption enableMode '{enable_mode}'\n"
-        f"\toption usedp '{usedp}'\n"
-        "\toption auto '0'\n"
-        "\toption sasStepChoice '0'\n"
-        f"\toption address '{address}'\n"
-        "\toption userId 'lab-user'\n"
-        "\toption callSign 'CALL1'\n"
-        "\toption antennaAzimuth '180'\n"
-        "\toption antennaDowntilt '2'\n"
-        "\n"
-        "config cpi 'cpi'\n"
-        "\toption latitude '37.4'\n"
-        "\toption longitude '-122.1'\n"
-        "\toption height '10'\n"
-        "\toption heightUnit '0'\n"
-        "\n"
-        "config sasConfig 'sasConfig'\n"
-        f"\toption RadioEnable '{radio_enable}'\n"
-        "\toption powerSpectralDensity ''\n"
-        "\toption grantExpireTime ''\n"
-        "\toption transmitExpireTime ''\n"
-        "\n"
-        "config operation 'operation'\n"
-        "\toption status 'Unregistered'\n"
-        "\toption GrantRenew '0'\n"
-        "\n"
-        "config cert 'cert'\n"
-        "\toption clientCertFileName 'cbsd.pem'\n"
-        "\toption clientKeyFileName 'cbsd.key'\n"
-        "\toption serverCAFileName 'ca.pem'\n"
-        "\toption cpiKeyFileName ''\n"
-        "\toption cpiKeyFilePassword ''\n"
-        "\n"
-        "config cellInfo 'cellInfo'\n"
-    )
+    return device_config.sas_config(address, enable_mode=enable_mode, usedp=usedp,
+                                    radio_enable=radio_enable)
 
 
 # ----- the daemon's process ----------------------------------------------------

@@ -19,6 +19,7 @@ sys.path.insert(0, os.path.join(TESTS_DIR, "sas_sim"))
 
 import pki  # noqa: E402
 from client import SasSim, relative  # noqa: E402
+from lab import device_config  # noqa: E402
 
 ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
 HEARTBEAT_INTERVAL = 4
@@ -28,43 +29,7 @@ BUILD_DIR = os.environ.get("CBSD_BINARY_DIR") or os.path.join(os.path.dirname(TE
 
 
 def sas_config(url, enable_mode="1", call_sign="CALL1"):
-    return (
-        "config config 'config'\n"
-        f"\toption enableMode '{enable_mode}'\n"
-        "\toption usedp '0'\n"
-        "\toption auto '0'\n"
-        "\toption sasStepChoice '0'\n"
-        f"\toption address '{url}'\n"
-        "\toption userId 'lab-user'\n"
-        f"\toption callSign '{call_sign}'\n"
-        "\toption antennaAzimuth '180'\n"
-        "\toption antennaDowntilt '2'\n"
-        "\n"
-        "config cpi 'cpi'\n"
-        "\toption latitude '37.4'\n"
-        "\toption longitude '-122.1'\n"
-        "\toption height '10'\n"
-        "\toption heightUnit '0'\n"
-        "\n"
-        "config sasConfig 'sasConfig'\n"
-        "\toption RadioEnable '0'\n"
-        "\toption powerSpectralDensity ''\n"
-        "\toption grantExpireTime ''\n"
-        "\toption transmitExpireTime ''\n"
-        "\n"
-        "config operation 'operation'\n"
-        "\toption status 'Unregistered'\n"
-        "\toption GrantRenew '0'\n"
-        "\n"
-        "config cert 'cert'\n"
-        "\toption clientCertFileName 'cbsd.pem'\n"
-        "\toption clientKeyFileName 'cbsd.key'\n"
-        "\toption serverCAFileName 'ca.pem'\n"
-        "\toption cpiKeyFileName ''\n"
-        "\toption cpiKeyFilePassword ''\n"
-        "\n"
-        "config cellInfo 'cellInfo'\n"
-    )
+    return device_config.sas_config(url, enable_mode=enable_mode, call_sign=call_sign)
 
 
 def _listing_or_none(read):

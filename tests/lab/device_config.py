@@ -1,0 +1,45 @@
+"""The /etc/config/sas of a device ready to talk to a SAS: installation data,
+published state and the TLS credential names that tests/sas_sim installs
+(cbsd.pem, cbsd.key, ca.pem).  Shared by the system tests, the demo and the
+measurement tool."""
+
+
+def sas_config(address, enable_mode="1", usedp="0", radio_enable="0", user_id="lab-user",
+               call_sign="CALL1"):
+    return (
+        "config config 'config'\n"
+        f"\toption enableMode '{enable_mode}'\n"
+        f"\toption usedp '{usedp}'\n"
+        "\toption auto '0'\n"
+        "\toption sasStepChoice '0'\n"
+        f"\toption address '{address}'\n"
+        f"\toption userId '{user_id}'\n"
+        f"\toption callSign '{call_sign}'\n"
+        "\toption antennaAzimuth '180'\n"
+        "\toption antennaDowntilt '2'\n"
+        "\n"
+        "config cpi 'cpi'\n"
+        "\toption latitude '37.4'\n"
+        "\toption longitude '-122.1'\n"
+        "\toption height '10'\n"
+        "\toption heightUnit '0'\n"
+        "\n"
+        "config sasConfig 'sasConfig'\n"
+        f"\toption RadioEnable '{radio_enable}'\n"
+        "\toption powerSpectralDensity ''\n"
+        "\toption grantExpireTime ''\n"
+        "\toption transmitExpireTime ''\n"
+        "\n"
+        "config operation 'operation'\n"
+        "\toption status 'Unregistered'\n"
+        "\toption GrantRenew '0'\n"
+        "\n"
+        "config cert 'cert'\n"
+        "\toption clientCertFileName 'cbsd.pem'\n"
+        "\toption clientKeyFileName 'cbsd.key'\n"
+        "\toption serverCAFileName 'ca.pem'\n"
+        "\toption cpiKeyFileName ''\n"
+        "\toption cpiKeyFilePassword ''\n"
+        "\n"
+        "config cellInfo 'cellInfo'\n"
+    )
