@@ -84,7 +84,9 @@ def test_transport_failure_waits_fifteen_seconds(lab):
     registrations = sim.wait_for_request("registration", 2, 25)
     assert len(registrations) == 2, r.log_text()[-3000:]
     second = registrations[1]
-    assert 14.5 <= second["time"] - first["time"] <= 17
+    # The worker counts whole monotonic seconds, so a 15 s wait can end up to
+    # a second early in real time.
+    assert 13.9 <= second["time"] - first["time"] <= 17
 
 
 def test_lte_change_ends_the_back_off(lab):
