@@ -332,14 +332,26 @@ class VirtualRouter:
         self.run(f"echo {int(ipv4)} > /proc/sys/net/ipv4/ip_forward;"
                  f"echo {int(ipv6)} > /proc/sys/net/ipv6/conf/all/forwarding", check=True)
 
+    def _listing(self, command, attempts=5):
+        """A firewall listing.  nf_tables refuses a listing that races with a
+        rule change of the daemon (exit status 4); such a refusal is retried
+        a few times before it counts as a failure."""
+        for attempt in range(attempts):
+            result = self.run(command)
+            if result.returncode == 0 or attempt == attempts - 1:
+                break
+            time.sleep(0.02)
+        result.check_returncode()
+        return result.stdout
+
     def iptables_rules(self):
         """`iptables -S OUTPUT` lines, in chain order."""
-        return self.run("iptables -S OUTPUT", check=True).stdout.splitlines()
+        return self._listing("iptables -S OUTPUT").splitlines()
 
     def ebtables_rules(self):
         """The rule lines of `ebtables -L BRIDGE_FORWARD` in chain order,
         without the trailing blank the router's listing adds."""
-        listing = self.run("ebtables -L BRIDGE_FORWARD", check=True).stdout
+        listing = self._listing("ebtables -L BRIDGE_FORWARD")
         return [line.rstrip() for line in listing.splitlines()
                 if line.strip() and not line.startswith("Bridge ")]
 
