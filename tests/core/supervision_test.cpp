@@ -7,6 +7,7 @@
 #include "config/uci_store.h"
 #include "core/worker_control.h"
 #include "gating/gates.h"
+#include "support/modem_standin.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -30,59 +31,22 @@ using test::write_file;
 
 const char* const kLogPath = "/root/sas/sas.log";
 
-// The unit-test sandbox hides /tmp, and with it a source tree that lives
-// there, so the stand-ins are written into the sandbox itself.  `ubus call
-// ubus_lte <method>` prints /tmp/modem/<method>; when /tmp/modem/replies_left
-// exists, the getlteinfo reply that brings it to 0 is the last one before
-// the files in /tmp/modem/next replace the modem's state.
-const char* const kUbusStandin =
-    "#!/bin/sh\n"
-    "cat \"/tmp/modem/$3\" 2>/dev/null\n"
-    "if [ \"$3\" = getlteinfo ] && [ -f /tmp/modem/replies_left ]; then\n"
-    "  left=$(( $(cat /tmp/modem/replies_left) - 1 ))\n"
-    "  if [ $left -le 0 ]; then rm -f /tmp/modem/replies_left; cp /tmp/modem/next/* /tmp/modem/;\n"
-    "  else echo $left > /tmp/modem/replies_left; fi\n"
-    "fi\n";
-
-std::string modem_status_reply(const std::string& netstat) {
-    return "{\n\t\"netstat\": " + netstat + ",\n}\n";
-}
-
-std::string modem_info_reply(const std::string& dlfreq, const std::string& bandwidth) {
-    return "{\n\t\"dlfreq\": " + dlfreq + ",\n\t\"bandwidth\": " + bandwidth + ",\n\t\"band\": 48,\n}\n";
-}
-
-void set_modem(const std::string& netstat, const std::string& dlfreq, const std::string& bandwidth) {
-    write_file("/tmp/modem/getltestatus", modem_status_reply(netstat));
-    write_file("/tmp/modem/getlteinfo", modem_info_reply(dlfreq, bandwidth));
-}
-
-// Serves exactly `text` as the reply of the status and info methods.
-void set_modem_garbage(const std::string& text) {
-    write_file("/tmp/modem/getltestatus", text);
-    write_file("/tmp/modem/getlteinfo", text);
-}
-
-void put_test_bin_first_on_path() {
-    static std::string path =
-        "/tmp/bin:" + std::string(std::getenv("PATH") ? std::getenv("PATH") : "/usr/sbin:/usr/bin:/sbin:/bin");
-    setenv("PATH", path.c_str(), 1);
-}
+using test::install_modem_standin;
+using test::modem_info_reply;
+using test::modem_status_reply;
+using test::put_test_bin_first_on_path;
+using test::set_modem;
+using test::set_modem_garbage;
 
 // The router's ebtables lists each rule with one trailing blank; the host's
 // ebtables-nft does not, so the wrapper adds it.
 void install_standins() {
-    mkdir("/tmp/bin", 0755);
-    mkdir("/tmp/modem", 0755);
-    mkdir("/tmp/modem/next", 0755);
-    write_file("/tmp/bin/ubus", kUbusStandin);
+    install_modem_standin();
     write_file("/tmp/bin/ebtables",
                "#!/bin/sh\n"
                "if [ \"$1\" = \"-L\" ]; then /usr/sbin/ebtables \"$@\" | sed '/^-/s/$/ /'; "
                "else exec /usr/sbin/ebtables \"$@\"; fi\n");
-    chmod("/tmp/bin/ubus", 0755);
     chmod("/tmp/bin/ebtables", 0755);
-    put_test_bin_first_on_path();
 }
 
 void create_router_links() {
