@@ -238,12 +238,11 @@ private:
         if (!argument(false, WordKind::Value, value)) return false;
         if (!at_end_of_command()) return false;
         UciSection& section = package_.sections[current_];
-        UciOption* option = uci_find_option(section, name);
         if (is_list) {
-            add_list_item(section, option, name, value);
+            add_list_item(section, uci_find_option(section, name), name, value);
         } else if (!value.empty()) {
             // An empty value while reading changes nothing, as in libuci.
-            set_string(section, option, name, value);
+            uci_set_option(section, name, value);
         }
         return true;
     }
@@ -261,17 +260,6 @@ private:
             return;
         }
         option->items.push_back(value);
-    }
-
-    static void set_string(UciSection& section, UciOption* option, std::string_view name,
-                           std::string_view value) {
-        if (!option) {
-            section.options.push_back(UciOption{name, value, {}, false});
-            return;
-        }
-        option->is_list = false;
-        option->items.clear();
-        option->value = value;
     }
 
     char* buf_;
