@@ -1,7 +1,8 @@
 """The /etc/config/sas of a device ready to talk to a SAS: installation data,
 published state and the TLS credential names that tests/sas_sim installs
 (cbsd.pem, cbsd.key, ca.pem).  Shared by the system tests, the demo and the
-measurement tool."""
+measurement tool.  `bare_sas_config` is the near-empty file of a device that
+has not been set up yet."""
 
 
 def sas_config(address, enable_mode="1", usedp="0", radio_enable="0", user_id="lab-user",
@@ -40,6 +41,27 @@ def sas_config(address, enable_mode="1", usedp="0", radio_enable="0", user_id="l
         "\toption serverCAFileName 'ca.pem'\n"
         "\toption cpiKeyFileName ''\n"
         "\toption cpiKeyFilePassword ''\n"
+        "\n"
+        "config cellInfo 'cellInfo'\n"
+    )
+
+
+def bare_sas_config(extra_config="", extra_operation="", auto="0"):
+    """SAS off and only the sections the daemon expects; the daemon fills in
+    its defaults on its first run."""
+    return (
+        "config config 'config'\n"
+        "\toption enableMode '0'\n"
+        f"\toption auto '{auto}'\n"
+        f"{extra_config}"
+        "\n"
+        "config cpi 'cpi'\n"
+        "\n"
+        "config sasConfig 'sasConfig'\n"
+        "\toption RadioEnable '0'\n"
+        "\n"
+        "config operation 'operation'\n"
+        f"{extra_operation}"
         "\n"
         "config cellInfo 'cellInfo'\n"
     )

@@ -1,25 +1,13 @@
 """The modem side of the real daemon in a virtual router: the serving cell's
 frequency range in section cellInfo, and modem output that is missing,
 truncated or binary."""
+from lab.device_config import bare_sas_config
 
 PASS_SECONDS = 5
 WITHIN_ONE_PASS = PASS_SECONDS + 4
 MODEM = {"productmodule": "RQ5518L", "SN": "SN1", "netstat": 4,
          "dlfreq": 3625000, "bandwidth": 20, "band": 48}
-SAS_CONFIG = (
-    "config config 'config'\n"
-    "\toption enableMode '0'\n"
-    "\toption auto '0'\n"
-    "\n"
-    "config cpi 'cpi'\n"
-    "\n"
-    "config sasConfig 'sasConfig'\n"
-    "\toption RadioEnable '0'\n"
-    "\n"
-    "config operation 'operation'\n"
-    "\n"
-    "config cellInfo 'cellInfo'\n"
-)
+SAS_CONFIG = bare_sas_config()
 
 
 def cell(r):

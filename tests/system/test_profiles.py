@@ -6,30 +6,13 @@ import tempfile
 
 import pytest
 
+from lab.device_config import bare_sas_config as sas_config
+
 STARTED = "[SAS] auto SAS is "  # the first supervision pass: start-up is done
 PASS_SECONDS = 5
 WITHIN_ONE_PASS = PASS_SECONDS + 4
 L_M2_MODEM = {"productmodule": "RQ5518L-M2", "SN": "SNL0000042", "netstat": 4,
               "dlfreq": 3625000, "bandwidth": 20, "band": 48}
-
-
-def sas_config(extra_config="", extra_operation="", auto="0"):
-    return (
-        "config config 'config'\n"
-        "\toption enableMode '0'\n"
-        f"\toption auto '{auto}'\n"
-        f"{extra_config}"
-        "\n"
-        "config cpi 'cpi'\n"
-        "\n"
-        "config sasConfig 'sasConfig'\n"
-        "\toption RadioEnable '0'\n"
-        "\n"
-        "config operation 'operation'\n"
-        f"{extra_operation}"
-        "\n"
-        "config cellInfo 'cellInfo'\n"
-    )
 
 
 def log_after(r, mark):

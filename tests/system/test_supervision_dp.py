@@ -5,6 +5,8 @@ import time
 
 import pytest
 
+from lab import device_config
+
 ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
 BRIDGE_DROPS = ("-o eth1.112+ -j DROP", "-o usb0.112+ -j DROP")
 PASS_SECONDS = 5
@@ -14,34 +16,9 @@ WITHIN_ONE_PASS = PASS_SECONDS + 7
 
 
 def sas_config(enable_mode="0", usedp="1", radio_enable="0", call_sign="CALL1"):
-    return (
-        "config config 'config'\n"
-        f"\toption enableMode '{enable_mode}'\n"
-        f"\toption usedp '{usedp}'\n"
-        "\toption sasStepChoice '0'\n"
-        "\toption address 'https://127.0.0.1:1/v1.2'\n"
-        "\toption userId 'lab-user'\n"
-        f"\toption callSign '{call_sign}'\n"
-        "\toption antennaAzimuth '180'\n"
-        "\toption antennaDowntilt '2'\n"
-        "\n"
-        "config cpi 'cpi'\n"
-        "\toption latitude '37.4'\n"
-        "\toption longitude '-122.1'\n"
-        "\toption height '10'\n"
-        "\toption heightUnit '0'\n"
-        "\n"
-        "config sasConfig 'sasConfig'\n"
-        f"\toption RadioEnable '{radio_enable}'\n"
-        "\toption powerSpectralDensity ''\n"
-        "\n"
-        "config operation 'operation'\n"
-        "\toption status 'Unregistered'\n"
-        "\n"
-        "config cert 'cert'\n"
-        "\n"
-        "config cellInfo 'cellInfo'\n"
-    )
+    # DP mode never contacts the SAS, so the address only has to be well formed.
+    return device_config.sas_config("https://127.0.0.1:1/v1.2", enable_mode=enable_mode,
+                                    usedp=usedp, radio_enable=radio_enable, call_sign=call_sign)
 
 
 def gates_closed(r):
