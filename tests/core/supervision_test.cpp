@@ -19,6 +19,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace cbsd::core {
@@ -38,15 +39,14 @@ using test::put_test_bin_first_on_path;
 using test::set_modem;
 using test::set_modem_garbage;
 
-// The router's ebtables lists each rule with one trailing blank; the host's
-// ebtables-nft does not, so the wrapper adds it.
+// The virtual router's ebtables stand-in: it lists rules the way the
+// router's ebtables does (one trailing blank) and serialises its commands.
 void install_standins() {
     install_modem_standin();
-    write_file("/tmp/bin/ebtables",
-               "#!/bin/sh\n"
-               "if [ \"$1\" = \"-L\" ]; then /usr/sbin/ebtables \"$@\" | sed '/^-/s/$/ /'; "
-               "else exec /usr/sbin/ebtables \"$@\"; fi\n");
-    chmod("/tmp/bin/ebtables", 0755);
+    unlink("/tmp/bin/ebtables");
+    const std::string standin = std::string(CBSD_SOURCE_DIR) + "/tests/lab/bin/ebtables";
+    if (symlink(standin.c_str(), "/tmp/bin/ebtables") != 0)
+        ADD_FAILURE() << "cannot link the ebtables stand-in " << standin;
 }
 
 void create_router_links() {
