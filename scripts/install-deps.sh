@@ -11,4 +11,11 @@ $SUDO apt-get install -y -qq --no-install-recommends \
     libgtest-dev libgmock-dev \
     python3 python3-pytest openssl ca-certificates \
     iptables ebtables net-tools iproute2 util-linux procps psmisc kmod \
+    g++-mipsel-linux-gnu g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user-static mmdebstrap \
+    busybox \
     >/dev/null
+# The routers' libraries (and big-endian s390x's), for the cross builds and their unit
+# tests under qemu-user.
+for arch in mipsel armhf s390x; do
+    $SUDO bash "$(dirname "$0")/make-sysroot.sh" "$arch"
+done

@@ -3,6 +3,8 @@
 #   1. warnings-as-errors build: unit tests and system tests (virtual router, SAS simulator)
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer build: the whole unit suite
 #   3. clang libFuzzer build: every fuzz target for CBSD_FUZZ_SECONDS (default 60) each
+#   4. router builds (mipsel, armhf, -Os), their sizes, and the unit suite under qemu-user
+#      for mipsel (32-bit time_t, long and pointers) and s390x (big-endian)
 # Must run as root: tests use private mount and network namespaces.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -66,7 +68,7 @@ fi
 
 echo "== ThreadSanitizer build: the worker's unit tests and the system tests that run it"
 TSAN_REPORTS="$ROOT/build-tsan/tsan-reports"
-if BUILD_TARGETS="cbsd test_standalone test_core" build build-tsan -DCBSD_WERROR=ON -DCBSD_TSAN=ON -DCMAKE_BUILD_TYPE=Debug &&
+if BUILD_TARGETS="cbsd test_standalone test_daemon" build build-tsan -DCBSD_WERROR=ON -DCBSD_TSAN=ON -DCMAKE_BUILD_TYPE=Debug &&
    rm -rf "$TSAN_REPORTS" && mkdir -p "$TSAN_REPORTS"; then
     TSAN_OPTIONS="halt_on_error=0 log_path=$TSAN_REPORTS/report" \
         run_ctest tsan build-tsan -R '^(StandaloneThread|AuthorizedHeartbeat|WorkerControl|system\.test_standalone)'
@@ -77,6 +79,19 @@ if BUILD_TARGETS="cbsd test_standalone test_core" build build-tsan -DCBSD_WERROR
 else
     echo "thread sanitizer build failed"; status=1; failed=$((failed + 1))
 fi
+
+echo "== router builds (mipsel, armhf), the unit suite under qemu-user for mipsel and s390x"
+cross_start=$SECONDS
+mkdir -p build-mipsel
+if { bash scripts/cross-build.sh --tests mipsel s390x && bash scripts/cross-build.sh armhf; } 2>&1 |
+       tee build-mipsel/cross-build.log; then
+    run_ctest mipsel build-mipsel -L unit
+    run_ctest s390x build-s390x -L unit
+else
+    echo "router build failed"; status=1; failed=$((failed + 1))
+fi
+while read -r line; do summary+=("$line"); done < <(grep '^cbsd ' build-mipsel/cross-build.log)
+summary+=("router builds, mipsel and s390x unit suites: $((SECONDS - cross_start)) s")
 
 echo "== libFuzzer build (clang), ${FUZZ_SECONDS} s per target"
 if CC=clang CXX=clang++ build build-fuzz -DCBSD_FUZZ=ON -DCBSD_FUZZ_SECONDS="$FUZZ_SECONDS"; then

@@ -31,8 +31,4 @@ struct AutoEnableState {
     uint8_t lastBand = 0;  // 1 in Band 48, 2 not
 };
 
-// One pass of the automatic enablement against the given state; the
-// argument-less auto_enable() uses the process's own state.
-void auto_enable(AutoEnableState& state);
-
 }  // namespace cbsd::config

@@ -1,7 +1,7 @@
 // The device description sent to the SAS, and the credential file paths.
 #pragma once
 
-#include "sas/certificate_paths.h"
+#include "config/certificate_paths.h"
 
 #include <cstddef>
 

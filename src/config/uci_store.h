@@ -3,6 +3,8 @@
 // parses and closes the package; nothing is cached.
 #pragma once
 
+#include "config/schema.h"
+
 #include <cstddef>
 
 namespace cbsd::config {
@@ -21,5 +23,13 @@ unsigned config_get(const char* path, const char* section, const char* option, c
 // 0 for a null argument or a path outside the limits.  A missing section
 // writes nothing and still gives 1.
 unsigned config_set(const char* path, const char* section, const char* option, const char* value);
+
+// The same, with the names taken from the schema table.
+inline unsigned config_get(const char* path, UciName name, char* buffer, size_t size) {
+    return config_get(path, name.section, name.option, buffer, size);
+}
+inline unsigned config_set(const char* path, UciName name, const char* value) {
+    return config_set(path, name.section, name.option, value);
+}
 
 }  // namespace cbsd::config

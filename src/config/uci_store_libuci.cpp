@@ -9,9 +9,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 extern "C" {
@@ -61,6 +63,64 @@ private:
     int fd_ = -1;
 };
 
+// Holds the package file itself locked, as libuci's own writers lock it,
+// while the new content is written and renamed over it.
+class PackageLock {
+public:
+    explicit PackageLock(const char* path) : fd_(open(path, O_RDONLY | O_CLOEXEC)) {
+        if (fd_ < 0) return;
+        while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    PackageLock(const PackageLock&) = delete;
+    PackageLock& operator=(const PackageLock&) = delete;
+    ~PackageLock() {
+        if (fd_ >= 0) close(fd_);
+    }
+    bool mode(mode_t& out) const {
+        struct stat status {};
+        if (fd_ < 0 || fstat(fd_, &status) != 0) return false;
+        out = status.st_mode & 07777;
+        return true;
+    }
+
+private:
+    int fd_;
+};
+
+// Exports the package into the open temporary file; true only when every
+// byte reached the disk.
+bool export_completely(uci_context* ctx, uci_package* package, int fd) {
+    FILE* stream = fdopen(fd, "w");
+    if (!stream) {
+        close(fd);
+        return false;
+    }
+    bool written = uci_export(ctx, stream, package, false) == UCI_OK;
+    written = std::fflush(stream) == 0 && !std::ferror(stream) && written;
+    written = fsync(fd) == 0 && written;
+    return std::fclose(stream) == 0 && written;
+}
+
+// Writes the package in libuci's export form to a temporary file next to it
+// and renames that over the old file, as libuci's commit does, but only when
+// the whole content was written and synced: libuci renames even after a
+// failed flush or sync, which on a full file system leaves an empty package.
+// Any failure leaves the old file as it was.
+bool commit_whole(uci_context* ctx, uci_package* package, const char* path, const UciPath& parts) {
+    PackageLock lock(path);
+    mode_t mode = 0;
+    if (!lock.mode(mode)) return false;
+    char temporary[160];
+    std::snprintf(temporary, sizeof temporary, "%s.%s.uci-XXXXXX", parts.directory, parts.package);
+    int fd = mkstemp(temporary);
+    if (fd < 0) return false;
+    bool done = export_completely(ctx, package, fd) && chmod(temporary, mode) == 0 &&
+                rename(temporary, path) == 0;
+    if (!done) unlink(temporary);
+    return done;
+}
+
 }  // namespace
 
 unsigned config_get(const char* path, const char* section, const char* option, char* buffer,
@@ -97,24 +157,25 @@ unsigned config_set(const char* path, const char* section, const char* option, c
     UciPath parts;
     if (!uci_split_path(path, parts)) return 0;
     WriterTurn turn(parts);
-    size_t directory_length = std::strlen(parts.directory);
-    if (directory_length > 1) parts.directory[directory_length - 1] = '\0';
+    UciPath confdir = parts;
+    size_t directory_length = std::strlen(confdir.directory);
+    if (directory_length > 1) confdir.directory[directory_length - 1] = '\0';
 
     Context context;
     uci_context* ctx = context.get();
     if (!ctx) return 0;
-    uci_set_confdir(ctx, parts.directory);
+    uci_set_confdir(ctx, confdir.directory);
 
     // Only package, section, option and value: libuci loads the package and
     // finds the section by name.  A failed set or commit changes nothing and
-    // is not reported.
+    // is not reported.  The commit is this program's own (commit_whole).
     uci_ptr pointer{};
     pointer.package = path;
     pointer.section = section;
     pointer.option = option;
     pointer.value = value;
     if (uci_set(ctx, &pointer) == UCI_OK && pointer.p) {
-        uci_commit(ctx, &pointer.p, false);
+        commit_whole(ctx, pointer.p, path, parts);
     }
     if (pointer.p) uci_unload(ctx, pointer.p);
     return 1;

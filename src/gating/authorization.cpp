@@ -2,14 +2,22 @@
 
 #include "config/accessors.h"
 #include "config/uci_store.h"
-#include "core/cbsd_state.h"
-#include "core/log.h"
+#include "base/cbsd_state.h"
+#include "base/log.h"
 #include "gating/gates.h"
 #include "modem/modem.h"
+
+#include <mutex>
 
 namespace cbsd::gating {
 
 namespace {
+
+// The supervision loop and the transmit guard both switch the gates; one at a
+// time, so that an inspection and the change it leads to are not split.
+// Recursive because a switch may be entered again from within (the power
+// computation reads through the same layer).
+std::recursive_mutex g_gateLock;
 
 // Whole-dB stand-in for ten times the decimal logarithm of the channel
 // bandwidth; 15 MHz maps to 11 on purpose, as the radio's power tables do.
@@ -25,8 +33,8 @@ int32_t bandwidth_factor(int bandwidth_mhz) {
 
 // The state published after a reset: the first row below Registered.
 const char* reset_state_name() {
-    for (const core::CbsdState* row = core::CbsdStateTable; row->id != 0; ++row)
-        if (row->id < core::kRegistered) return core::cbsd_state_name(row->id);
+    for (const base::CbsdState* row = base::CbsdStateTable; row->id != 0; ++row)
+        if (row->id < base::kRegistered) return base::cbsd_state_name(row->id);
     return "";
 }
 
@@ -39,34 +47,44 @@ void open_all_gates() {
 }  // namespace
 
 void authorize_device(uint8_t announce) {
+    std::lock_guard<std::recursive_mutex> hold(g_gateLock);
     // The power goes nowhere in this product; computing it keeps the modem
     // and configuration reads of a real radio driver in place.
     compute_transmit_power();
     open_all_gates();
-    if (announce) core::log(5, 1, "[SAS] device has been authorized.\n\n");
+    if (announce) base::notice_to_syslog("[SAS] device has been authorized.\n\n");
 }
 
 void unauthorize_device(uint8_t announce) {
+    std::lock_guard<std::recursive_mutex> hold(g_gateLock);
     set_ip_forward(false);
     set_firewall_icmp(false);
     set_bridge_forward(false);
-    if (announce) core::log(5, 1, "[SAS] device has been unauthorized.\n\n");
+    if (announce) base::notice_to_syslog("[SAS] device has been unauthorized.\n\n");
+}
+
+bool close_open_gates() {
+    std::lock_guard<std::recursive_mutex> hold(g_gateLock);
+    bool open = is_ip_forward_enabled() || is_firewall_icmp_open() || is_bridge_forward_open();
+    if (open) unauthorize_device(0);
+    return open;
 }
 
 void recover_network() {
+    std::lock_guard<std::recursive_mutex> hold(g_gateLock);
     open_all_gates();
-    core::log(5, 1, "[SAS] device network has been recovered.\n\n");
+    base::notice_to_syslog("[SAS] device network has been recovered.\n\n");
 }
 
 void clear_cbsd_state() {
-    core::log(5, 0, "[SAS] clear cbsd state.\n");
+    base::notice("[SAS] clear cbsd state.\n");
     const char* status = reset_state_name();
     config::set_radio_enable("0");
     config::set_status(status);
-    config::config_set(config::kSasConfigPath, "sasConfig", "powerSpectralDensity", "");
-    core::log(5, 0, "[SAS] set RadioEnable=0\n");
-    core::log(5, 0, "[SAS] set status=%s\n", status);
-    core::log(5, 0, "[SAS] set powerSpectralDensity=\"\"\n");
+    config::config_set(config::kSasConfigPath, config::schema::kSasPowerSpectralDensity, "");
+    base::notice("[SAS] set RadioEnable=0\n");
+    base::notice("[SAS] set status=%s\n", status);
+    base::notice("[SAS] set powerSpectralDensity=\"\"\n");
 }
 
 int32_t compute_transmit_power() {

@@ -9,6 +9,9 @@ namespace cbsd::gating {
 void authorize_device(uint8_t announce);
 void unauthorize_device(uint8_t announce);
 void recover_network();
+// Closes every gate when any is open; returns whether one was.  Safe to call
+// from any thread: gate switches are serialised.
+bool close_open_gates();
 void clear_cbsd_state();
 int32_t compute_transmit_power();
 void apply_transmit_power(bool enable, int32_t power);

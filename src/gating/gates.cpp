@@ -1,9 +1,12 @@
 #include "gating/gates.h"
 
 #include "config/uci_store.h"
-#include "core/command.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "base/files.h"
+#include "base/system.h"
+#include "base/log.h"
+#include "base/text.h"
+#include "gating/rule_listing.h"
+#include "gating/vlan_interfaces.h"
 
 #include <climits>
 #include <cstdio>
@@ -14,19 +17,17 @@ namespace cbsd::gating {
 
 namespace {
 
-constexpr const char* kCacheSection = "cache";
-constexpr const char* kIpForwardOption = "SAS_IP_FORWARD";
-constexpr const char* kFirewallIcmpOption = "SAS_FIREWALL_ICMP";
-constexpr const char* kBridgeForwardOption = "SAS_BRIDGE_FORWARD";
+using config::UciName;
+constexpr UciName kIpForwardOption = config::schema::kCacheIpForward;
+constexpr UciName kFirewallIcmpOption = config::schema::kCacheFirewallIcmp;
+constexpr UciName kBridgeForwardOption = config::schema::kCacheBridgeForward;
 
-constexpr const char* kForwardOn =
-    "echo 1 > /proc/sys/net/ipv4/ip_forward;echo 1 > /proc/sys/net/ipv6/conf/all/forwarding";
-constexpr const char* kForwardOff =
-    "echo 0 > /proc/sys/net/ipv4/ip_forward;echo 0 > /proc/sys/net/ipv6/conf/all/forwarding";
+constexpr const char* kIpv4ForwardSwitch = "/proc/sys/net/ipv4/ip_forward";
+constexpr const char* kIpv6ForwardSwitch = "/proc/sys/net/ipv6/conf/all/forwarding";
 
 constexpr const char* kIcmpDropRule = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP";
-constexpr const char* kListIcmpDrop =
-    "iptables -S | grep '\\-A OUTPUT \\-p icmp \\-m icmp \\-\\-icmp-type 8 \\-j DROP'";
+// One tool run lists the chain; its lines are read in-process.
+constexpr const char* const kListOutputChain[] = {"iptables", "-S", "OUTPUT", nullptr};
 constexpr const char* kInsertIcmpDrop = "iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP";
 constexpr const char* kInsertLanAccept =
     "iptables -I OUTPUT -o br-lan -p icmp --icmp-type 8/0 -j ACCEPT";
@@ -35,16 +36,14 @@ constexpr const char* kDeleteIcmpDrop =
 constexpr const char* kDeleteLanAccept =
     "iptables -D OUTPUT -o br-lan -p icmp --icmp-type 8/0 -j ACCEPT >/dev/null 2>&1";
 
-constexpr const char* kCountEthVlan = "ifconfig | grep eth1.112 | wc -l";
-constexpr const char* kCountUsbVlan = "ifconfig | grep usb0.112 | wc -l";
+// Interface name patterns as a grep expression reads them: '.' is any character.
+constexpr const char* kEthVlan = "eth1.112";
+constexpr const char* kUsbVlan = "usb0.112";
 constexpr const char* kEthDropRule = "-o eth1.112+ -j DROP";
 constexpr const char* kUsbDropRule = "-o usb0.112+ -j DROP";
-// The whole-line patterns end with the blank that ebtables -L prints after
-// every rule; the substring test on their output has no such blank.
-constexpr const char* kListEthDrop =
-    "ebtables -L BRIDGE_FORWARD | grep -x '\\-o eth1.112+ \\-j DROP '";
-constexpr const char* kListUsbDrop =
-    "ebtables -L BRIDGE_FORWARD | grep -x '\\-o usb0.112+ \\-j DROP '";
+constexpr const char* const kListBridgeChain[] = {"ebtables", "-L", "BRIDGE_FORWARD", nullptr};
+// Big enough for any chain the router has; lines past it are not seen.
+constexpr int kListingCapacity = 8192;
 constexpr const char* kInsertEthDrop = "ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP";
 constexpr const char* kInsertUsbDrop = "ebtables -I BRIDGE_FORWARD -o usb0.112+ -j DROP";
 constexpr const char* kDeleteEthDrop =
@@ -56,8 +55,8 @@ constexpr const char* kDeleteUsbDrop =
 // anything real (a broken firewall tool); stop rather than spin forever.
 constexpr int kMaxDeletions = 256;
 
-void mark_gate(const char* option, bool open) {
-    config::config_set(config::kRuntimeCachePath, kCacheSection, option, open ? "1" : "0");
+void mark_gate(UciName option, bool open) {
+    config::config_set(config::kRuntimeCachePath, option, open ? "1" : "0");
 }
 
 // Decimal value of a command's output; anything unparsable counts as 0.
@@ -68,52 +67,52 @@ long decimal(const char* text) {
 
 // Runs a fixed command line; its exit status as `system` reports it.
 int run(const char* command) {
-    return std::system(command);
+    return base::run_status(command);
 }
 
-// How many lines of `ifconfig` name the interface.
-long count_interfaces(const char* count_command) {
-    char output[16] = {};
-    core::run_command(count_command, output, sizeof output - 1);
-    core::strip_newlines(output);
-    return decimal(output);
+// Both kernel switches, each written on its own as "1\n" or "0\n".
+void write_forward_switches(bool enable) {
+    const char* value = enable ? "1\n" : "0\n";
+    base::write_text_file(kIpv4ForwardSwitch, value);
+    base::write_text_file(kIpv6ForwardSwitch, value);
 }
 
-// True when the listing command's output contains the rule.
-bool listing_shows(const char* list_command, const char* rule) {
-    char output[256] = {};
-    core::run_command(list_command, output, sizeof output - 1);
-    core::strip_newlines(output);
-    return std::strstr(output, rule) != nullptr;
+// Runs the listing tool once; a missing or failing tool lists nothing.
+template <typename Count>
+int count_listed(const char* const argv[], const char* rule, Count count) {
+    static thread_local char listing[kListingCapacity];
+    listing[0] = '\0';
+    base::run_capture(argv, listing, sizeof listing);
+    return count(listing, rule);
+}
+
+bool bridge_rule_listed(const char* rule) {
+    return count_listed(kListBridgeChain, rule, count_rule_lines) > 0;
 }
 
 // Deletes until the deletion fails: every duplicate of the rule goes.
 void delete_all(const char* delete_command) {
     for (int round = 0; round < kMaxDeletions; ++round)
         if (run(delete_command) != 0) return;
-    core::log(3, 1, "[SAS] rule deletion never failed, giving up: %s\n", delete_command);
+    base::error_to_syslog("[SAS] rule deletion never failed, giving up: %s\n", delete_command);
 }
 
 }  // namespace
 
 void reset_runtime_cache() {
-    char command[256] = {};
-    std::snprintf(command, sizeof command, "rm -rf %s", config::kRuntimeCachePath);
-    run(command);
-    std::snprintf(command, sizeof command, "echo 'config cache \"cache\"'>%s",
-                  config::kRuntimeCachePath);
-    run(command);
+    base::remove_tree(config::kRuntimeCachePath);
+    base::write_text_file(config::kRuntimeCachePath, "config cache \"cache\"\n");
 }
 
 bool is_ip_forward_enabled() {
     char output[64] = {};
-    core::run_command("cat /proc/sys/net/ipv4/ip_forward", output, sizeof output - 1);
-    core::trim(output);
+    base::read_text_file(kIpv4ForwardSwitch, output, sizeof output - 1);
+    base::trim(output);
     // The cache always mirrors the kernel after a check; the answer is read
     // back from it.
-    config::config_set(config::kRuntimeCachePath, kCacheSection, kIpForwardOption, output);
+    config::config_set(config::kRuntimeCachePath, kIpForwardOption, output);
     char cached[8] = {};
-    config::config_get(config::kRuntimeCachePath, kCacheSection, kIpForwardOption, cached,
+    config::config_get(config::kRuntimeCachePath, kIpForwardOption, cached,
                        sizeof cached);
     return decimal(cached) == 1;
 }
@@ -121,25 +120,25 @@ bool is_ip_forward_enabled() {
 void set_ip_forward(bool enable) {
     if (enable) {
         if (is_ip_forward_enabled()) return;
-        run(kForwardOn);
+        write_forward_switches(true);
         mark_gate(kIpForwardOption, true);
-        core::log(5, 1, "[SAS] IP forward is enable.\n");
+        base::notice_to_syslog("[SAS] IP forward is enable.\n");
     } else {
         if (!is_ip_forward_enabled()) return;
-        run(kForwardOff);
+        write_forward_switches(false);
         mark_gate(kIpForwardOption, false);
-        core::log(5, 1, "[SAS] IP forward is disable.\n");
+        base::notice_to_syslog("[SAS] IP forward is disable.\n");
     }
 }
 
 void reset_ip_forward() {
-    core::log(5, 1, "[SAS] reset IP forward enable.\n");
-    run(kForwardOn);
+    base::notice_to_syslog("[SAS] reset IP forward enable.\n");
+    write_forward_switches(true);
     mark_gate(kIpForwardOption, true);
 }
 
 bool is_firewall_icmp_open() {
-    return !listing_shows(kListIcmpDrop, kIcmpDropRule);
+    return count_listed(kListOutputChain, kIcmpDropRule, count_lines_containing) == 0;
 }
 
 void set_firewall_icmp(bool enable) {
@@ -148,7 +147,7 @@ void set_firewall_icmp(bool enable) {
         run(kDeleteIcmpDrop);
         run(kDeleteLanAccept);
         mark_gate(kFirewallIcmpOption, true);
-        core::log(5, 1, "[SAS] firewall ICMP is enable.\n");
+        base::notice_to_syslog("[SAS] firewall ICMP is enable.\n");
     } else {
         if (!is_firewall_icmp_open()) return;
         // Both go to the head of the chain, so the br-lan accept ends up
@@ -156,12 +155,12 @@ void set_firewall_icmp(bool enable) {
         run(kInsertIcmpDrop);
         run(kInsertLanAccept);
         mark_gate(kFirewallIcmpOption, false);
-        core::log(5, 1, "[SAS] firewall ICMP is disable.\n");
+        base::notice_to_syslog("[SAS] firewall ICMP is disable.\n");
     }
 }
 
 void clear_firewall_icmp_rules() {
-    core::log(5, 1, "[SAS] clear firewall ICMP rules.\n");
+    base::notice_to_syslog("[SAS] clear firewall ICMP rules.\n");
     delete_all(kDeleteIcmpDrop);
     delete_all(kDeleteLanAccept);
     mark_gate(kFirewallIcmpOption, true);
@@ -169,9 +168,9 @@ void clear_firewall_icmp_rules() {
 
 bool is_bridge_forward_open() {
     // Only the Ethernet VLAN's rule counts while that interface exists.
-    if (count_interfaces(kCountEthVlan) >= 1) return !listing_shows(kListEthDrop, kEthDropRule);
-    if (count_interfaces(kCountUsbVlan) < 1) return true;  // nothing to gate
-    return !listing_shows(kListUsbDrop, kUsbDropRule);
+    if (count_up_interfaces(kEthVlan) >= 1) return !bridge_rule_listed(kEthDropRule);
+    if (count_up_interfaces(kUsbVlan) < 1) return true;  // nothing to gate
+    return !bridge_rule_listed(kUsbDropRule);
 }
 
 void set_bridge_forward(bool enable) {
@@ -180,24 +179,24 @@ void set_bridge_forward(bool enable) {
         run(kDeleteEthDrop);
         run(kDeleteUsbDrop);
         mark_gate(kBridgeForwardOption, true);
-        core::log(5, 1, "[SAS] bridge forward is enable.\n");
+        base::notice_to_syslog("[SAS] bridge forward is enable.\n");
         return;
     }
     if (!is_bridge_forward_open()) return;
-    if (count_interfaces(kCountEthVlan) > 0) {
+    if (count_up_interfaces(kEthVlan) > 0) {
         run(kInsertEthDrop);
         mark_gate(kBridgeForwardOption, false);
-        core::log(5, 1, "[SAS] bridge forward is disable.\n");
+        base::notice_to_syslog("[SAS] bridge forward is disable.\n");
     }
-    if (count_interfaces(kCountUsbVlan) >= 1) {
+    if (count_up_interfaces(kUsbVlan) >= 1) {
         run(kInsertUsbDrop);
         mark_gate(kBridgeForwardOption, false);
-        core::log(5, 1, "[SAS] bridge forward is disable.\n");
+        base::notice_to_syslog("[SAS] bridge forward is disable.\n");
     }
 }
 
 void clear_bridge_forward_rules() {
-    core::log(5, 1, "[SAS] clear bridge forward rules.\n");
+    base::notice_to_syslog("[SAS] clear bridge forward rules.\n");
     delete_all(kDeleteEthDrop);
     delete_all(kDeleteUsbDrop);
     mark_gate(kBridgeForwardOption, true);

@@ -1,8 +1,8 @@
 #include "config/uci_store.h"
-#include "core/log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "modem/modem.h"
 #include "modem/modem_output.h"
-#include "modem/poll_clock.h"
 
 #include <cstdint>
 
@@ -15,7 +15,7 @@ constexpr uint32_t kPollIntervalMs = 500;
 // A zero or negative time-out never runs out.
 bool timed_out(uint32_t start, int timeout_s) {
     if (timeout_s <= 0) return false;
-    uint32_t elapsed = poll_clock().now_seconds() - start;
+    uint32_t elapsed = base::monotonic_seconds() - start;
     return elapsed > static_cast<uint32_t>(timeout_s);
 }
 
@@ -25,39 +25,39 @@ bool plausible(int frequency, int bandwidth) {
 
 void write_cell_range(int frequency, int bandwidth) {
     CellRange range = compute_cell_range(frequency, bandwidth);
-    config::config_set(config::kSasConfigPath, "cellInfo", "lowFrequency", range.lowFrequency);
-    config::config_set(config::kSasConfigPath, "cellInfo", "highFrequency", range.highFrequency);
-    config::config_set(config::kSasConfigPath, "cellInfo", "bandwidth", range.bandwidth);
-    core::log(5, 0, "[SAS] lowFreq = %s\n", range.lowFrequency);
-    core::log(5, 0, "[SAS] higFreq = %s\n", range.highFrequency);
-    core::log(5, 0, "[SAS] bandWidth = %s\n", range.bandwidth);
+    config::config_set(config::kSasConfigPath, config::schema::kCellLowFrequency, range.lowFrequency);
+    config::config_set(config::kSasConfigPath, config::schema::kCellHighFrequency, range.highFrequency);
+    config::config_set(config::kSasConfigPath, config::schema::kCellBandwidth, range.bandwidth);
+    base::notice("[SAS] lowFreq = %s\n", range.lowFrequency);
+    base::notice("[SAS] higFreq = %s\n", range.highFrequency);
+    base::notice("[SAS] bandWidth = %s\n", range.bandwidth);
 }
 
 }  // namespace
 
 int wait_for_lte(int timeout_s) {
-    uint32_t start = poll_clock().now_seconds();
+    uint32_t start = base::monotonic_seconds();
     for (;;) {
         // The frequency is only worth asking for once the modem is attached.
         if (is_lte_connected() && get_dl_frequency() >= 1) return 0;
         if (timed_out(start, timeout_s)) return -1;
-        poll_clock().sleep_ms(kPollIntervalMs);
+        base::sleep_ms(kPollIntervalMs);
     }
 }
 
 int wait_and_store_cell_range(int timeout_s) {
-    uint32_t start = poll_clock().now_seconds();
+    uint32_t start = base::monotonic_seconds();
     for (;;) {
         int frequency = get_dl_frequency();
         int bandwidth = get_bandwidth();
         bool attached = is_lte_connected();
         if (attached && plausible(frequency, bandwidth)) {
-            core::log(5, 0, "[SAS] LTE accesses network success.\n");
+            base::notice("[SAS] LTE accesses network success.\n");
             write_cell_range(frequency, bandwidth);
             return 0;
         }
         if (timed_out(start, timeout_s)) return -1;
-        poll_clock().sleep_ms(kPollIntervalMs);
+        base::sleep_ms(kPollIntervalMs);
     }
 }
 

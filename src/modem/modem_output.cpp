@@ -1,6 +1,6 @@
 #include "modem/modem_output.h"
 
-#include "core/text.h"
+#include "base/text.h"
 
 #include <climits>
 #include <cstdint>
@@ -34,7 +34,7 @@ bool parse_number(const char* output, int* value) {
     const char* start = colon + 1;
     size_t span = std::strcspn(start, ",");
     std::memcpy(work, start, span < sizeof work - 1 ? span : sizeof work - 1);
-    core::trim(work);
+    base::trim(work);
     // Like atoi, but without its undefined behaviour on out-of-range text.
     long number = std::strtol(work, nullptr, 10);
     if (number > INT_MAX) number = INT_MAX;

@@ -1,5 +1,5 @@
-#include "core/command.h"
-#include "core/log.h"
+#include "base/system.h"
+#include "base/log.h"
 #include "modem/modem.h"
 #include "modem/modem_output.h"
 
@@ -21,7 +21,7 @@ constexpr const char* kBandCommand = "ubus call ubus_lte getlteinfo | grep -w ba
 // leaves it empty, which every query treats as its failure case.
 void run_query(const char* command, char* output, int capacity) {
     std::memset(output, 0, static_cast<size_t>(capacity));
-    core::run_command(command, output, capacity);
+    base::run_command(command, output, capacity);
     output[capacity - 1] = '\0';
 }
 
@@ -52,7 +52,7 @@ int get_dl_frequency() {
     run_query(kDownlinkFrequencyCommand, output, sizeof output);
     int value = 0;
     if (!parse_number(output, &value)) {
-        core::log(5, 0, "get frequency error:%s\n", output);
+        base::notice("get frequency error:%s\n", output);
         return 0;
     }
     return value / 100;
@@ -64,7 +64,7 @@ int get_bandwidth() {
     int value = 0;
     if (!parse_number(output, &value)) {
         // The frequency query's message, as the log has always read.
-        core::log(5, 0, "get frequency error:%s\n", output);
+        base::notice("get frequency error:%s\n", output);
         return -1;
     }
     return value;
@@ -75,7 +75,7 @@ int get_band() {
     run_query(kBandCommand, output, sizeof output);
     int value = 0;
     if (!parse_number(output, &value)) {
-        core::log(5, 0, "get band error:%s\n", output);
+        base::notice("get band error:%s\n", output);
         return -1;
     }
     return value;

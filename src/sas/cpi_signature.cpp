@@ -1,6 +1,7 @@
 #include "sas/cpi_signature.h"
 
-#include <jwt.h>
+#include "sas/jwt_token.h"
+
 #include <openssl/bio.h>
 #include <openssl/core_dispatch.h>
 #include <openssl/encoder.h>
@@ -73,13 +74,7 @@ bool store_parts(char* const parts[3], CpiSignedData* out) {
     return true;
 }
 
-// libjwt 1.10 has no jwt_free_str yet; its token text comes from malloc.
-void release_token(char* token) {
-    std::free(token);
-}
-
-int32_t encode_and_split(jwt_t* jwt, CpiSignedData* out) {
-    char* token = jwt_encode_str(jwt);
+int32_t split_and_store(char* token, CpiSignedData* out) {
     if (!token) {
         std::fputs("Error: jwt encode failed.\n\n", stderr);
         return -1;
@@ -95,7 +90,6 @@ int32_t encode_and_split(jwt_t* jwt, CpiSignedData* out) {
         std::fputs("Error: jwt part too long.\n\n", stderr);
         result = -1;
     }
-    release_token(token);
     return result;
 }
 
@@ -158,21 +152,18 @@ int32_t sign_cpi_data(const char* installationJson, const char* keyPath, const c
     if (!std::strstr(key.get(), "PRIVATE KEY"))
         load_pkcs12_key(key.get(), kCpiKeyCapacity + 1, keyPath, password);
 
-    jwt_t* jwt = nullptr;
-    int result = jwt_new(&jwt);
-    if (result != 0 || !jwt) {
+    TokenAttempt token = make_rs256_token(installationJson, key.get(), fileLength);
+    if (!token.created) {
         std::fputs("Error: invalid jwt.\n\n", stderr);
-        return result != 0 ? result : -1;
+        return token.keyResult != 0 ? token.keyResult : -1;
     }
-    jwt_add_grants_json(jwt, installationJson);
-    result = jwt_set_alg(jwt, JWT_ALG_RS256, reinterpret_cast<const unsigned char*>(key.get()),
-                         static_cast<int>(fileLength));
     // A refused key (an empty file) leaves libjwt without an algorithm: its
     // unsigned token has an empty signature part, so the split below fails
     // and no unsigned data ever leave the device.
-    int32_t encoded = encode_and_split(jwt, out);
-    if (encoded != 0) result = encoded;
-    jwt_free(jwt);
+    int32_t result = token.keyResult;
+    int32_t stored = split_and_store(token.text, out);
+    if (stored != 0) result = stored;
+    release_token_text(token.text);
     return result;
 }
 

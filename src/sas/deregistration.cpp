@@ -1,7 +1,7 @@
 #include "sas/deregistration.h"
 
-#include "core/log.h"
-#include "core/text.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
 #include "sas/reply_reader.h"
@@ -18,7 +18,7 @@ namespace cbsd::sas {
 
 BodyStatus build_deregistration_body(const char* cbsdId, char* body, size_t capacity) {
     char cbsdIdText[128] = {};
-    core::copy_text(cbsdIdText, sizeof cbsdIdText, cbsdId);
+    base::copy_text(cbsdIdText, sizeof cbsdIdText, cbsdId);
 
     json_t* deregistration = json_object();
     set_text(deregistration, "cbsdId", cbsdIdText);
@@ -33,7 +33,7 @@ int32_t post_deregistration(const char* serverUrl, const char* cbsdId) {
     if (!body) return -1;
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/deregistration", serverUrl);
-    core::log(5, 0, "[SAS] URL = %s\n", url);
+    base::notice("[SAS] URL = %s\n", url);
     if (build_deregistration_body(cbsdId, body.get(), kShortRequestBodyCapacity) ==
         BodyStatus::TooLong)
         return -1;
@@ -42,18 +42,18 @@ int32_t post_deregistration(const char* serverUrl, const char* cbsdId) {
 
 void deregistration_request(const char* serverUrl, const char* cbsdId,
                             DeregistrationResponse* reply) {
-    core::log(5, 0, "\n[SAS] send deregistration_request...\n");
+    base::notice("\n[SAS] send deregistration_request...\n");
     if (post_deregistration(serverUrl, cbsdId) != 0) {
-        core::log(5, 0, "[SAS] post deregistration_request failed\n");
+        base::notice("[SAS] post deregistration_request failed\n");
         return;
     }
     std::memset(reply, 0, sizeof *reply);
     parse_deregistration_response(reply);
     if (reply->responseCode != 0)
-        core::log(5, 1, "[SAS] Deregister unsuccessfully, responseCode:%d(%s)\n",
+        base::notice_to_syslog("[SAS] Deregister unsuccessfully, responseCode:%d(%s)\n",
                   reply->responseCode, responseCode_name(reply->responseCode));
     else
-        core::log(5, 1, "[SAS] Deregister successfully\n");
+        base::notice_to_syslog("[SAS] Deregister successfully\n");
 }
 
 int32_t parse_deregistration_response(DeregistrationResponse* reply) {

@@ -1,7 +1,7 @@
 #include "sas/grant.h"
 
-#include "core/log.h"
-#include "core/text.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
 #include "sas/reply_reader.h"
@@ -72,7 +72,7 @@ int32_t grant_request(const char* serverUrl, const RegistrationResponse* registr
     if (!body) return -1;
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/grant", serverUrl);
-    core::log(5, 0, "[SAS] URL = %s\n", url);
+    base::notice("[SAS] URL = %s\n", url);
     if (build_grant_body(registration->cbsdId, record, body.get(), kRequestBodyCapacity) ==
         BodyStatus::TooLong)
         return -1;
@@ -89,7 +89,7 @@ int32_t parse_grant_response(GrantResponse* reply) {
         const json_t* data = json_object_get(json_object_get(element, "response"), "responseData");
         const json_t* first = json_array_get(data, 0);
         if (json_is_string(first))
-            core::copy_text(reply->responseData, sizeof reply->responseData,
+            base::copy_text(reply->responseData, sizeof reply->responseData,
                             json_string_value(first));
         return -1;
     }

@@ -1,7 +1,8 @@
 #include "sas/heartbeat.h"
 
 #include "config/uci_store.h"
-#include "core/log.h"
+#include "base/log.h"
+#include "base/utc_time.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
 #include "sas/reply_reader.h"
@@ -17,7 +18,7 @@ namespace cbsd::sas {
 
 bool is_grant_renew_requested() {
     char value[8] = {};
-    config::config_get(config::kSasConfigPath, "operation", "GrantRenew", value, sizeof value);
+    config::config_get(config::kSasConfigPath, config::schema::kOpGrantRenew, value, sizeof value);
     return std::atoi(value) != 0;
 }
 
@@ -46,7 +47,7 @@ int32_t heartbeat_request(const char* serverUrl, const GrantResponse* grant,
     if (!body) return -1;
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/heartbeat", serverUrl);
-    core::log(5, 0, "[SAS] URL = %s\n", url);
+    base::notice("[SAS] URL = %s\n", url);
     if (build_heartbeat_body(grant, record, operationState, grantRenew, body.get(),
                              kRequestBodyCapacity) == BodyStatus::TooLong)
         return -1;
@@ -67,6 +68,15 @@ int32_t parse_heartbeat_response(HeartbeatResponse* reply) {
     copy_reply_text(element, "grantExpireTime", reply->grantExpireTime,
                     sizeof reply->grantExpireTime);
     read_reply_integer(element, "heartbeatInterval", &reply->heartbeatInterval);
+    // A success authorises only up to a deadline it names; without a
+    // readable one it authorises nothing.
+    int64_t deadline = 0;
+    if (!base::parse_utc_time(reply->transmitExpireTime, &deadline)) {
+        base::notice_to_syslog("[SAS] heartbeat success without a valid transmitExpireTime[%s]\n",
+                               reply->transmitExpireTime);
+        reply->responseCode = -1;
+        return -1;
+    }
     return 0;
 }
 

@@ -1,17 +1,20 @@
 // One libcurl transfer per SAS message.  The reply is not handed back to the
 // caller: the write callback keeps the last delivered chunk in a fixed buffer
 // and copies any chunk that carries "Response" to /tmp/sasmsg.json, where the
-// reply parsers read it.  Only the StandAlone worker posts, one exchange at a
-// time, so the process-wide buffer needs no lock.
+// reply parsers read it.  The dump counts only when this exchange wrote it and
+// the SAS answered HTTP 200: an error page or an empty reply must not let the
+// previous exchange's reply be read as this one's.  Only the StandAlone worker
+// posts, one exchange at a time, so the process-wide buffer needs no lock.
 #include "sas/https.h"
 
 #include "config/device_record.h"
-#include "core/log.h"
-#include "sas/certificate_paths.h"
+#include "base/log.h"
+#include "config/certificate_paths.h"
 
 #include <curl/curl.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -21,6 +24,10 @@ namespace {
 
 char g_response[kResponseBufferSize];
 uint32_t g_responseLength = 0;
+// Set when a chunk of the running exchange reached the dump file.
+bool g_dumpWritten = false;
+// False from the start of an exchange until its own 200 reply is in the dump.
+std::atomic<bool> g_dumpFresh{true};
 
 constexpr const char* kResponseMarker = "Response";
 
@@ -36,20 +43,31 @@ bool file_readable(const char* path) {
     return true;
 }
 
-void save_reply_dump(const char* data, size_t length) {
+// True when the whole chunk reached the file; otherwise the dump is not this
+// exchange's reply and the parsers must not take it.
+bool save_reply_dump(const char* data, size_t length) {
     FILE* file = std::fopen(kReplyDumpPath, "w");
-    if (!file) return;  // a missing dump only means the parser reads the previous one
-    std::fwrite(data, 1, length, file);
-    std::fclose(file);
+    if (!file) return false;
+    bool whole = std::fwrite(data, 1, length, file) == length;
+    return std::fclose(file) == 0 && whole;
+}
+
+// Decides after the transfer whether the dump is this exchange's own reply.
+void judge_reply(CURL* curl) {
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    bool fresh = status == 200 && g_dumpWritten;
+    if (!fresh) base::notice("[SAS] HTTP status %ld, no usable reply in this exchange\n", status);
+    g_dumpFresh.store(fresh);
 }
 
 void log_transfer_error(CURLcode result, const char* errorText) {
-    core::log(5, 0, "\n[SAS] libcurl: (%d) ", static_cast<int>(result));
+    base::notice("\n[SAS] libcurl: (%d) ", static_cast<int>(result));
     size_t length = std::strlen(errorText);
     if (length > 0) {
-        core::log(5, 0, "%s%s", errorText, errorText[length - 1] != '\n' ? "\n" : "");
+        base::notice("%s%s", errorText, errorText[length - 1] != '\n' ? "\n" : "");
     } else {
-        core::log(5, 0, "%s\n", curl_easy_strerror(result));
+        base::notice("%s\n", curl_easy_strerror(result));
     }
 }
 
@@ -97,7 +115,7 @@ size_t save_response(char* data, size_t size, size_t count, void* user) {
     g_responseLength = static_cast<uint32_t>(kept);
     // A chunk of exactly the buffer size has no terminator: search by length.
     if (memmem(buffer, kept, kResponseMarker, std::strlen(kResponseMarker)) != nullptr)
-        save_reply_dump(buffer, kept);
+        g_dumpWritten = save_reply_dump(buffer, kept);
     return kept;
 }
 
@@ -110,10 +128,12 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
     curl_slist* headers = nullptr;
     int32_t result = -1;
     if (!curl || !url) {
-        core::log(5, 0, "[SAS] curl[%s], strUrl[%s]\n", curl ? "ok" : "(null)",
+        base::notice("[SAS] curl[%s], strUrl[%s]\n", curl ? "ok" : "(null)",
                   url ? url : "(null)");
     } else {
         std::memset(g_response, 0, sizeof g_response);
+        g_dumpWritten = false;
+        g_dumpFresh.store(false);
         headers = curl_slist_append(nullptr, "Accept: application/json");
         curl_slist* both = headers ? curl_slist_append(headers, "Content-Type: application/json")
                                    : nullptr;
@@ -123,6 +143,7 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
                                  errorText);
             CURLcode code = curl_easy_perform(curl);
             if (code != CURLE_OK) log_transfer_error(code, errorText);
+            else judge_reply(curl);
             result = static_cast<int32_t>(code);
         }
     }
@@ -132,26 +153,28 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
     return result;
 }
 
+bool reply_dump_is_fresh() { return g_dumpFresh.load(); }
+
 int32_t https_post(const char* url, const char* body) {
     CertificatePaths paths;
     std::memset(&paths, 0, sizeof paths);
     config::load_cert_paths(&paths);
 
     if (!file_exists(paths.clientCert)) {
-        core::log(5, 1, "[SAS] client cert file(%s) is not exist.\n", paths.clientCert);
+        base::notice_to_syslog("[SAS] client cert file(%s) is not exist.\n", paths.clientCert);
         return -1;
     }
     if (!file_exists(paths.clientKey)) {
-        core::log(5, 1, "[SAS] client key file(%s) is not exist.\n", paths.clientKey);
+        base::notice_to_syslog("[SAS] client key file(%s) is not exist.\n", paths.clientKey);
         return -1;
     }
     if (!file_exists(paths.serverCA)) {
-        core::log(5, 1, "[SAS] server CA file(%s) is not exist, will not verify server.\n",
+        base::notice_to_syslog("[SAS] server CA file(%s) is not exist, will not verify server.\n",
                   paths.serverCA);
     }
     int32_t result = post_json(url, body, paths.serverCA, paths.clientCert, paths.clientKey,
                                paths.crlFile);
-    core::log(5, 0, "[SAS] https_post() return %d\n", result);
+    base::notice("[SAS] https_post() return %d\n", result);
     return result;
 }
 

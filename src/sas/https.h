@@ -15,6 +15,10 @@ inline constexpr size_t kResponseBufferSize = 20480;
 int32_t https_post(const char* url, const char* body);
 int32_t post_json(const char* url, const char* body, const char* caPath, const char* certPath,
                   const char* keyPath, const char* crlPath);
+// False once an exchange has started and until its own HTTP 200 reply is in
+// the dump: a failed, non-200 or empty exchange leaves the dump stale.  True
+// before the first exchange, so a dump written by other means is read as is.
+bool reply_dump_is_fresh();
 size_t save_response(char* data, size_t size, size_t count, void* user);
 
 }  // namespace cbsd::sas

@@ -1,8 +1,8 @@
 #include "sas/registration.h"
 
 #include "config/accessors.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "sas/cpi_signature.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
@@ -71,12 +71,12 @@ bool cpi_key_exists(const char* keyFileName, char* keyPath, size_t size) {
 bool add_cpi_signature(json_t* registration, const config::DeviceRecord* record,
                        const RegistrationOptions* options) {
     if (options->cpiKeyFileName[0] == '\0') {
-        core::log(3, 1, "[SAS] SAS_CERTNAME is invalid!\n\n");
+        base::error_to_syslog("[SAS] SAS_CERTNAME is invalid!\n\n");
         return false;
     }
     char keyPath[512] = {};
     if (!cpi_key_exists(options->cpiKeyFileName, keyPath, sizeof keyPath)) {
-        core::log(3, 1, "[SAS] %s does not exist!\n\n", keyPath);
+        base::error_to_syslog("[SAS] %s does not exist!\n\n", keyPath);
         return false;
     }
     json_t* data = installation_data(record);
@@ -159,12 +159,12 @@ int32_t build_registration_body(const config::DeviceRecord* record,
 int32_t registeration_request(const char* serverUrl, const config::DeviceRecord* record) {
     std::unique_ptr<char[]> body(new (std::nothrow) char[kRequestBodyCapacity]);
     if (!body) {
-        core::log(3, 0, "[SAS] szPost molloc failed ...\n\n");
+        base::error("[SAS] szPost molloc failed ...\n\n");
         return -1;
     }
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/registration", serverUrl);
-    core::log(5, 0, "[SAS] URL = %s\n", url);
+    base::notice("[SAS] URL = %s\n", url);
 
     RegistrationOptions options{};
     load_registration_options(&options);
@@ -176,7 +176,7 @@ int32_t parse_registration_response(RegistrationResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
     ReplyReadResult read = read_sas_reply("registrationResponse", &sasReply, &reply->responseCode);
-    if (read == kReplyUnreadable) core::log(5, 1, "[SAS] wrong Response from SAS Server!\n\n");
+    if (read == kReplyUnreadable) base::notice_to_syslog("[SAS] wrong Response from SAS Server!\n\n");
     if (read != kReplyRead || reply->responseCode != 0) return -1;
     copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     return 0;

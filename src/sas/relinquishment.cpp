@@ -1,7 +1,7 @@
 #include "sas/relinquishment.h"
 
-#include "core/log.h"
-#include "core/text.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
 #include "sas/reply_reader.h"
@@ -20,8 +20,8 @@ BodyStatus build_relinquishment_body(const char* cbsdId, const char* grantId, ch
                                      size_t capacity) {
     char cbsdIdText[128] = {};
     char grantIdText[128] = {};
-    core::copy_text(cbsdIdText, sizeof cbsdIdText, cbsdId);
-    core::copy_text(grantIdText, sizeof grantIdText, grantId);
+    base::copy_text(cbsdIdText, sizeof cbsdIdText, cbsdId);
+    base::copy_text(grantIdText, sizeof grantIdText, grantId);
 
     json_t* relinquishment = json_object();
     set_text(relinquishment, "cbsdId", cbsdIdText);
@@ -37,7 +37,7 @@ int32_t post_relinquishment(const char* serverUrl, const char* cbsdId, const cha
     if (!body) return -1;
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/relinquishment", serverUrl);
-    core::log(5, 0, "[SAS] URL = %s\n", url);
+    base::notice("[SAS] URL = %s\n", url);
     if (build_relinquishment_body(cbsdId, grantId, body.get(), kShortRequestBodyCapacity) ==
         BodyStatus::TooLong)
         return -1;
@@ -46,9 +46,9 @@ int32_t post_relinquishment(const char* serverUrl, const char* cbsdId, const cha
 
 void relinquishment_request(const char* serverUrl, const char* cbsdId, const char* grantId,
                             RelinquishmentResponse* reply) {
-    core::log(5, 0, "\n[SAS] send relinquishment_request...\n");
+    base::notice("\n[SAS] send relinquishment_request...\n");
     if (post_relinquishment(serverUrl, cbsdId, grantId) != 0) {
-        core::log(5, 0, "[SAS] post relinquishment_request failed\n");
+        base::notice("[SAS] post relinquishment_request failed\n");
         return;
     }
     // The record is cleared and its parser leaves the code at 0, so a reply
@@ -57,10 +57,10 @@ void relinquishment_request(const char* serverUrl, const char* cbsdId, const cha
     std::memset(reply, 0, sizeof *reply);
     parse_relinquishment_response(reply);
     if (reply->responseCode != 0)
-        core::log(5, 1, "[SAS] Relinquish unsuccessfully, responseCode:%d(%s)\n",
+        base::notice_to_syslog("[SAS] Relinquish unsuccessfully, responseCode:%d(%s)\n",
                   reply->responseCode, responseCode_name(reply->responseCode));
     else
-        core::log(5, 1, "[SAS] Relinquish successfully\n");
+        base::notice_to_syslog("[SAS] Relinquish successfully\n");
 }
 
 // Unlike the other parsers this one leaves responseCode as the caller set it.

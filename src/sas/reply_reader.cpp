@@ -1,11 +1,13 @@
 // Reply parsers never see the transport's buffer: they read the dump file that
-// the transport wrote last, which may be a previous exchange's reply.
+// the transport wrote last, and only when the transport says it holds the last
+// exchange's own reply.
 #include "sas/reply_reader.h"
 
-#include "core/log.h"
-#include "core/text.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "sas/https.h"
 
+#include <cstdint>
 #include <cstdlib>
 
 namespace cbsd::sas {
@@ -15,16 +17,28 @@ namespace {
 void log_reply(const json_t* root) {
     char* text = json_dumps(root, JSON_INDENT(2));
     if (text) {
-        core::log(5, 0, "[SAS] %s\n", text);
+        base::notice("[SAS] %s\n", text);
         std::free(text);
     } else {
-        core::log(5, 0, "[SAS] response message is NULL\n");
+        base::notice("[SAS] response message is NULL\n");
     }
+}
+
+// The code must be a JSON integer in range: a missing or mistyped code is no
+// answer, so it can never read as success.
+bool read_response_code(const json_t* element, int32_t* responseCode) {
+    json_t* code = json_object_get(json_object_get(element, "response"), "responseCode");
+    if (!json_is_integer(code)) return false;
+    json_int_t value = json_integer_value(code);
+    if (value < INT32_MIN || value > INT32_MAX) return false;
+    *responseCode = static_cast<int32_t>(value);
+    return true;
 }
 
 }  // namespace
 
 ReplyReadResult read_sas_reply(const char* memberName, SasReply* reply, int32_t* responseCode) {
+    if (!reply_dump_is_fresh()) return kReplyUnreadable;
     json_error_t error;
     reply->root = json_load_file(kReplyDumpPath, 0, &error);
     if (!json_is_object(reply->root)) return kReplyUnreadable;
@@ -33,15 +47,13 @@ ReplyReadResult read_sas_reply(const char* memberName, SasReply* reply, int32_t*
     if (!json_is_array(member)) return kReplyNoMember;
     // One request object per message, so only the first answer counts.
     reply->element = json_array_get(member, 0);
-    json_t* code = json_object_get(json_object_get(reply->element, "response"), "responseCode");
-    *responseCode = static_cast<int32_t>(json_integer_value(code));
-    return kReplyRead;
+    return read_response_code(reply->element, responseCode) ? kReplyRead : kReplyNoCode;
 }
 
 int copy_reply_text(const json_t* object, const char* member, char* field, size_t size) {
     const json_t* value = json_object_get(object, member);
     if (!json_is_string(value)) return 0;
-    core::copy_text(field, size, json_string_value(value));
+    base::copy_text(field, size, json_string_value(value));
     return 1;
 }
 

@@ -25,12 +25,13 @@ enum ReplyReadResult : int32_t {
     kReplyRead = 0,         // element taken, *responseCode set
     kReplyUnreadable = -1,  // no dump file, not JSON, or not a JSON object
     kReplyNoMember = -2,    // the object lacks the member, or it is no array
+    kReplyNoCode = -3,      // element 0 has no integer response.responseCode
 };
 
-// Loads the dump file and logs it re-serialised with indent 2, then takes
-// element 0 of `memberName` (e.g. "grantResponse") and stores
-// response.responseCode there in *responseCode (a missing or non-integer code
-// reads as 0).  *responseCode is left untouched unless the result is
+// Loads the dump file (unreadable when the transport says it is stale) and
+// logs it re-serialised with indent 2, then takes element 0 of `memberName`
+// (e.g. "grantResponse") and stores its integer response.responseCode in
+// *responseCode (a missing, non-integer or out-of-range code is kReplyNoCode).  *responseCode is left untouched unless the result is
 // kReplyRead: setting it to -1 beforehand is the caller's choice.
 ReplyReadResult read_sas_reply(const char* memberName, SasReply* reply, int32_t* responseCode);
 

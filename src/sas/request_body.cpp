@@ -1,6 +1,6 @@
 #include "sas/request_body.h"
 
-#include "core/log.h"
+#include "base/log.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -12,21 +12,21 @@ BodyStatus store_request_body(json_t* root, char* body, size_t capacity) {
     std::memset(body, 0, capacity);
     char* text = root ? json_dumps(root, JSON_INDENT(2)) : nullptr;
     if (!text) {
-        core::log(5, 0, "[SAS] request message is NULL\n");
+        base::notice("[SAS] request message is NULL\n");
         return BodyStatus::Empty;
     }
     size_t length = std::strlen(text);
     if (length >= capacity) {
         // Cutting the text would post invalid JSON; refusing it keeps the
         // SAS from ever seeing half a request.
-        core::log(3, 1, "[SAS] request message too long (%zu bytes, limit %zu), not sent\n", length,
+        base::error_to_syslog("[SAS] request message too long (%zu bytes, limit %zu), not sent\n", length,
                   capacity - 1);
         std::free(text);
         return BodyStatus::TooLong;
     }
     std::memcpy(body, text, length);
     std::free(text);
-    core::log(5, 0, "[SAS] %s\n", body);
+    base::notice("[SAS] %s\n", body);
     return BodyStatus::Stored;
 }
 
@@ -62,7 +62,7 @@ json_t* distinct_meas_report() {
 void set_text(json_t* object, const char* member, const char* text) {
     json_t* value = json_string(text ? text : "");
     if (!value) {
-        core::log(3, 0, "[SAS] %s is not valid UTF-8, sent empty\n", member);
+        base::error("[SAS] %s is not valid UTF-8, sent empty\n", member);
         value = json_string("");
     }
     json_object_set_new(object, member, value);

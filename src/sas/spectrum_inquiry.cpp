@@ -1,6 +1,6 @@
 #include "sas/spectrum_inquiry.h"
 
-#include "core/log.h"
+#include "base/log.h"
 #include "sas/exchanges.h"
 #include "sas/https.h"
 #include "sas/reply_reader.h"
@@ -88,7 +88,7 @@ int32_t spectrumInquiry_request(const char* serverUrl, const RegistrationRespons
     if (!body) return -1;
     char url[128] = {};
     std::snprintf(url, sizeof url, "%s/spectrumInquiry", serverUrl);
-    core::log(5, 0, "[SAS] URL = %s\n", url);
+    base::notice("[SAS] URL = %s\n", url);
     if (build_spectrum_inquiry_body(registration->cbsdId, record, body.get(),
                                     kRequestBodyCapacity) == BodyStatus::TooLong)
         return -1;

@@ -1,8 +1,10 @@
 #include "standalone/expiry.h"
 
-#include "core/command.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "base/files.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/text.h"
+#include "base/utc_time.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,15 +14,12 @@ namespace cbsd::standalone {
 
 namespace {
 
+constexpr const char* kZoneFile = "/etc/TZ";
 constexpr size_t kZoneTextCapacity = 64;
 constexpr size_t kZonePartCapacity = 4;  // at most 3 characters of hours or minutes
 // Accepted POSIX offsets (positive west): -14 h .. +13 h.
 constexpr int32_t kLowestPosixOffset = -50400;
 constexpr int32_t kHighestPosixOffset = 46800;
-
-WallClock wall_clock = nullptr;
-
-time_t now() { return wall_clock ? wall_clock() : time(nullptr); }
 
 bool is_zone_number_char(char c) { return (c >= '0' && c <= '9') || c == '-' || c == ':'; }
 
@@ -43,10 +42,10 @@ int32_t posix_offset_seconds(char* zone) {
     char minutes[kZonePartCapacity] = {};
     if (char* colon = std::strchr(number, ':')) {
         size_t hour_length = static_cast<size_t>(colon - number);
-        if (hour_length >= 1) core::copy_text(hours, std::min(hour_length + 1, sizeof hours), number);
-        core::copy_text(minutes, sizeof minutes, colon + 1);
+        if (hour_length >= 1) base::copy_text(hours, std::min(hour_length + 1, sizeof hours), number);
+        base::copy_text(minutes, sizeof minutes, colon + 1);
     } else {
-        core::copy_text(hours, sizeof hours, number);
+        base::copy_text(hours, sizeof hours, number);
     }
 
     int32_t value = std::atoi(hours) * 3600;
@@ -59,13 +58,11 @@ int32_t posix_offset_seconds(char* zone) {
 
 }  // namespace
 
-void set_wall_clock(WallClock clock) { wall_clock = clock; }
-
 int32_t tz_offset_seconds() {
     char zone[kZoneTextCapacity] = {};
-    core::run_command("cat /etc/TZ", zone, sizeof zone);
+    base::read_text_file(kZoneFile, zone, sizeof zone);
     if (zone[0] == '\0') {
-        core::log(5, 0, "TZ No value.\n");
+        base::notice("TZ No value.\n");
         return 0;
     }
     int32_t value = posix_offset_seconds(zone);
@@ -75,13 +72,14 @@ int32_t tz_offset_seconds() {
 
 int is_time_expired(const char* text, int32_t offsetSeconds) {
     if (!text || text[0] == '\0') return 0;
-    struct tm broken_down{};
-    broken_down.tm_isdst = 0;
-    // An unparsable text leaves a partly filled time; it is used as it is.
-    (void)strptime(text, "%Y-%m-%dT%H:%M:%SZ", &broken_down);
-    time_t instant = mktime(&broken_down) + tz_offset_seconds();
-    if (instant < 1) return 0;
-    return difftime(instant + offsetSeconds, now()) < 0 ? 1 : 0;
+    // An unparsable text is not a deadline here; the transmit guard holds
+    // only deadlines that parsed, so it cannot keep a gate open.
+    int64_t instant = 0;
+    // The zone is still read, for its "TZ No value." line when it is missing;
+    // the instant itself no longer depends on it.
+    (void)tz_offset_seconds();
+    if (!base::parse_utc_time(text, &instant) || instant < 1) return 0;
+    return instant + offsetSeconds < static_cast<int64_t>(base::wall_seconds()) ? 1 : 0;
 }
 
 }  // namespace cbsd::standalone

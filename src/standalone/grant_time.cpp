@@ -1,7 +1,7 @@
 #include "standalone/grant_time.h"
 
 #include "config/uci_store.h"
-#include "core/log.h"
+#include "base/log.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -12,13 +12,13 @@ namespace {
 
 constexpr size_t kTimeTextCapacity = 64;
 
-void get_time_option(const char* section, const char* option, const char* missing_line,
+void get_time_option(config::UciName name, const char* missing_line,
                      char* buffer, int size) {
     if (!buffer || size <= 0) return;
     std::memset(buffer, 0, static_cast<size_t>(size));
     char value[kTimeTextCapacity] = {};
-    if (!config::config_get(config::kSasConfigPath, section, option, value, sizeof value)) {
-        core::log(5, 0, "%s", missing_line);
+    if (!config::config_get(config::kSasConfigPath, name, value, sizeof value)) {
+        base::notice("%s", missing_line);
         return;
     }
     std::strncpy(buffer, value, static_cast<size_t>(size));
@@ -28,34 +28,34 @@ void get_time_option(const char* section, const char* option, const char* missin
 }  // namespace
 
 void get_transmit_expire_time(char* buffer, int size) {
-    get_time_option("sasConfig", "transmitExpireTime", "[SAS] transmitExpireTime No value.\n",
+    get_time_option(config::schema::kSasTransmitExpireTime, "[SAS] transmitExpireTime No value.\n",
                     buffer, size);
 }
 
 void get_grant_expire_time(char* buffer, int size) {
-    get_time_option("sasConfig", "grantExpireTime", "[SAS] grantExpireTime No value.\n", buffer,
+    get_time_option(config::schema::kSasGrantExpireTime, "[SAS] grantExpireTime No value.\n", buffer,
                     size);
 }
 
 unsigned set_transmit_expire_time(const char* text) {
-    return config::config_set(config::kSasConfigPath, "sasConfig", "transmitExpireTime", text);
+    return config::config_set(config::kSasConfigPath, config::schema::kSasTransmitExpireTime, text);
 }
 
 unsigned set_grant_expire_time(const char* text) {
-    return config::config_set(config::kSasConfigPath, "sasConfig", "grantExpireTime", text);
+    return config::config_set(config::kSasConfigPath, config::schema::kSasGrantExpireTime, text);
 }
 
 unsigned set_grant_renew(const char* text) {
-    return config::config_set(config::kSasConfigPath, "operation", "GrantRenew", text);
+    return config::config_set(config::kSasConfigPath, config::schema::kOpGrantRenew, text);
 }
 
 unsigned set_power_spectral_density(const char* text) {
-    return config::config_set(config::kSasConfigPath, "sasConfig", "powerSpectralDensity", text);
+    return config::config_set(config::kSasConfigPath, config::schema::kSasPowerSpectralDensity, text);
 }
 
 int get_grant_renew() {
     char value[8] = {};
-    config::config_get(config::kSasConfigPath, "operation", "GrantRenew", value, sizeof value);
+    config::config_get(config::kSasConfigPath, config::schema::kOpGrantRenew, value, sizeof value);
     return std::atoi(value);
 }
 

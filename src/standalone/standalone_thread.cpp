@@ -2,11 +2,12 @@
 
 #include "config/accessors.h"
 #include "config/device_record.h"
-#include "core/cbsd_state.h"
-#include "core/log.h"
-#include "core/settings.h"
-#include "core/text.h"
-#include "core/worker_control.h"
+#include "base/cbsd_state.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/settings.h"
+#include "base/text.h"
+#include "standalone/worker_control.h"
 #include "modem/modem.h"
 #include "sas/exchanges.h"
 #include "sas/replies.h"
@@ -14,6 +15,8 @@
 #include "standalone/expiry.h"
 #include "standalone/grant_time.h"
 #include "standalone/oper_timer.h"
+#include "standalone/transmit_deadline.h"
+#include "base/utc_time.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,19 +38,6 @@ constexpr int32_t kTransmitGraceSeconds = 30;
 // The grant is renewed within its last two hours.
 constexpr int32_t kRenewalWindowOffset = -7200;
 
-PassClock pass_clock{nullptr, nullptr};
-
-uint32_t now_seconds() {
-    return pass_clock.monotonic_seconds ? pass_clock.monotonic_seconds() : core::monotonic_seconds();
-}
-
-void sleep_for(unsigned seconds) {
-    if (pass_clock.sleep_seconds)
-        pass_clock.sleep_seconds(seconds);
-    else
-        sleep(seconds);
-}
-
 // The message records; later requests are built from the replies kept here.
 struct Records {
     std::unique_ptr<config::DeviceRecord> device;
@@ -64,7 +54,7 @@ struct Records {
 template <typename T>
 bool allocate(std::unique_ptr<T>& slot, const char* failure_line) {
     slot.reset(new (std::nothrow) T());
-    if (!slot) core::log(3, 1, "%s", failure_line);
+    if (!slot) base::error_to_syslog("%s", failure_line);
     return slot != nullptr;
 }
 
@@ -87,17 +77,51 @@ struct Worker {
     OperTimer operTimer{};
     uint32_t heartbeatInterval = kDefaultHeartbeatInterval;
     bool lastLteConnected = true;
+    // Refusals answered by starting over, since the last heartbeat success.
+    uint32_t refusals = 0;
+    // The transmit time whose expiry was acted on, until the next success.
+    char expiredTransmit[32] = {};
     Records records;
 };
 
 bool status_is(const Worker& w, uint32_t state) {
-    return std::strcmp(w.status, core::cbsd_state_name(state)) == 0;
+    return std::strcmp(w.status, base::cbsd_state_name(state)) == 0;
 }
 
-void write_status(uint32_t state) { config::set_status(core::cbsd_state_name(state)); }
+void write_status(uint32_t state) { config::set_status(base::cbsd_state_name(state)); }
+
+// The deadline goes before the flag: whoever reads RadioEnable "0" may close
+// at once, and the gates must not outlive the authorisation either way.
+void withdraw_radio() {
+    drop_transmit_deadline();
+    config::set_radio_enable("0");
+}
+
+// The deadline is held before RadioEnable "1" is written, so that the loop
+// finds it when it opens.  The parser accepted only a parseable time.
+void hold_deadline_of(const sas::HeartbeatResponse* reply) {
+    int64_t expire = 0;
+    if (!base::parse_utc_time(reply->transmitExpireTime, &expire)) return;
+    hold_transmit_deadline(transmit_deadline_from(expire, base::wall_seconds(),
+                                                  base::monotonic_ms64(),
+                                                  max_transmit_lead_seconds()));
+}
+
+// A refusal that the procedure answers by starting over at once.  The first
+// of a streak keeps that; a repeated one waits like a transport failure, on
+// a step of the schedule that grows with the streak, so a SAS that refuses
+// every time is not asked in a tight loop.  A heartbeat success ends the streak.
+void start_over_after_refusal(Worker& w) {
+    if (++w.refusals <= 1) {
+        oper_timer_reset(&w.operTimer);
+        return;
+    }
+    oper_timer_start(&w.operTimer, RESPONSE_ERROR);
+    w.operTimer.count = w.refusals - 2;  // the schedule adds one before it looks
+}
 
 void log_refusal(const char* exchange, int32_t code) {
-    core::log(5, 1, "[SAS] %s unsuccessfully, responseCode:%d(%s)\n", exchange, code,
+    base::notice_to_syslog("[SAS] %s unsuccessfully, responseCode:%d(%s)\n", exchange, code,
               sas::responseCode_name(code));
 }
 
@@ -112,9 +136,13 @@ void deregister(Worker& w) {
 void check_transmit_expiry(Worker& w) {
     get_transmit_expire_time(w.timeText, sizeof w.timeText);
     if (!is_time_expired(w.timeText, kTransmitGraceSeconds)) return;
-    core::log(5, 1, "[SAS] transmitExpireTime[%s] is expired.\n", w.timeText);
-    if (status_is(w, core::kAuthorized)) write_status(core::kGranted);
-    config::set_radio_enable("0");
+    // One event per expired time: when the store could not clear it, later
+    // passes must not start over, and heartbeat, again and again.
+    if (std::strcmp(w.timeText, w.expiredTransmit) == 0) return;
+    base::copy_text(w.expiredTransmit, sizeof w.expiredTransmit, w.timeText);
+    base::notice_to_syslog("[SAS] transmitExpireTime[%s] is expired.\n", w.timeText);
+    if (status_is(w, base::kAuthorized)) write_status(base::kGranted);
+    withdraw_radio();
     set_transmit_expire_time("");
     oper_timer_reset(&w.operTimer);
 }
@@ -122,9 +150,9 @@ void check_transmit_expiry(Worker& w) {
 void check_grant_expiry(Worker& w) {
     get_grant_expire_time(w.timeText, sizeof w.timeText);
     if (is_time_expired(w.timeText, 0)) {
-        core::log(5, 1, "[SAS] grantExpireTime[%s] is expired.\n", w.timeText);
-        write_status(core::kRegistered);
-        config::set_radio_enable("0");
+        base::notice_to_syslog("[SAS] grantExpireTime[%s] is expired.\n", w.timeText);
+        write_status(base::kRegistered);
+        withdraw_radio();
         set_grant_expire_time("");
         oper_timer_reset(&w.operTimer);
     } else if (is_time_expired(w.timeText, kRenewalWindowOffset)) {
@@ -134,8 +162,8 @@ void check_grant_expiry(Worker& w) {
 
 void print_timer_line(const Worker& w) {
     const OperTimer& t = w.operTimer;
-    uint32_t current = now_seconds();
-    uint32_t wait = t.secTime - now_seconds();  // unsigned: a past secTime prints huge
+    uint32_t current = base::monotonic_seconds();
+    uint32_t wait = t.secTime - base::monotonic_seconds();  // unsigned: a past secTime prints huge
     std::printf(
         "===>operTimer: enable=%d, timerType=%d(%s), count=%d, secTime=%lu, curTickTime=%lu, "
         "waitTime=%lus\n",
@@ -155,13 +183,13 @@ void watch_connectivity(Worker& w) {
 }
 
 void register_device(Worker& w) {
-    core::log(5, 0, "\n[SAS] send registeration_request...\n");
+    base::notice("\n[SAS] send registeration_request...\n");
     config::DeviceRecord* device = w.records.device.get();
     *device = config::DeviceRecord{};
     config::load_device_record(device);
     int32_t result = sas::registeration_request(w.serverUrl, device);
     if (result != 0) {
-        core::log(5, 0, "[SAS] failed to do registeration_request()\n");
+        base::notice("[SAS] failed to do registeration_request()\n");
         oper_timer_start(&w.operTimer, timer_type_from_post_result(result));
         return;
     }
@@ -173,9 +201,9 @@ void register_device(Worker& w) {
         oper_timer_start(&w.operTimer, RESPONSE_ERROR);
         return;
     }
-    core::log(5, 1, "[SAS] Register successfully\n");
-    core::copy_text(w.cbsdId, sizeof w.cbsdId, reply->cbsdId);
-    write_status(core::kRegistered);
+    base::notice_to_syslog("[SAS] Register successfully\n");
+    base::copy_text(w.cbsdId, sizeof w.cbsdId, reply->cbsdId);
+    write_status(base::kRegistered);
     oper_timer_reset(&w.operTimer);
 }
 
@@ -188,11 +216,11 @@ void apply_inquiry_power_cap(config::DeviceRecord* device, int32_t maxEirp) {
 
 // Returns true when the grant may be asked for in this pass.
 bool inquire_spectrum(Worker& w) {
-    core::log(5, 0, "\n[SAS] send spectrumInquiry_request...\n");
+    base::notice("\n[SAS] send spectrumInquiry_request...\n");
     int32_t result = sas::spectrumInquiry_request(w.serverUrl, w.records.registration.get(),
                                                   w.records.device.get());
     if (result != 0) {
-        core::log(5, 0, "[SAS] failed to do spectrumInquiry_request()\n");
+        base::notice("[SAS] failed to do spectrumInquiry_request()\n");
         oper_timer_start(&w.operTimer, timer_type_from_post_result(result));
         return false;
     }
@@ -200,7 +228,7 @@ bool inquire_spectrum(Worker& w) {
     *reply = sas::SpectrumInquiryResponse{};
     sas::parse_spectrum_inquiry_response(reply);
     if (reply->responseCode == 0) {
-        core::log(5, 1, "[SAS] SpectrumInquiry successfully\n");
+        base::notice_to_syslog("[SAS] SpectrumInquiry successfully\n");
         apply_inquiry_power_cap(w.records.device.get(), reply->maxEirp);
         oper_timer_reset(&w.operTimer);
         return true;
@@ -208,8 +236,8 @@ bool inquire_spectrum(Worker& w) {
     log_refusal("SpectrumInquiry", reply->responseCode);
     if (reply->responseCode == 105) {
         deregister(w);
-        write_status(core::kUnregistered);
-        oper_timer_reset(&w.operTimer);
+        write_status(base::kUnregistered);
+        start_over_after_refusal(w);
     } else {
         *reply = sas::SpectrumInquiryResponse{};  // so that the next attempt asks again
         oper_timer_start(&w.operTimer, RESPONSE_ERROR);
@@ -218,11 +246,11 @@ bool inquire_spectrum(Worker& w) {
 }
 
 void request_grant(Worker& w) {
-    core::log(5, 0, "\n[SAS] send grant_request...\n");
+    base::notice("\n[SAS] send grant_request...\n");
     config::DeviceRecord* device = w.records.device.get();
     int32_t result = sas::grant_request(w.serverUrl, w.records.registration.get(), device);
     if (result != 0) {
-        core::log(5, 0, "[SAS] failed to do grant_request()\n");
+        base::notice("[SAS] failed to do grant_request()\n");
         oper_timer_start(&w.operTimer, timer_type_from_post_result(result));
         return;
     }
@@ -231,30 +259,30 @@ void request_grant(Worker& w) {
     sas::parse_grant_response(reply);
     switch (reply->responseCode) {
         case 0:
-            core::log(5, 1, "[SAS] Grant successfully\n");
-            core::copy_text(w.grantId, sizeof w.grantId, reply->grantId);
+            base::notice_to_syslog("[SAS] Grant successfully\n");
+            base::copy_text(w.grantId, sizeof w.grantId, reply->grantId);
             set_grant_expire_time(reply->grantExpireTime);
             w.heartbeatInterval = reply->heartbeatInterval >= 1
                                       ? static_cast<uint32_t>(reply->heartbeatInterval)
                                       : kDefaultHeartbeatInterval;
             set_grant_renew("0");
-            write_status(core::kGranted);
+            write_status(base::kGranted);
             set_power_spectral_density(device->maxEirp);
             oper_timer_reset(&w.operTimer);
             return;
         case 105:
             log_refusal("Grant", reply->responseCode);
             deregister(w);
-            write_status(core::kUnregistered);
-            oper_timer_reset(&w.operTimer);
+            write_status(base::kUnregistered);
+            start_over_after_refusal(w);
             return;
         case 401:
             // The SAS names the conflicting grant; drop it and ask again at once.
             log_refusal("Grant", reply->responseCode);
             sas::relinquishment_request(w.serverUrl, w.cbsdId, reply->responseData,
                                         w.records.relinquishment.get());
-            write_status(core::kRegistered);
-            oper_timer_reset(&w.operTimer);
+            write_status(base::kRegistered);
+            start_over_after_refusal(w);
             return;
         default:
             log_refusal("Grant", reply->responseCode);
@@ -271,7 +299,8 @@ void run_registered(Worker& w) {
 }
 
 void on_heartbeat_success(Worker& w, const sas::HeartbeatResponse* reply) {
-    write_status(core::kAuthorized);
+    write_status(base::kAuthorized);
+    hold_deadline_of(reply);
     config::set_radio_enable("1");
     set_transmit_expire_time(reply->transmitExpireTime);
     if (reply->grantExpireTime[0] != '\0') {
@@ -280,17 +309,19 @@ void on_heartbeat_success(Worker& w, const sas::HeartbeatResponse* reply) {
     }
     if (reply->heartbeatInterval >= 1)
         w.heartbeatInterval = static_cast<uint32_t>(reply->heartbeatInterval);
+    w.refusals = 0;
+    w.expiredTransmit[0] = '\0';
     oper_timer_start(&w.operTimer, HEART_BEAT_SUCCESS);
 }
 
 // Sends the heartbeat and, when a reply arrived, reads it into the heartbeat
 // record.  Returns the transport result.
 int32_t send_heartbeat(Worker& w, const char* operationState) {
-    core::log(5, 0, "\n[SAS] send heartbeat_request(%s)...\n", operationState);
+    base::notice("\n[SAS] send heartbeat_request(%s)...\n", operationState);
     int32_t result = sas::heartbeat_request(w.serverUrl, w.records.grant.get(),
                                             w.records.device.get(), operationState);
     if (result != 0) {
-        core::log(5, 0, "[SAS] failed to do heartbeat_request(%s)\n", operationState);
+        base::notice("[SAS] failed to do heartbeat_request(%s)\n", operationState);
         return result;
     }
     *w.records.heartbeat = sas::HeartbeatResponse{};
@@ -307,7 +338,7 @@ void run_granted(Worker& w) {
     const sas::HeartbeatResponse* reply = w.records.heartbeat.get();
     int32_t code = reply->responseCode;
     if (code == 0) {
-        core::log(5, 1, "[SAS] Heartbeat successfully\n");
+        base::notice_to_syslog("[SAS] Heartbeat successfully\n");
         on_heartbeat_success(w, reply);
         return;
     }
@@ -315,12 +346,12 @@ void run_granted(Worker& w) {
     if (code == 105) {
         relinquish(w);
         deregister(w);
-        write_status(core::kUnregistered);
-        oper_timer_reset(&w.operTimer);
+        write_status(base::kUnregistered);
+        start_over_after_refusal(w);
     } else if (code == 500 || code == 502) {
         relinquish(w);
-        write_status(core::kRegistered);
-        oper_timer_reset(&w.operTimer);
+        write_status(base::kRegistered);
+        start_over_after_refusal(w);
     } else if (code == 501) {
         oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
     } else {
@@ -337,7 +368,7 @@ void run_authorized(Worker& w) {
     const sas::HeartbeatResponse* reply = w.records.heartbeat.get();
     int32_t code = reply->responseCode;
     if (code == 0) {
-        core::log(5, 0, "[SAS] Heartbeat successfully\n");
+        base::notice("[SAS] Heartbeat successfully\n");
         on_heartbeat_success(w, reply);
         return;
     }
@@ -346,74 +377,75 @@ void run_authorized(Worker& w) {
         case 105:
             relinquish(w);
             deregister(w);
-            write_status(core::kUnregistered);
-            oper_timer_reset(&w.operTimer);
+            write_status(base::kUnregistered);
+            start_over_after_refusal(w);
             break;
         case 500:
             // RadioEnable stays as it is here; only 502 withdraws it.
             relinquish(w);
-            write_status(core::kRegistered);
-            oper_timer_reset(&w.operTimer);
+            write_status(base::kRegistered);
+            start_over_after_refusal(w);
             break;
         case 501:
-            write_status(core::kGranted);
+            write_status(base::kGranted);
             oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
             break;
         case 502:
             relinquish(w);
-            config::set_radio_enable("0");
-            write_status(core::kRegistered);
-            oper_timer_reset(&w.operTimer);
+            withdraw_radio();
+            write_status(base::kRegistered);
+            start_over_after_refusal(w);
             break;
         default:
             // Back to Granted with the count kept: the GRANTED heartbeat goes out at once.
-            config::set_radio_enable("0");
-            write_status(core::kGranted);
+            withdraw_radio();
+            write_status(base::kGranted);
             w.operTimer.enable = 0;
             break;
     }
 }
 
 void dispatch(Worker& w) {
-    if (status_is(w, core::kUnregistered))
+    if (status_is(w, base::kUnregistered))
         register_device(w);
-    else if (status_is(w, core::kRegistered))
+    else if (status_is(w, base::kRegistered))
         run_registered(w);
-    else if (status_is(w, core::kGranted))
+    else if (status_is(w, base::kGranted))
         run_granted(w);
-    else if (status_is(w, core::kAuthorized))
+    else if (status_is(w, base::kAuthorized))
         run_authorized(w);
     // Any other status sends nothing; the next pass reads it again.
 }
 
 void stop(Worker& w) {
-    if (status_is(w, core::kGranted) || status_is(w, core::kAuthorized)) {
+    if (status_is(w, base::kGranted) || status_is(w, base::kAuthorized)) {
         relinquish(w);
         deregister(w);
-    } else if (status_is(w, core::kRegistered)) {
+    } else if (status_is(w, base::kRegistered)) {
         deregister(w);
     }
-    core::log(5, 1, "[SAS] standalone_thread exit.\n");
+    drop_transmit_deadline();
+    base::notice_to_syslog("[SAS] standalone_thread exit.\n");
 }
 
 // One pass; false once the thread is to end.
 bool run_pass(Worker& w) {
     std::memset(w.status, 0, sizeof w.status);
     config::get_status(w.status, sizeof w.status);
-    if (core::worker_running.load() == 0) {
+    if (standalone::worker_running.load() == 0) {
         stop(w);
         return false;
     }
     check_transmit_expiry(w);
     check_grant_expiry(w);
-    if (core::settings().debug) print_timer_line(w);
-    if (oper_timer_waiting(&w.operTimer, now_seconds())) {
+    if (base::settings().debug) print_timer_line(w);
+    if (oper_timer_waiting(&w.operTimer, base::monotonic_seconds())) {
         watch_connectivity(w);
-        sleep_for(1);
+        base::sleep_seconds(1);
         return true;
     }
     dispatch(w);
-    if (w.operTimer.enable) oper_timer_schedule(&w.operTimer, now_seconds(), w.heartbeatInterval);
+    if (w.operTimer.enable) oper_timer_schedule(&w.operTimer, base::monotonic_seconds(), w.heartbeatInterval);
     return true;
 }
 
@@ -421,17 +453,17 @@ bool run_pass(Worker& w) {
 
 std::atomic<uint8_t> thread_entered{0};
 
-void set_pass_clock(const PassClock& clock) { pass_clock = clock; }
 
 int standalone_thread() {
-    core::worker_running.store(1);
+    standalone::worker_running.store(1);
+    drop_transmit_deadline();  // a new worker holds no authorisation yet
     thread_entered.store(1);
-    core::log(5, 0, "[SAS] standalone_thread is running.\n");
+    base::notice("[SAS] standalone_thread is running.\n");
     Worker worker;
     config::get_server_address(worker.serverUrl, sizeof worker.serverUrl);
     if (worker.serverUrl[0] == '\0') {
-        core::log(5, 1, "[SAS] sas server URL is invalid.\n");
-        core::log(5, 1, "[SAS] standalone_thread exit.\n");
+        base::notice_to_syslog("[SAS] sas server URL is invalid.\n");
+        base::notice_to_syslog("[SAS] standalone_thread exit.\n");
         return 0;
     }
     if (!allocate_records(worker.records)) return 0;

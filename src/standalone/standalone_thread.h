@@ -15,13 +15,4 @@ int standalone_thread();
 // own first step (the joining stopper would then wait forever).
 extern std::atomic<uint8_t> thread_entered;
 
-// The clock the thread paces itself with.  Tests replace it before starting
-// the thread so that passes can be driven without real waiting; nullptr
-// members fall back to the monotonic clock and sleep().
-struct PassClock {
-    uint32_t (*monotonic_seconds)();
-    void (*sleep_seconds)(unsigned seconds);
-};
-void set_pass_clock(const PassClock& clock);
-
 }  // namespace cbsd::standalone

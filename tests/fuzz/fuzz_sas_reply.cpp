@@ -2,7 +2,7 @@
 // the shared reply reading, as every reply parser uses it.  The process first
 // moves into a private mount namespace with its own /tmp and /root, so the
 // dump file and the log never touch the host's.
-#include "core/settings.h"
+#include "base/settings.h"
 #include "sas/https.h"
 #include "sas/reply_reader.h"
 #include "reply_fuzz_support.h"
@@ -27,7 +27,7 @@ const char* const kMembers[] = {"registrationResponse",   "spectrumInquiryRespon
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     cbsd::fuzz::enter_private_tmp();
     mkdir("/root/sas", 0755);
-    cbsd::core::settings().logLevel = 2;  // keep the fuzzer off the log file
+    cbsd::base::settings().logLevel = 2;  // keep the fuzzer off the log file
     return 0;
 }
 

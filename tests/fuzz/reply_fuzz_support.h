@@ -4,7 +4,7 @@
 // /root, so parallel targets and the host never share those files.
 #pragma once
 
-#include "core/settings.h"
+#include "base/settings.h"
 #include "support/private_dirs.h"
 
 #include <sched.h>
@@ -39,7 +39,7 @@ inline void enter_private_tmp() {
 // and goes to the private log file; with no `logger` on PATH the system-log
 // copy fails at once instead of starting a process per input.
 inline void quiet_logging() {
-    core::settings().debug = 0;
+    base::settings().debug = 0;
     setenv("PATH", "/nonexistent", 1);
 }
 

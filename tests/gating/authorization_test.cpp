@@ -1,7 +1,7 @@
 #include "gating/authorization.h"
 
 #include "config/uci_store.h"
-#include "core/cbsd_state.h"
+#include "base/cbsd_state.h"
 #include "gating/gates.h"
 #include "gating_fixture.h"
 
@@ -152,7 +152,7 @@ TEST_F(AuthorizationTest, ClearCbsdStateResetsThePublishedState) {
     gating::clear_cbsd_state();
     EXPECT_EQ(sas_option("sasConfig", "RadioEnable"), "0");
     EXPECT_EQ(sas_option("operation", "status"), "Unregistered");
-    EXPECT_EQ(sas_option("operation", "status"), core::cbsd_state_name(core::kUnregistered));
+    EXPECT_EQ(sas_option("operation", "status"), base::cbsd_state_name(base::kUnregistered));
     // An empty value removes the option, as the router's UCI library does.
     EXPECT_EQ(sas_option("sasConfig", "powerSpectralDensity"), "");
     EXPECT_EQ(read_file("/etc/config/sas").find("'20'"), std::string::npos);

@@ -249,15 +249,29 @@ TEST_F(BridgeGate, OnlyTheEthernetRuleCountsWhenBothVlansExist) {
     EXPECT_THAT(bridge_rules(), ElementsAre(kUsbRule, kEthRule, kUsbRule));
 }
 
-TEST_F(BridgeGate, RulesAreRecognisedOnlyInTheRoutersListingFormat) {
+TEST_F(BridgeGate, RulesAreRecognisedInBothListingForms) {
     add_interface("eth1.112", "lab0");
     shell("ebtables -A BRIDGE_FORWARD -o eth1.112+ -j DROP");
     EXPECT_FALSE(gating::is_bridge_forward_open());
-    // The host's ebtables lists the rule without the trailing blank: the
-    // whole-line match no longer sees it.
+    // ebtables-nft itself lists the rule without the legacy trailing blank.
     std::string saved = std::getenv("PATH");
     setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
+    EXPECT_FALSE(gating::is_bridge_forward_open());
+    gating::set_bridge_forward(true);
     EXPECT_TRUE(gating::is_bridge_forward_open());
+    gating::set_bridge_forward(false);
+    gating::set_bridge_forward(false);
+    setenv("PATH", saved.c_str(), 1);
+    EXPECT_THAT(bridge_rules(), ElementsAre(kEthRule));
+}
+
+TEST_F(BridgeGate, AMissingListingToolCountsAsNoRule) {
+    add_interface("eth1.112", "lab0");
+    shell("ebtables -A BRIDGE_FORWARD -o eth1.112+ -j DROP");
+    std::string saved = std::getenv("PATH");
+    setenv("PATH", "/nonexistent", 1);
+    EXPECT_TRUE(gating::is_bridge_forward_open());
+    EXPECT_TRUE(gating::is_firewall_icmp_open());
     setenv("PATH", saved.c_str(), 1);
 }
 
@@ -305,3 +319,37 @@ TEST_F(BridgeGate, ClearEndsWhenTheChainIsMissing) {
 }
 
 }  // namespace
+
+namespace {
+
+// Runs body with a fake `name` first on PATH that prints output and exits
+// with status, as a failing firewall tool would.
+template <typename Body>
+void with_failing_tool(const char* name, const std::string& output, int status, Body body) {
+    shell("mkdir -p /tmp/fakebin");
+    write_file(std::string("/tmp/fakebin/") + name,
+               "#!/bin/sh\nprintf '%b' '" + output + "'\necho simulated failure >&2\nexit " +
+                   std::to_string(status) + "\n");
+    shell(std::string("chmod +x /tmp/fakebin/") + name);
+    std::string saved = std::getenv("PATH");
+    setenv("PATH", ("/tmp/fakebin:" + saved).c_str(), 1);
+    body();
+    setenv("PATH", saved.c_str(), 1);
+    shell("rm -rf /tmp/fakebin");
+}
+
+}  // namespace
+
+// The replaced pipelines ignored the tool's exit status and read what it printed.
+TEST_F(BridgeGate, AFailingListingToolIsReadLikeThePipelineDid) {
+    add_interface("eth1.112", "lab0");
+    with_failing_tool("ebtables", "-o eth1.112+ -j DROP\\n", 1,
+                      [] { EXPECT_FALSE(gating::is_bridge_forward_open()); });
+    with_failing_tool("ebtables", "", 1, [] { EXPECT_TRUE(gating::is_bridge_forward_open()); });
+}
+
+TEST_F(IcmpGate, AFailingListingToolIsReadLikeThePipelineDid) {
+    with_failing_tool("iptables", "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP\\n", 4,
+                      [] { EXPECT_FALSE(gating::is_firewall_icmp_open()); });
+    with_failing_tool("iptables", "", 4, [] { EXPECT_TRUE(gating::is_firewall_icmp_open()); });
+}

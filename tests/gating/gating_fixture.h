@@ -6,7 +6,7 @@
 #pragma once
 
 #include "config/uci_store.h"
-#include "core/settings.h"
+#include "base/settings.h"
 #include "gating/gates.h"
 #include "support/test_util.h"
 
@@ -55,7 +55,7 @@ protected:
               "echo 0 > /proc/sys/net/ipv4/ip_forward;"
               "echo 0 > /proc/sys/net/ipv6/conf/all/forwarding;"
               "rm -rf /root/sas /etc/lab/syslog.jsonl; mkdir -p /root/sas /etc/lab");
-        core::settings().logLevel = 7;
+        base::settings().logLevel = 7;
         gating::reset_runtime_cache();
     }
 

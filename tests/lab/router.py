@@ -24,6 +24,11 @@ REPO_DIR = os.path.dirname(os.path.dirname(LAB_DIR))
 HOLDER = os.path.join(LAB_DIR, "holder.py")
 
 DEFAULT_INTERFACES = ("eth1.112", "usb0.112", "br-lan")
+# Firewall flavours: "legacy" lists ebtables rules with the legacy trailing
+# blank (the stand-in in tests/lab/bin adds it), "ebtables-nft" lists them as
+# ebtables-nft does.  $CBSD_LAB_FLAVOUR chooses the default.
+FLAVOURS = ("legacy", "ebtables-nft")
+FLAVOUR_FILE = "/etc/lab/flavour"
 # Per-router tool overrides (failing or missing tools) come first on PATH.
 OVERRIDE_DIR = "/etc/lab/bin"
 MODEM_STATE = "/etc/lab/modem.json"
@@ -35,7 +40,7 @@ ROUTER_PATH = (f"{OVERRIDE_DIR}:{STANDIN_DIR}:/usr/local/sbin:/usr/local/bin:/us
                "/usr/bin:/sbin:/bin")
 
 DEFAULT_MODEM = {
-    "manufacturer": "Quectel",
+    "manufacturer": "Larkspur Modules",
     "productmodule": "RQ5518L-M2",
     "SN": "LAB0000001",
     "imei": "860000000000001",
@@ -68,8 +73,11 @@ class VirtualRouter:
     """One virtual router; use it as a context manager (or call close())."""
 
     def __init__(self, interfaces=DEFAULT_INTERFACES, modem=None, tz="UTC0", sas_config=None,
-                 provision_certs=None, bridge_chain=True, cbsd_bin=None):
+                 provision_certs=None, bridge_chain=True, cbsd_bin=None, flavour=None):
         self.interfaces = tuple(interfaces)
+        self.flavour = flavour or os.environ.get("CBSD_LAB_FLAVOUR") or "legacy"
+        if self.flavour not in FLAVOURS:
+            raise RouterError(f"unknown firewall flavour {self.flavour!r}")
         self.tz = tz
         self.cbsd_bin = os.path.abspath(cbsd_bin) if cbsd_bin else daemon_binary()
         self._workdir = tempfile.mkdtemp(prefix="cbsd-lab-")
@@ -79,6 +87,7 @@ class VirtualRouter:
         self._spawned = []
         try:
             self._start(bridge_chain)
+            self.write_file(FLAVOUR_FILE, self.flavour + "\n")
             self.write_file("/etc/TZ", tz + "\n")
             self._write_modem(dict(DEFAULT_MODEM) if modem is None else dict(modem))
             if sas_config is not None:
@@ -254,7 +263,8 @@ class VirtualRouter:
     def set_modem(self, **fields):
         """Changes modem members (None removes one from the replies).  Special
         members: raw={method: bytes or text} prints exactly those bytes;
-        fail=True or [methods] makes `ubus` fail (fail_status, default 4)."""
+        fail=True or [methods] makes `ubus` fail (fail_status, default 4);
+        hang=True or [methods] makes it never answer (see hung_pid("ubus"))."""
         state = self.modem_state()
         for name, value in fields.items():
             if name == "raw" and value is not None:
@@ -371,6 +381,19 @@ class VirtualRouter:
                         "#!/bin/sh\n"
                         f"printf '%s\\n' {_sh_quote(text)} >&2\n"
                         f"exit {int(status)}\n", mode=0o755)
+
+    def hang_tool(self, name):
+        """Makes `name` hang: it records its process id in
+        /tmp/lab-hang-<name>.pid and sleeps for an hour, whatever its arguments."""
+        self.write_file(f"{OVERRIDE_DIR}/{name}",
+                        "#!/bin/sh\n"
+                        f"echo $$ > /tmp/lab-hang-{name}.pid\n"
+                        "exec sleep 3600\n", mode=0o755)
+
+    def hung_pid(self, name):
+        """The process id the last hanging `name` recorded, or None."""
+        text = self.read_file(f"/tmp/lab-hang-{name}.pid")
+        return int(text) if text and text.strip().isdigit() else None
 
     def remove_tool(self, name):
         """Makes `name` behave as a command that does not exist (the shell's

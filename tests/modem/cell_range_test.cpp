@@ -1,7 +1,7 @@
 #include "config/uci_store.h"
 #include "modem/lab_modem.h"
 #include "modem/modem.h"
-#include "modem/poll_clock.h"
+#include "base/clock.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -38,8 +38,7 @@ constexpr const char* kSasFile =
 class CellRange : public ::testing::Test {
 protected:
     void SetUp() override {
-        saved_ = poll_clock();
-        poll_clock() = PollClock{FakeClock::now_seconds, FakeClock::sleep_ms};
+        base::set_clock({nullptr, FakeClock::now_seconds, FakeClock::sleep_ms});
         FakeClock::now_ms = 7'000'000;  // arbitrary start: only differences count
         FakeClock::sleeps = 0;
         FakeClock::step_ms = 0;
@@ -49,7 +48,7 @@ protected:
         test::write_file(config::kSasConfigPath, kSasFile);
     }
     void TearDown() override {
-        poll_clock() = saved_;
+        base::set_clock({});
         FakeClock::on_sleep = nullptr;
     }
     static std::string cell(const char* option) {
@@ -58,8 +57,6 @@ protected:
         return value;
     }
     static std::string log_text() { return test::read_file("/root/sas/sas.log"); }
-
-    PollClock saved_{};
 };
 
 TEST_F(CellRange, WaitForLteReturnsAtOnceWhenAttachedWithFrequency) {

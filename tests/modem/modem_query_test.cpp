@@ -1,4 +1,4 @@
-#include "core/settings.h"
+#include "base/settings.h"
 #include "modem/lab_modem.h"
 #include "modem/modem.h"
 #include "support/test_util.h"

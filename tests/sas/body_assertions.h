@@ -3,7 +3,7 @@
 #pragma once
 
 #include "config/device_record.h"
-#include "core/text.h"
+#include "base/text.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -17,32 +17,32 @@ namespace cbsd::test {
 
 inline config::DeviceRecord sample_device_record() {
     config::DeviceRecord r{};
-    core::copy_text(r.userId, sizeof r.userId, "operator-1");
-    core::copy_text(r.fccId, sizeof r.fccId, "FCC-TEST-1");
-    core::copy_text(r.serialNumber, sizeof r.serialNumber, "SN0001");
-    core::copy_text(r.callSign, sizeof r.callSign, "CALL1");
-    core::copy_text(r.cbsdCategory, sizeof r.cbsdCategory, "A");
-    core::copy_text(r.radioTechnology, sizeof r.radioTechnology, "E_UTRA");
-    core::copy_text(r.height, sizeof r.height, "6.5");
-    core::copy_text(r.heightType, sizeof r.heightType, "AGL");
-    core::copy_text(r.longitude, sizeof r.longitude, "-97.7431");
-    core::copy_text(r.latitude, sizeof r.latitude, "30.2672");
-    core::copy_text(r.indoorDeployment, sizeof r.indoorDeployment, "1");
-    core::copy_text(r.antennaGain, sizeof r.antennaGain, "5.5");
-    core::copy_text(r.antennaModel, sizeof r.antennaModel, "ANT-1");
-    core::copy_text(r.measCapability, sizeof r.measCapability, "RECEIVED_POWER_WITHOUT_GRANT");
-    core::copy_text(r.groupId, sizeof r.groupId, "group-7");
-    core::copy_text(r.groupType, sizeof r.groupType, "INTERFERENCE_COORDINATION");
-    core::copy_text(r.installCertificationTime, sizeof r.installCertificationTime,
+    base::copy_text(r.userId, sizeof r.userId, "operator-1");
+    base::copy_text(r.fccId, sizeof r.fccId, "FCC-TEST-1");
+    base::copy_text(r.serialNumber, sizeof r.serialNumber, "SN0001");
+    base::copy_text(r.callSign, sizeof r.callSign, "CALL1");
+    base::copy_text(r.cbsdCategory, sizeof r.cbsdCategory, "A");
+    base::copy_text(r.radioTechnology, sizeof r.radioTechnology, "E_UTRA");
+    base::copy_text(r.height, sizeof r.height, "6.5");
+    base::copy_text(r.heightType, sizeof r.heightType, "AGL");
+    base::copy_text(r.longitude, sizeof r.longitude, "-97.7431");
+    base::copy_text(r.latitude, sizeof r.latitude, "30.2672");
+    base::copy_text(r.indoorDeployment, sizeof r.indoorDeployment, "1");
+    base::copy_text(r.antennaGain, sizeof r.antennaGain, "5.5");
+    base::copy_text(r.antennaModel, sizeof r.antennaModel, "ANT-1");
+    base::copy_text(r.measCapability, sizeof r.measCapability, "RECEIVED_POWER_WITHOUT_GRANT");
+    base::copy_text(r.groupId, sizeof r.groupId, "group-7");
+    base::copy_text(r.groupType, sizeof r.groupType, "INTERFERENCE_COORDINATION");
+    base::copy_text(r.installCertificationTime, sizeof r.installCertificationTime,
                     "2024-01-02T03:04:05Z");
-    core::copy_text(r.cpiId, sizeof r.cpiId, "cpi-42");
-    core::copy_text(r.cpiName, sizeof r.cpiName, "Pat Installer");
-    core::copy_text(r.lowFrequency, sizeof r.lowFrequency, "3552.5");
-    core::copy_text(r.highFrequency, sizeof r.highFrequency, "3567.5");
-    core::copy_text(r.maxEirp, sizeof r.maxEirp, "30");
-    core::copy_text(r.antennaAzimuth, sizeof r.antennaAzimuth, "270");
-    core::copy_text(r.antennaDowntilt, sizeof r.antennaDowntilt, "3");
-    core::copy_text(r.antennaBeamwidth, sizeof r.antennaBeamwidth, "65");
+    base::copy_text(r.cpiId, sizeof r.cpiId, "cpi-42");
+    base::copy_text(r.cpiName, sizeof r.cpiName, "Pat Installer");
+    base::copy_text(r.lowFrequency, sizeof r.lowFrequency, "3552.5");
+    base::copy_text(r.highFrequency, sizeof r.highFrequency, "3567.5");
+    base::copy_text(r.maxEirp, sizeof r.maxEirp, "30");
+    base::copy_text(r.antennaAzimuth, sizeof r.antennaAzimuth, "270");
+    base::copy_text(r.antennaDowntilt, sizeof r.antennaDowntilt, "3");
+    base::copy_text(r.antennaBeamwidth, sizeof r.antennaBeamwidth, "65");
     return r;
 }
 

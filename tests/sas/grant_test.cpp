@@ -25,7 +25,7 @@ protected:
         record = test::sample_device_record();
     }
     BodyStatus build() { return build_grant_body("cbsd-9", &record, body, sizeof body); }
-    void set(char* field, size_t size, const char* text) { core::copy_text(field, size, text); }
+    void set(char* field, size_t size, const char* text) { base::copy_text(field, size, text); }
 
     long long sent_max_eirp(const char* category, const char* maxEirp) {
         set(record.cbsdCategory, sizeof record.cbsdCategory, category);
@@ -120,7 +120,7 @@ protected:
         test::prepare_log_directory();
         std::memset(&reply, 0, sizeof reply);
         reply.heartbeatInterval = 45;
-        core::copy_text(reply.responseData, sizeof reply.responseData, "earlier");
+        base::copy_text(reply.responseData, sizeof reply.responseData, "earlier");
     }
     int32_t parse(const std::string& element) {
         test::write_reply(R"({"grantResponse":[)" + element + "]}");
@@ -188,7 +188,7 @@ class GrantExchangeTest : public test::ExchangeTest {};
 
 TEST_F(GrantExchangeTest, GrantReachesTheSasAndTheGrantIsRead) {
     RegistrationResponse registration{};
-    core::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-5");
+    base::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-5");
     ASSERT_EQ(0, grant_request(url.c_str(), &registration, &record));
     test::ReceivedBodies bodies(received("grant"), "grantRequest");
     ASSERT_EQ(1u, bodies.size());

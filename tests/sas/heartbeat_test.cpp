@@ -24,8 +24,8 @@ protected:
     void SetUp() override {
         test::prepare_log_directory();
         record = test::sample_device_record();
-        core::copy_text(grant.cbsdId, sizeof grant.cbsdId, "cbsd-3");
-        core::copy_text(grant.grantId, sizeof grant.grantId, "grant-5");
+        base::copy_text(grant.cbsdId, sizeof grant.cbsdId, "cbsd-3");
+        base::copy_text(grant.grantId, sizeof grant.grantId, "grant-5");
     }
     BodyStatus build(bool renew, const char* state = "GRANTED") {
         return build_heartbeat_body(&grant, &record, state, renew, body, sizeof body);
@@ -61,7 +61,7 @@ TEST_F(HeartbeatBodyTest, WithoutGrantCapabilitySendsNoReport) {
 }
 
 TEST_F(HeartbeatBodyTest, WithGrantCapabilitySendsFifteenDistinctEntries) {
-    core::copy_text(record.measCapability, sizeof record.measCapability,
+    base::copy_text(record.measCapability, sizeof record.measCapability,
                     "RECEIVED_POWER_WITH_GRANT");
     ASSERT_EQ(BodyStatus::Stored, build(false));
     ParsedBody parsed(body, "heartbeatRequest");
@@ -77,7 +77,7 @@ TEST_F(HeartbeatBodyTest, WithGrantCapabilitySendsFifteenDistinctEntries) {
 }
 
 TEST_F(HeartbeatBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
-    core::copy_text(record.measCapability, sizeof record.measCapability,
+    base::copy_text(record.measCapability, sizeof record.measCapability,
                     "RECEIVED_POWER_WITH_GRANT");
     char small[1024];
     EXPECT_EQ(BodyStatus::TooLong,
@@ -112,7 +112,7 @@ protected:
         test::prepare_log_directory();
         std::memset(&reply, 0, sizeof reply);
         reply.heartbeatInterval = 90;
-        core::copy_text(reply.grantExpireTime, sizeof reply.grantExpireTime,
+        base::copy_text(reply.grantExpireTime, sizeof reply.grantExpireTime,
                         "2029-01-01T00:00:00Z");
     }
     int32_t parse(const std::string& element) {
@@ -143,8 +143,23 @@ TEST_F(HeartbeatReplyTest, SuccessWithoutGrantExpireTimeOrIntervalKeepsThem) {
 }
 
 TEST_F(HeartbeatReplyTest, TimeOfWrongTypeIsIgnored) {
-    ASSERT_EQ(0, parse(R"({"grantExpireTime":20300101,"response":{"responseCode":0}})"));
+    ASSERT_EQ(0, parse(R"({"transmitExpireTime":"2030-01-01T00:04:00Z","grantExpireTime":20300101,)"
+                       R"("response":{"responseCode":0}})"));
     EXPECT_STREQ("2029-01-01T00:00:00Z", reply.grantExpireTime);
+}
+
+// A success authorises only up to a deadline it names.
+TEST_F(HeartbeatReplyTest, SuccessWithoutAReadableTransmitExpireTimeIsAFailure) {
+    for (const char* time : {"", R"("transmitExpireTime":"soon",)",
+                             R"("transmitExpireTime":20300101,)",
+                             R"("transmitExpireTime":"2030-01-01T00:04:00",)"}) {
+        reply = HeartbeatResponse{};
+        std::string text = std::string("{") + time + R"("response":{"responseCode":0}})";
+        EXPECT_EQ(-1, parse(text.c_str())) << text;
+        EXPECT_EQ(-1, reply.responseCode) << text;
+    }
+    EXPECT_NE(test::log_text().find("[SAS] heartbeat success without a valid transmitExpireTime[soon]\n"),
+              std::string::npos);
 }
 
 TEST_F(HeartbeatReplyTest, RefusalKeepsTheCode) {
@@ -161,8 +176,8 @@ class HeartbeatExchangeTest : public test::ExchangeTest {};
 TEST_F(HeartbeatExchangeTest, HeartbeatCarriesTheRenewalFlagFromTheConfiguration) {
     test::write_sas_config("config operation 'operation'\n\toption GrantRenew '1'\n\n");
     GrantResponse grant{};
-    core::copy_text(grant.cbsdId, sizeof grant.cbsdId, "cbsd-8");
-    core::copy_text(grant.grantId, sizeof grant.grantId, "grant-8");
+    base::copy_text(grant.cbsdId, sizeof grant.cbsdId, "cbsd-8");
+    base::copy_text(grant.grantId, sizeof grant.grantId, "grant-8");
     ASSERT_EQ(0, heartbeat_request(url.c_str(), &grant, &record, "GRANTED"));
     config::config_set("/etc/config/sas", "operation", "GrantRenew", "0");
     ASSERT_EQ(0, heartbeat_request(url.c_str(), &grant, &record, "AUTHORIZED"));

@@ -182,7 +182,7 @@ TEST_F(HttpsTest, NullBodyPostsAnEmptyBody) {
     EXPECT_EQ(requests[0].body, "");
 }
 
-TEST_F(HttpsTest, HtmlErrorPageIsAReplyButLeavesTheStaleDumpForTheNextParser) {
+TEST_F(HttpsTest, HtmlErrorPageLeavesTheDumpButNoParserTakesIt) {
     test::sim::Simulator sim;
     provision();
     ASSERT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
@@ -193,15 +193,38 @@ TEST_F(HttpsTest, HtmlErrorPageIsAReplyButLeavesTheStaleDumpForTheNextParser) {
     EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
     EXPECT_EQ(dump(), registrationReply);
 
-    // A grant parser finds no grantResponse; a registration parser would
-    // accept the previous exchange's reply.
+    // The previous exchange's reply is not this one's: no parser takes it.
+    EXPECT_FALSE(reply_dump_is_fresh());
+    EXPECT_NE(log_text().find("[SAS] HTTP status 500, no usable reply in this exchange\n"),
+              std::string::npos);
     int32_t code = -1;
     SasReply grant;
-    EXPECT_EQ(read_sas_reply("grantResponse", &grant, &code), kReplyNoMember);
-    EXPECT_EQ(code, -1);
+    EXPECT_EQ(read_sas_reply("grantResponse", &grant, &code), kReplyUnreadable);
     SasReply registration;
-    EXPECT_EQ(read_sas_reply("registrationResponse", &registration, &code), kReplyRead);
-    EXPECT_EQ(code, 0);
+    EXPECT_EQ(read_sas_reply("registrationResponse", &registration, &code), kReplyUnreadable);
+    EXPECT_EQ(code, -1);
+}
+
+TEST_F(HttpsTest, ReplyWithTheMarkerButAnErrorStatusIsNotUsed) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(sim.push("grant", R"({"status": 503, "responseCode": 0})"));
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_NE(dump().find("grantResponse"), std::string::npos);
+    EXPECT_FALSE(reply_dump_is_fresh());
+    ASSERT_TRUE(sim.push("grant", R"({"responseCode": 0})"));
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_TRUE(reply_dump_is_fresh());
+}
+
+TEST_F(HttpsTest, EmptyReplyMakesTheOldDumpStale) {
+    test::sim::Simulator sim;
+    provision();
+    ASSERT_TRUE(write_file(kReplyDumpPath, R"({"heartbeatResponse": []})"));
+    EXPECT_TRUE(reply_dump_is_fresh());
+    ASSERT_TRUE(sim.push("heartbeat", R"({"body": ""})"));
+    EXPECT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), "{}"), 0);
+    EXPECT_FALSE(reply_dump_is_fresh());
 }
 
 TEST_F(HttpsTest, EmptyReplyLeavesTheDumpAsItWas) {

@@ -44,8 +44,8 @@ protected:
 
     void use_single_step(const char* keyName, const char* password) {
         options.singleStep = true;
-        core::copy_text(options.cpiKeyFileName, sizeof options.cpiKeyFileName, keyName);
-        core::copy_text(options.cpiKeyPassword, sizeof options.cpiKeyPassword, password);
+        base::copy_text(options.cpiKeyFileName, sizeof options.cpiKeyFileName, keyName);
+        base::copy_text(options.cpiKeyPassword, sizeof options.cpiKeyPassword, password);
     }
 
     // The installation object carried, signed, in encodedCpiSignedData.
@@ -105,7 +105,7 @@ TEST_F(RegistrationBodyTest, EmptyGroupTextsStillSendOneGroupObject) {
 
 TEST_F(RegistrationBodyTest, MeasCapabilityWithReceivedIsSentAsOneElement) {
     for (const char* capability : {"RECEIVED_POWER_WITHOUT_GRANT", "RECEIVED_POWER_WITH_GRANT"}) {
-        core::copy_text(record.measCapability, sizeof record.measCapability, capability);
+        base::copy_text(record.measCapability, sizeof record.measCapability, capability);
         ASSERT_EQ(0, build());
         ParsedBody parsed(body, "registrationRequest");
         json_t* capabilities = parsed.get("measCapability");
@@ -117,7 +117,7 @@ TEST_F(RegistrationBodyTest, MeasCapabilityWithReceivedIsSentAsOneElement) {
 
 TEST_F(RegistrationBodyTest, MeasCapabilityWithoutReceivedIsAnEmptyArray) {
     for (const char* capability : {"", "NONE", "received_power"}) {
-        core::copy_text(record.measCapability, sizeof record.measCapability, capability);
+        base::copy_text(record.measCapability, sizeof record.measCapability, capability);
         ASSERT_EQ(0, build());
         ParsedBody parsed(body, "registrationRequest");
         json_t* capabilities = parsed.get("measCapability");
@@ -196,7 +196,7 @@ TEST_F(RegistrationBodyTest, IndoorDeploymentIsTrueForAnyNonZeroInteger) {
         bool indoor;
     } cases[] = {{"0", false}, {"1", true}, {"2", true}, {"abc", false}, {"", false}};
     for (const Case& c : cases) {
-        core::copy_text(record.indoorDeployment, sizeof record.indoorDeployment, c.text);
+        base::copy_text(record.indoorDeployment, sizeof record.indoorDeployment, c.text);
         ASSERT_EQ(0, build());
         ParsedBody parsed(body, "registrationRequest");
         json_t* installation = signed_installation(parsed);
@@ -230,7 +230,7 @@ TEST_F(RegistrationBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
     std::string controls(127, '\x01');
     for (char* field :
          {record.userId, record.fccId, record.serialNumber, record.callSign, record.groupId})
-        core::copy_text(field, 128, controls.c_str());
+        base::copy_text(field, 128, controls.c_str());
     EXPECT_EQ(-1, build());
     EXPECT_EQ(std::string(sizeof body, '\0'), std::string(body, sizeof body));
     EXPECT_NE(std::string::npos, test::log_text().find("[SAS] request message too long ("));
@@ -247,7 +247,7 @@ TEST_F(RegistrationBodyTest, BodyOfExactlyCapacityLessOneFits) {
 }
 
 TEST_F(RegistrationBodyTest, TextThatIsNotUtf8IsSentEmptyWithALogLine) {
-    core::copy_text(record.callSign, sizeof record.callSign, "bad\xff");
+    base::copy_text(record.callSign, sizeof record.callSign, "bad\xff");
     ASSERT_EQ(0, build());
     ParsedBody parsed(body, "registrationRequest");
     EXPECT_EQ("", string_member(parsed.element(), "callSign"));
@@ -262,7 +262,7 @@ protected:
     void SetUp() override {
         test::prepare_log_directory();
         std::memset(&reply, 0, sizeof reply);
-        core::copy_text(reply.cbsdId, sizeof reply.cbsdId, "previous");
+        base::copy_text(reply.cbsdId, sizeof reply.cbsdId, "previous");
     }
     RegistrationResponse reply{};
 };
@@ -310,10 +310,11 @@ TEST_F(RegistrationReplyTest, OnlyTheFirstElementCounts) {
     EXPECT_STREQ("first", reply.cbsdId);
 }
 
-TEST_F(RegistrationReplyTest, ElementWithoutResponseReadsAsSuccess) {
+TEST_F(RegistrationReplyTest, ElementWithoutResponseIsNoSuccess) {
     test::write_reply(R"({"registrationResponse":[{"cbsdId":"id-3"}]})");
-    EXPECT_EQ(0, parse_registration_response(&reply));
-    EXPECT_STREQ("id-3", reply.cbsdId);
+    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, reply.responseCode);
+    EXPECT_STREQ("previous", reply.cbsdId);  // nothing taken from it
 }
 
 TEST_F(RegistrationReplyTest, MissingOrNonObjectDumpIsReportedAsWrongResponse) {
@@ -420,7 +421,7 @@ TEST_F(RegistrationExchangeTest, OversizeBodyIsNeverPosted) {
     std::string controls(127, '\x01');
     for (char* field :
          {record.userId, record.fccId, record.serialNumber, record.callSign, record.groupId})
-        core::copy_text(field, 128, controls.c_str());
+        base::copy_text(field, 128, controls.c_str());
     EXPECT_EQ(-1, registeration_request(url.c_str(), &record));
     EXPECT_EQ(0u, request_count());
     EXPECT_NE(std::string::npos, test::log_text().find("[SAS] request message too long ("));

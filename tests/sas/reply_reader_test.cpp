@@ -56,32 +56,34 @@ TEST_F(ReplyReaderTest, SecondElementIsIgnored) {
     EXPECT_STREQ(grantId, "first");
 }
 
-TEST_F(ReplyReaderTest, ElementWithoutResponseReadsCodeZero) {
+TEST_F(ReplyReaderTest, ElementWithoutResponseHasNoCode) {
     SasReply reply;
     int32_t code = -1;
     ASSERT_EQ(read(R"({"registrationResponse": [{"cbsdId": "c1"}]})", "registrationResponse",
                    &reply, &code),
-              kReplyRead);
-    EXPECT_EQ(code, 0);
+              kReplyNoCode);
+    EXPECT_EQ(code, -1);
     char cbsdId[128] = "";
     copy_reply_text(reply.element, "cbsdId", cbsdId, sizeof cbsdId);
     EXPECT_STREQ(cbsdId, "c1");
 }
 
-TEST_F(ReplyReaderTest, NonIntegerCodeReadsAsZero) {
-    SasReply reply;
-    int32_t code = -1;
-    ASSERT_EQ(read(R"({"grantResponse": [{"response": {"responseCode": "401"}}]})", "grantResponse",
-                   &reply, &code),
-              kReplyRead);
-    EXPECT_EQ(code, 0);
+TEST_F(ReplyReaderTest, NonIntegerOrOutOfRangeCodeIsNoCode) {
+    for (const char* value : {"\"401\"", "0.0", "null", "false", "4294967296", "-2147483649"}) {
+        SasReply reply;
+        int32_t code = -1;
+        std::string text = std::string(R"({"grantResponse": [{"response": {"responseCode": )") +
+                           value + "}}]}";
+        EXPECT_EQ(read(text.c_str(), "grantResponse", &reply, &code), kReplyNoCode) << value;
+        EXPECT_EQ(code, -1) << value;
+    }
 }
 
-TEST_F(ReplyReaderTest, EmptyArrayReadsCodeZeroWithNoElement) {
+TEST_F(ReplyReaderTest, EmptyArrayHasNoCodeAndNoElement) {
     SasReply reply;
     int32_t code = -1;
-    ASSERT_EQ(read(R"({"grantResponse": []})", "grantResponse", &reply, &code), kReplyRead);
-    EXPECT_EQ(code, 0);
+    ASSERT_EQ(read(R"({"grantResponse": []})", "grantResponse", &reply, &code), kReplyNoCode);
+    EXPECT_EQ(code, -1);
     EXPECT_EQ(reply.element, nullptr);
     char field[16] = "kept";
     EXPECT_EQ(copy_reply_text(reply.element, "grantId", field, sizeof field), 0);
@@ -124,7 +126,8 @@ TEST_F(ReplyReaderTest, TextCopyIsBoundedAndSkipsNonStrings) {
     SasReply reply;
     int32_t code = -1;
     ASSERT_EQ(read(R"({"grantResponse": [{"grantId": "0123456789", "channelType": 5,
-                                          "heartbeatInterval": 30, "bad": "x"}]})",
+                                          "heartbeatInterval": 30, "bad": "x",
+                                          "response": {"responseCode": 0}}]})",
                    "grantResponse", &reply, &code),
               kReplyRead);
     char shortField[5] = "";

@@ -40,8 +40,8 @@ TEST(MhzToHz, ConvertsWithHundredKilohertzResolution) {
 }
 
 TEST_F(SpectrumInquiryBodyTest, AsksForTheCellRangeInHertz) {
-    core::copy_text(record.lowFrequency, sizeof record.lowFrequency, "3552.47");
-    core::copy_text(record.highFrequency, sizeof record.highFrequency, "3570.0");
+    base::copy_text(record.lowFrequency, sizeof record.lowFrequency, "3552.47");
+    base::copy_text(record.highFrequency, sizeof record.highFrequency, "3570.0");
     ASSERT_EQ(BodyStatus::Stored, build());
     ParsedBody parsed(body, "spectrumInquiryRequest");
     ASSERT_NE(nullptr, parsed.element());
@@ -85,7 +85,7 @@ TEST_F(SpectrumInquiryBodyTest, WithoutGrantCapabilitySendsFifteenIdenticalEntri
 
 TEST_F(SpectrumInquiryBodyTest, OtherCapabilitiesSendNoReport) {
     for (const char* capability : {"RECEIVED_POWER_WITH_GRANT", "", "RECEIVED"}) {
-        core::copy_text(record.measCapability, sizeof record.measCapability, capability);
+        base::copy_text(record.measCapability, sizeof record.measCapability, capability);
         ASSERT_EQ(BodyStatus::Stored, build());
         ParsedBody parsed(body, "spectrumInquiryRequest");
         ASSERT_NE(nullptr, parsed.element());
@@ -193,7 +193,7 @@ class SpectrumInquiryExchangeTest : public test::ExchangeTest {};
 
 TEST_F(SpectrumInquiryExchangeTest, InquiryReachesTheSasAndTheChannelIsRead) {
     RegistrationResponse registration{};
-    core::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-77");
+    base::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-77");
     ASSERT_EQ(0, spectrumInquiry_request(url.c_str(), &registration, &record));
     test::ReceivedBodies bodies(received("spectrumInquiry"), "spectrumInquiryRequest");
     ASSERT_EQ(1u, bodies.size());

@@ -1,5 +1,7 @@
 #include "standalone/expiry.h"
 
+#include "base/clock.h"
+
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -27,9 +29,9 @@ void use_zone(const std::string& zone) {
 
 class Expiry : public ::testing::Test {
 protected:
-    void SetUp() override { set_wall_clock(read_fake_now); }
+    void SetUp() override { base::set_clock({read_fake_now, nullptr, nullptr}); }
     void TearDown() override {
-        set_wall_clock(nullptr);
+        base::set_clock({});
         unlink("/etc/TZ");
         unsetenv("TZ");
         tzset();
@@ -123,6 +125,50 @@ TEST_F(Expiry, TextBeforeTheEpochNeverExpires) {
     EXPECT_EQ(is_time_expired("1970-01-01T00:00:00Z", 0), 0);
     EXPECT_EQ(is_time_expired("1960-01-01T00:00:00Z", 0), 0);
     EXPECT_EQ(is_time_expired("1970-01-01T00:00:01Z", 0), 1);
+}
+
+// The conversion before this one: mktime in the process's zone plus the
+// standard offset of /etc/TZ.  On the normal path (both naming the same zone)
+// the instant must be unchanged.
+time_t previous_conversion(const char* text) {
+    struct tm broken_down{};
+    broken_down.tm_isdst = 0;
+    (void)strptime(text, "%Y-%m-%dT%H:%M:%SZ", &broken_down);
+    return mktime(&broken_down) + tz_offset_seconds();
+}
+
+TEST_F(Expiry, SameInstantAsThePreviousConversionInEveryZone) {
+    const char* zones[] = {"UTC0", "CST-8", "EST5EDT,M3.2.0,M11.1.0", "XXX-5:30",
+                           "NZST-12NZDT,M9.5.0,M4.1.0/3", "XXX13"};
+    const char* times[] = {"2024-05-01T12:00:00Z", "2024-01-15T03:30:00Z",
+                           "2025-07-04T23:59:59Z", "2030-12-31T00:00:00Z"};
+    for (const char* zone : zones) {
+        use_zone(zone);
+        for (const char* text : times) {
+            time_t before = previous_conversion(text);
+            fake_now = before;
+            EXPECT_EQ(is_time_expired(text, 0), 0) << zone << " " << text;
+            fake_now = before + 1;
+            EXPECT_EQ(is_time_expired(text, 0), 1) << zone << " " << text;
+        }
+    }
+}
+
+TEST_F(Expiry, UnparsableTextIsNoDeadline) {
+    use_zone("UTC0");
+    fake_now = kNoon;
+    EXPECT_EQ(is_time_expired("2024-05-01", 0), 0);
+    EXPECT_EQ(is_time_expired("yesterday", 0), 0);
+}
+
+TEST_F(Expiry, TimesFrom2038OnCompareIn64Bits) {
+    use_zone("CST-8");
+    fake_now = kNoon;
+    EXPECT_EQ(is_time_expired("2040-06-01T00:00:00Z", 30), 0);
+    EXPECT_EQ(is_time_expired("2038-01-19T03:14:08Z", 0), 0);
+    if (sizeof(time_t) < 8) return;
+    fake_now = static_cast<time_t>(int64_t{2222121600} + 31);
+    EXPECT_EQ(is_time_expired("2040-06-01T00:00:00Z", 30), 1);
 }
 
 }  // namespace

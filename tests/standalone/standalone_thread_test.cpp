@@ -1,8 +1,10 @@
 #include "standalone/standalone_thread.h"
 
+#include "base/clock.h"
 #include "config/uci_store.h"
-#include "core/settings.h"
-#include "core/worker_control.h"
+#include "base/settings.h"
+#include "standalone/worker_control.h"
+#include "standalone_fixture.h"
 #include "thread_harness.h"
 
 #include <gtest/gtest.h>
@@ -14,93 +16,6 @@
 namespace cbsd::standalone {
 namespace {
 
-using test::count_of;
-using test::PassGate;
-using test::sim_endpoints;
-using test::sim_push;
-using test::sim_request_element;
-using Endpoints = std::vector<std::string>;
-
-std::string stored(const char* section, const char* option) {
-    char value[256] = {};
-    config::config_get(config::kSasConfigPath, section, option, value, sizeof value);
-    return value;
-}
-
-void store(const char* section, const char* option, const char* value) {
-    config::config_set(config::kSasConfigPath, section, option, value);
-}
-
-bool has(const std::string& text, const std::string& piece) {
-    return text.find(piece) != std::string::npos;
-}
-
-class StandaloneThread : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(test::SimulatorProcess::start(url_));
-        std::string path = test::kSourceDir + "/tests/lab/bin:" + getenv("PATH");
-        setenv("PATH", path.c_str(), 1);
-        test::write_file("/etc/TZ", "UTC0\n");
-        setenv("TZ", "UTC0", 1);
-        tzset();
-    }
-    static void TearDownTestSuite() { test::SimulatorProcess::stop(); }
-
-    void SetUp() override {
-        test::sim_clear();
-        set_connected(true);
-        unlink("/root/sas/sas.log");
-        ASSERT_TRUE(test::write_file(config::kSasConfigPath,
-                                     test::sas_config_text(url_, "Unregistered")));
-        PassGate::instance().reset(false);
-        set_pass_clock({PassGate::now, PassGate::sleep});
-    }
-
-    void TearDown() override {
-        stop_thread();
-        set_pass_clock({nullptr, nullptr});
-    }
-
-    static void set_connected(bool connected) {
-        test::write_file("/etc/lab/modem.json",
-                         connected ? R"({"netstat": 4})" : R"({"netstat": 1})");
-    }
-
-    void start_thread() {
-        core::worker_running.store(1);
-        thread_ = std::thread([] { standalone_thread(); });
-    }
-
-    void stop_thread() {
-        if (!thread_.joinable()) return;
-        core::worker_running.store(0);
-        PassGate::instance().release_all();
-        thread_.join();
-    }
-
-    // Runs until the thread first sleeps (the end of its exchanges).
-    void run_to_first_sleep() {
-        start_thread();
-        ASSERT_TRUE(PassGate::instance().wait_for_sleep(1)) << "the thread never waited";
-    }
-
-    // Takes the device to Authorized with default replies; the thread then
-    // waits the 60 s heartbeat period.
-    void authorize() {
-        run_to_first_sleep();
-        ASSERT_EQ(sim_endpoints(),
-                  (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat"}));
-        ASSERT_EQ(stored("operation", "status"), "Authorized");
-    }
-
-    static std::string log_text() { return test::read_file("/root/sas/sas.log"); }
-
-    static std::string url_;
-    std::thread thread_;
-};
-
-std::string StandaloneThread::url_;
 
 TEST_F(StandaloneThread, RegistrationInquiryGrantAndHeartbeatFollowWithoutDelay) {
     authorize();
@@ -466,12 +381,12 @@ TEST_F(StandaloneThread, StopWhileAuthorizedRelinquishesThenDeregisters) {
 
 TEST_F(StandaloneThread, DebugModePrintsTheTimerLineEveryPass) {
     sim_push("registration", R"({"responseCode":200})");
-    core::settings().debug = 1;
+    base::settings().debug = 1;
     ::testing::internal::CaptureStdout();
     run_to_first_sleep();
     ASSERT_TRUE(PassGate::instance().step());
     std::string out = ::testing::internal::GetCapturedStdout();
-    core::settings().debug = 0;
+    base::settings().debug = 0;
     // Before the registration: timer cleared, secTime 0 lies in the past.
     EXPECT_TRUE(has(out, "===>operTimer: enable=0, timerType=0(ZERO), count=0, secTime=0, "
                          "curTickTime=1000, waitTime=4294966296s\n"));
@@ -485,12 +400,12 @@ TEST_F(StandaloneThread, EmptyServerUrlEndsTheThreadAndKeepsTheRunningFlag) {
     store("config", "address", "");
     start_thread();
     thread_.join();
-    EXPECT_EQ(core::worker_running.load(), 1);
+    EXPECT_EQ(standalone::worker_running.load(), 1);
     std::string log = log_text();
     EXPECT_TRUE(has(log, "[SAS] sas server URL is invalid.\n"));
     EXPECT_TRUE(has(log, "[SAS] standalone_thread exit.\n"));
     EXPECT_TRUE(sim_endpoints().empty());
-    core::worker_running.store(0);
+    standalone::worker_running.store(0);
 }
 
 TEST_F(StandaloneThread, UnknownStatusSendsNothing) {

@@ -3,7 +3,7 @@
 // clock whose sleeps the test releases one at a time.
 #pragma once
 
-#include "core/worker_control.h"
+#include "standalone/worker_control.h"
 #include "standalone/standalone_thread.h"
 #include "support/test_util.h"
 

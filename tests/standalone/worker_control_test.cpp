@@ -1,71 +1,14 @@
-#include "core/worker_control.h"
+#include "standalone/worker_control.h"
 
-#include "config/uci_store.h"
-#include "standalone/standalone_thread.h"
-#include "thread_harness.h"
+#include "worker_fixture.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <string>
 
-namespace cbsd::core {
+namespace cbsd::standalone {
 namespace {
-
-std::string log_text() { return test::read_file("/root/sas/sas.log"); }
-
-size_t occurrences(const std::string& text, const std::string& piece) {
-    size_t n = 0;
-    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
-    return n;
-}
-
-// The id printed in the first "create standalone thread[ID] success." line.
-std::string created_thread_id(const std::string& log) {
-    const std::string prefix = "[SAS] create standalone thread[";
-    size_t start = log.find(prefix);
-    if (start == std::string::npos) return "";
-    start += prefix.size();
-    size_t end = log.find("] success.\n", start);
-    if (end == std::string::npos) return "";
-    std::string id = log.substr(start, end - start);
-    if (id.find_first_not_of("0123456789") != std::string::npos) return "";
-    return id;
-}
-
-std::string status() {
-    char value[32] = {};
-    config::config_get(config::kSasConfigPath, "operation", "status", value, sizeof value);
-    return value;
-}
-
-class WorkerControl : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(test::SimulatorProcess::start(url_));
-        std::string path = test::kSourceDir + "/tests/lab/bin:" + getenv("PATH");
-        setenv("PATH", path.c_str(), 1);
-        test::write_file("/etc/lab/modem.json", R"({"netstat": 4})");
-        test::write_file("/etc/TZ", "UTC0\n");
-        setenv("TZ", "UTC0", 1);
-        tzset();
-    }
-    static void TearDownTestSuite() { test::SimulatorProcess::stop(); }
-
-    void SetUp() override {
-        test::sim_clear();
-        unlink("/root/sas/sas.log");
-        ASSERT_TRUE(test::write_file(config::kSasConfigPath,
-                                     test::sas_config_text(url_, "Unregistered")));
-        // Real one-second sleeps: these tests check the real stop protocol.
-        standalone::set_pass_clock({nullptr, nullptr});
-    }
-    void TearDown() override { stop_standalone_worker(); }
-
-    static std::string url_;
-};
-
-std::string WorkerControl::url_;
 
 TEST_F(WorkerControl, StartWhileAWorkerExistsIsIgnoredUntilItIsStopped) {
     config::config_set(config::kSasConfigPath, "config", "address", "");
@@ -126,20 +69,5 @@ TEST_F(WorkerControl, StopOfAnAuthorizedWorkerGivesTheGrantBack) {
               (std::vector<std::string>{"relinquishment", "deregistration"}));
 }
 
-TEST_F(WorkerControl, RestartClearsTheStateAndStartsAFreshWorker) {
-    start_standalone_worker();
-    ASSERT_TRUE(test::wait_until([] { return status() == "Authorized"; }));
-    test::sim_push("registration", R"({"responseCode":200})");  // hold the new worker
-    auto begin = std::chrono::steady_clock::now();
-    restart_standalone_worker();
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    EXPECT_GE(seconds, 1.0);
-    EXPECT_EQ(worker_running.load(), 1);
-    ASSERT_TRUE(test::wait_until(
-        [] { return test::count_of(test::sim_endpoints(), "registration") == 2; }));
-    EXPECT_EQ(status(), "Unregistered");
-    EXPECT_EQ(occurrences(log_text(), "[SAS] create standalone thread["), 2u);
-}
-
 }  // namespace
-}  // namespace cbsd::core
+}  // namespace cbsd::standalone

@@ -65,7 +65,7 @@ def test_bridge_forward_chain_exists_and_is_empty(router):
 
 
 def test_ebtables_listing_has_one_trailing_blank_on_rule_lines(router):
-    r = router()
+    r = router(flavour="legacy")
     r.run("ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP", check=True)
     listing = r.run("ebtables -L BRIDGE_FORWARD").stdout.splitlines()
     assert listing[-1] == "-o eth1.112+ -j DROP "
@@ -73,6 +73,14 @@ def test_ebtables_listing_has_one_trailing_blank_on_rule_lines(router):
     matched = r.run("ebtables -L BRIDGE_FORWARD | grep -x '\\-o eth1.112+ \\-j DROP '")
     assert matched.returncode == 0
     assert matched.stdout == "-o eth1.112+ -j DROP \n"
+    assert r.ebtables_rules() == ["-o eth1.112+ -j DROP"]
+
+
+def test_ebtables_nft_flavour_lists_rule_lines_without_the_blank(router):
+    r = router(flavour="ebtables-nft")
+    r.run("ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP", check=True)
+    listing = r.run("ebtables -L BRIDGE_FORWARD").stdout.splitlines()
+    assert listing[-1] == "-o eth1.112+ -j DROP"
     assert r.ebtables_rules() == ["-o eth1.112+ -j DROP"]
 
 

@@ -20,9 +20,10 @@ def test_cell_range_is_stored_and_follows_a_new_cell(router):
     r.start_daemon()
     assert r.wait_for(lambda: cell(r) == ("3615.0", "3635.0", "20"), WITHIN_ONE_PASS), \
         r.log_text()[-2000:]
-    assert "[SAS] lowFreq = 3615.0\n" in r.log_text()
-    assert "[SAS] higFreq = 3635.0\n" in r.log_text()
-    assert "[SAS] bandWidth = 20\n" in r.log_text()
+    # The three values are stored first and logged after: wait for the lines.
+    assert r.wait_for_log("[SAS] lowFreq = 3615.0\n", 2)
+    assert r.wait_for_log("[SAS] higFreq = 3635.0\n", 2)
+    assert r.wait_for_log("[SAS] bandWidth = 20\n", 2)
     r.set_modem(dlfreq=3600000, bandwidth=3)
     assert r.wait_for(lambda: cell(r) == ("3598.5", "3601.5", "3"), 2 * WITHIN_ONE_PASS), \
         r.log_text()[-2000:]

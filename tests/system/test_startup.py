@@ -107,7 +107,10 @@ def test_start_with_sas_enabled_in_dp_mode_ends_with_gates_closed(router):
     r.start_daemon()
     assert r.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n", 20)
     text = r.log_text()
-    positions_in_order(text, ["[SAS] reset IP forward enable.\n",
+    # With SAS enabled nobody holds an authorisation at start: traffic is
+    # closed, never opened first.
+    assert "[SAS] reset IP forward enable.\n" not in text
+    positions_in_order(text, ["[SAS] SAS is enabled at start, traffic stays stopped.\n",
                               "[SAS] wait for LTE accessing network...\n",
                               "[SAS] sas enable.\n",
                               "[SAS] device has been unauthorized.",
@@ -116,3 +119,30 @@ def test_start_with_sas_enabled_in_dp_mode_ends_with_gates_closed(router):
                       and len(r.ebtables_rules()) == 2, 5)
     assert "lasted configuration" not in r.log_text()
     assert r.daemon.poll() is None
+
+
+def test_start_with_sas_enabled_never_opens_a_gate(router):
+    """Gates sampled from before the start: forwarding is never switched on
+    and the drop rules are in place before the loop's first pass."""
+    import threading
+    r = router(sas_config=CONFIG.replace("enableMode '0'", "enableMode '1'"), modem=MODEM)
+    r.run("echo 0 > /proc/sys/net/ipv4/ip_forward; echo 0 > /proc/sys/net/ipv6/conf/all/forwarding")
+    seen, stop = [], threading.Event()
+
+    def sample():
+        while not stop.is_set():
+            seen.append(r.ip_forward())
+            stop.wait(0.02)
+
+    sampler = threading.Thread(target=sample)
+    sampler.start()
+    try:
+        r.start_daemon()
+        assert r.wait_for_log("[SAS] wait for LTE accessing network...\n", 20)
+        assert ICMP_DROP in r.iptables_rules()
+        assert r.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n", 20)
+    finally:
+        stop.set()
+        sampler.join()
+    assert len(seen) >= 10
+    assert all(value == ("0", "0") for value in seen), seen

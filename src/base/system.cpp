@@ -1,0 +1,187 @@
+#include "base/system.h"
+
+#include "base/clock.h"
+#include "base/line_collector.h"
+#include "base/log.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace cbsd::base {
+
+namespace {
+
+constexpr int kWaitPollCapMs = 20;
+
+struct Child {
+    pid_t pid = -1;
+    int output = -1;  // read end of the child's standard output, or -1
+};
+
+// Starts argv[0] in a process group of its own (so a time-out can kill the
+// whole pipeline) with the default action for every signal the daemon
+// changes.  With capture, standard output goes to a pipe.
+bool start(const char* const argv[], bool capture, Child& child) {
+    int pipe_fds[2] = {-1, -1};
+    if (capture && pipe2(pipe_fds, O_CLOEXEC) != 0) return false;
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (capture) posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
+
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    sigaddset(&defaults, SIGHUP);
+    sigaddset(&defaults, SIGTERM);
+    sigaddset(&defaults, SIGINT);
+    sigset_t no_mask;
+    sigemptyset(&no_mask);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setsigmask(&attributes, &no_mask);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF |
+                                              POSIX_SPAWN_SETSIGMASK);
+
+    int result = posix_spawnp(&child.pid, argv[0], &actions, &attributes,
+                              const_cast<char* const*>(argv), environ);
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&actions);
+    if (capture) close(pipe_fds[1]);
+    if (result != 0) {
+        if (capture) close(pipe_fds[0]);
+        return false;
+    }
+    child.output = capture ? pipe_fds[0] : -1;
+    return true;
+}
+
+int remaining_ms(uint32_t started_ms, int time_limit_s) {
+    uint32_t elapsed = monotonic_ms() - started_ms;  // wrap-safe
+    uint32_t limit = static_cast<uint32_t>(time_limit_s) * 1000u;
+    return elapsed >= limit ? 0 : static_cast<int>(limit - elapsed);
+}
+
+// Reads the child's output into the collector until end of file, a full
+// buffer or the time limit; false only when the time limit ran out.
+bool collect_output(int fd, LineCollector& collector, uint32_t started_ms, int time_limit_s) {
+    char chunk[512];
+    for (;;) {
+        int wait_ms = remaining_ms(started_ms, time_limit_s);
+        if (wait_ms == 0) return false;
+        pollfd readable{fd, POLLIN, 0};
+        int ready = poll(&readable, 1, wait_ms);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return ready < 0;  // an error ends the reading like end of file
+        ssize_t got = read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return true;
+        if (!collector.feed(chunk, static_cast<size_t>(got))) return true;
+    }
+}
+
+// Waits for the child until the time limit; its wait status, or -1 once the
+// limit ran out (the child is then still running).
+int wait_for_exit(pid_t pid, uint32_t started_ms, int time_limit_s) {
+    int pause_ms = 1;
+    for (;;) {
+        int status = 0;
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) return status;
+        if (done < 0 && errno != EINTR) return -1;
+        int left = remaining_ms(started_ms, time_limit_s);
+        if (left == 0) return -1;
+        int nap = pause_ms < left ? pause_ms : left;
+        timespec rest{0, static_cast<long>(nap) * 1000000L};
+        nanosleep(&rest, nullptr);
+        if (pause_ms < kWaitPollCapMs) pause_ms *= 2;
+    }
+}
+
+void kill_after_time_limit(const Child& child, const char* what, int time_limit_s) {
+    kill(-child.pid, SIGKILL);
+    int status = 0;
+    while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    error("[SAS] command still running after %d s, killed: %s\n", time_limit_s, what);
+}
+
+// Runs argv to completion within the limit; collector may be null.
+int run(const char* const argv[], const char* what, LineCollector* collector, int time_limit_s,
+        bool& started) {
+    Child child;
+    uint32_t started_ms = monotonic_ms();
+    started = start(argv, collector != nullptr, child);
+    if (!started) return -1;
+    bool in_time = true;
+    if (collector) {
+        in_time = collect_output(child.output, *collector, started_ms, time_limit_s);
+        if (in_time) collector->finish();
+        // A full buffer stops the reading: the child sees a closed pipe.
+        close(child.output);
+    }
+    int status = in_time ? wait_for_exit(child.pid, started_ms, time_limit_s) : -1;
+    if (status == -1) {
+        kill_after_time_limit(child, what, time_limit_s);
+        return -1;
+    }
+    return status;
+}
+
+}  // namespace
+
+char* run_command(const char* command, char* buffer, int capacity, int time_limit_s) {
+    const char* const argv[] = {"/bin/sh", "-c", command, nullptr};
+    LineCollector collector(buffer, capacity);
+    bool started = false;
+    run(argv, command, &collector, time_limit_s, started);
+    return started ? buffer : nullptr;
+}
+
+char* run_capture(const char* const argv[], char* buffer, int capacity, int time_limit_s) {
+    LineCollector collector(buffer, capacity);
+    bool started = false;
+    run(argv, argv[0], &collector, time_limit_s, started);
+    return started ? buffer : nullptr;
+}
+
+int run_status(const char* command, int time_limit_s) {
+    const char* const argv[] = {"/bin/sh", "-c", command, nullptr};
+    bool started = false;
+    return run(argv, command, nullptr, time_limit_s, started);
+}
+
+int run_program(const char* const argv[], int time_limit_s) {
+    bool started = false;
+    return run(argv, argv[0], nullptr, time_limit_s, started);
+}
+
+void detach_from_terminal() {
+    if (fork() > 0) std::exit(0);
+    setsid();
+    umask(0);
+    std::signal(SIGHUP, SIG_IGN);
+    if (fork() > 0) std::exit(0);
+    close(0);
+    close(1);
+    close(2);
+    int null_fd = open("/dev/null", O_RDWR);
+    if (null_fd == 0) {
+        dup2(0, 1);
+        dup2(0, 2);
+    }
+}
+
+}  // namespace cbsd::base

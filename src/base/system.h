@@ -1,0 +1,38 @@
+// The one seam between the daemon and the processes it starts.  Nothing else
+// in the daemon starts a process, runs a shell or detaches itself.  Every start has a
+// time limit: a command still running when it runs out is killed with its
+// whole process group, counts as failed and is logged once at level 3.
+#pragma once
+
+namespace cbsd::base {
+
+inline constexpr int kDefaultTimeLimitSeconds = 10;
+
+// Runs a fixed shell command line and keeps its standard output as whole
+// lines in a bounded, caller-owned buffer: at most capacity - 1 characters,
+// longer lines in 255-character pieces.  The buffer is not touched when
+// there is no output, so callers clear it first.  Returns buffer, or nullptr
+// when the command could not be started.  The exit status is ignored; a
+// command that times out keeps what it printed before.
+char* run_command(const char* command, char* buffer, int capacity,
+                  int time_limit_s = kDefaultTimeLimitSeconds);
+
+// Like run_command, but runs a program found on PATH with an argument vector
+// (no shell, so no argument is ever interpreted).  argv ends with nullptr.
+char* run_capture(const char* const argv[], char* buffer, int capacity,
+                  int time_limit_s = kDefaultTimeLimitSeconds);
+
+// Runs a fixed shell command line for its wait status, as system() reports
+// it (0 on success); -1 when it could not be started or timed out.
+int run_status(const char* command, int time_limit_s = kDefaultTimeLimitSeconds);
+
+// Runs a program found on PATH with an argument vector (no shell, so no
+// argument is ever interpreted); its wait status, -1 when it could not be
+// started or timed out.  argv ends with nullptr.
+int run_program(const char* const argv[], int time_limit_s = kDefaultTimeLimitSeconds);
+
+// Leaves the terminal: goes on as a grandchild in a new session, umask 0, SIGHUP
+// ignored, standard descriptors on /dev/null.  Only the grandchild returns.
+void detach_from_terminal();
+
+}  // namespace cbsd::base

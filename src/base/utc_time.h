@@ -1,0 +1,17 @@
+// SAS times ("2024-05-01T12:00:00Z") as 64-bit epoch seconds, computed from
+// the civil date alone: no mktime and no zone round trip, so a date from 2038
+// on converts the same on a router whose time_t has 32 bits.
+#pragma once
+
+#include <cstdint>
+
+namespace cbsd::base {
+
+// Days from 1970-01-01 to the given proleptic Gregorian date (negative before).
+int64_t days_from_civil(int64_t year, uint32_t month, uint32_t day);
+
+// Parses exactly "YYYY-MM-DDTHH:MM:SSZ" with fields in range.  Returns false
+// and leaves *epochSeconds untouched for any other text.
+bool parse_utc_time(const char* text, int64_t* epochSeconds);
+
+}  // namespace cbsd::base

@@ -1,0 +1,119 @@
+#include "daemon/startup.h"
+
+#include "config/accessors.h"
+#include "daemon/profiles.h"
+#include "base/log.h"
+#include "base/settings.h"
+#include "base/system.h"
+#include "daemon/signals.h"
+#include "daemon/supervision.h"
+#include "daemon/transmit_guard.h"
+#include "gating/authorization.h"
+#include "gating/gates.h"
+#include "standalone/transmit_deadline.h"
+#include "standalone/worker_control.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace cbsd::daemon {
+
+namespace {
+
+// The stop as a whole must end within 10 s: the worker gets 8 of them.
+constexpr uint32_t kWorkerStopSeconds = 8;
+
+// Returns the descriptor holding the single-instance lock, or -1.
+int take_instance_lock() {
+    int fd = open(kLockPath, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        std::printf("open %s failed.\n", kLockPath);
+        return -1;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        close(fd);  // another instance runs: leave silently
+        return -1;
+    }
+    return fd;
+}
+
+void print_overrides(const base::ProcessSettings& s) {
+    if (s.sn[0]) std::printf("  SN=%s\n", s.sn);
+    if (s.fccId[0]) std::printf("  fccId=%s\n", s.fccId);
+    if (s.maxEIRP[0]) std::printf("  maxEIRP=%s\n", s.maxEIRP);
+    if (s.category[0]) std::printf("  category=%s\n", s.category);
+    std::fflush(stdout);
+}
+
+void ensure_work_dir() {
+    struct stat st{};
+    if (stat(kWorkDir, &st) != 0 && mkdir(kWorkDir, 0755) != 0)
+        std::fprintf(stderr, "[SAS] fail to create direction(%s)!\n", kWorkDir);
+}
+
+// Without SAS the device is never gated, so start-up opens every gate and
+// removes every rule.  With SAS enabled nobody holds an authorisation yet:
+// close instead, so that traffic is never opened first.
+void set_initial_traffic_state() {
+    if (config::is_sas_enabled()) {
+        base::notice("[SAS] SAS is enabled at start, traffic stays stopped.\n");
+        gating::unauthorize_device(0);
+        return;
+    }
+    gating::reset_ip_forward();
+    gating::clear_firewall_icmp_rules();
+    gating::clear_bridge_forward_rules();
+}
+
+// SIGTERM or SIGINT: with SAS enabled nobody holds an authorisation any more,
+// so the gates close first (they must not wait on the SAS), then the worker
+// gives its grant back and deregisters as on disable, within the time the
+// service manager allows.  Without SAS traffic stays as it is.
+[[noreturn]] void shut_down(bool sasEnabled) {
+    base::notice_to_syslog("[SAS] stop requested.\n");
+    if (sasEnabled) {
+        standalone::drop_transmit_deadline();
+        gating::unauthorize_device(1);
+    }
+    if (!standalone::stop_standalone_worker_within(kWorkerStopSeconds))
+        base::notice_to_syslog("[SAS] StandAlone thread did not stop in time.\n");
+    base::notice_to_syslog("[SAS] cbsd exit.\n");
+    // The guard thread, and a worker that did not stop in time, still run:
+    // end without static destructors pulling state from under them.
+    std::fflush(nullptr);
+    std::_Exit(0);
+}
+
+}  // namespace
+
+int run_daemon() {
+    install_signal_handlers();
+    gating::reset_runtime_cache();
+    if (take_instance_lock() < 0) return -1;  // the lock is held until the process ends
+
+    const base::ProcessSettings& s = base::settings();
+    if (s.debug)
+        print_overrides(s);
+    else if (!s.foreground)
+        base::detach_from_terminal();
+
+    ensure_work_dir();
+    base::notice("\n[SAS] SAS Version 3.1\n");
+
+    gating::clear_cbsd_state();
+    set_initial_traffic_state();
+
+    provision_certificates();
+    apply_profile_defaults();
+
+    base::notice("[SAS] wait for LTE accessing network...\n");
+    start_transmit_guard();
+    shut_down(supervision_loop());
+}
+
+}  // namespace cbsd::daemon

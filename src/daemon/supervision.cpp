@@ -1,0 +1,259 @@
+#include "daemon/supervision.h"
+
+#include "config/accessors.h"
+#include "daemon/profiles.h"
+#include "daemon/signals.h"
+#include "daemon/snapshot.h"
+#include "daemon/transmit_guard.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "standalone/worker_control.h"
+#include "gating/authorization.h"
+#include "modem/modem.h"
+
+#include <cstring>
+#include <unistd.h>
+
+namespace cbsd::daemon {
+
+namespace {
+
+
+constexpr unsigned kSteadySleepSeconds = 5;
+constexpr int kLteAttachWaitSeconds = 5;
+constexpr int kWaitWithoutLimit = 0;
+
+// Text fields are compared and printed within their width: a field carried
+// over from the 0xFF filler of the first pass has no terminator.
+template <size_t Width>
+bool text_differs(const char (&a)[Width], const char (&b)[Width]) {
+    return std::strncmp(a, b, Width) != 0;
+}
+
+template <size_t Width>
+void report_text(const char* name, const char (&old_value)[Width], const char (&new_value)[Width]) {
+    if (text_differs(old_value, new_value))
+        base::notice("[SAS] %s change: %.*s -> %.*s\n", name, static_cast<int>(Width), old_value,
+            static_cast<int>(Width), new_value);
+}
+
+void report_number(const char* name, int old_value, int new_value) {
+    if (old_value != new_value) base::notice("[SAS] %s change: %d -> %d\n", name, old_value, new_value);
+}
+
+bool is_empty(const char* text) { return text[0] == '\0'; }
+
+// Keeps the last known cell, or follows a new one (blocking until the modem
+// reports a plausible cell, deliberately without a time limit).
+void refresh_cell_frequency(SupervisionState& state) {
+    SupervisionSnapshot& current = state.current;
+    const SupervisionSnapshot& previous = state.previous;
+    if (is_empty(current.frequency) || is_empty(current.bandwidth)) {
+        std::memcpy(current.frequency, previous.frequency, sizeof current.frequency);
+        std::memcpy(current.bandwidth, previous.bandwidth, sizeof current.bandwidth);
+    } else if (text_differs(current.frequency, previous.frequency) ||
+               text_differs(current.bandwidth, previous.bandwidth)) {
+        modem::wait_and_store_cell_range(kWaitWithoutLimit);
+    }
+}
+
+void react_to_lte_link(const SupervisionState& state) {
+    if (state.current.lteConnected == state.previous.lteConnected) return;
+    if (state.current.lteConnected) {
+        base::notice("[SAS] LTE is in connection.\n");
+        if (modem::wait_for_lte(kLteAttachWaitSeconds) != 0)
+            base::notice_to_syslog("[SAS] get current frequence information timeout.\n");
+        modem::store_cell_range();
+    } else {
+        base::notice_to_syslog("[SAS] LTE is not in connection.\n");
+    }
+}
+
+void enter_dp_mode() {
+    base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
+    gating::clear_cbsd_state();
+}
+
+// The fresh worker starts from the current configuration, so the
+// configuration-change check of the same pass must not restart it.
+void enter_standalone_mode(SupervisionState& state) {
+    base::notice_to_syslog("[SAS] CPE is communicating with SAS using StandAlone.\n");
+    gating::clear_cbsd_state();
+    standalone::start_standalone_worker();
+    copy_configuration_block(state.previous, state.current);
+}
+
+// Returns true when SAS was switched off, which ends the pass.
+bool react_to_sas_switch(SupervisionState& state) {
+    SupervisionSnapshot& current = state.current;
+    if (current.sasEnable == state.previous.sasEnable) return false;
+    if (!current.sasEnable) {
+        base::notice_to_syslog("[SAS] sas disable.\n");
+        standalone::stop_standalone_worker();
+        gating::clear_cbsd_state();
+        gating::recover_network();
+        return true;
+    }
+    base::notice_to_syslog("[SAS] sas enable.\n");
+    gating::unauthorize_device(1);
+    if (current.dpEnable)
+        enter_dp_mode();
+    else
+        enter_standalone_mode(state);
+    state.previous.dpEnable = current.dpEnable;
+    return false;
+}
+
+void react_to_mode_switch(SupervisionState& state) {
+    if (state.current.dpEnable == state.previous.dpEnable) return;
+    gating::unauthorize_device(1);
+    if (state.current.dpEnable) {
+        base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
+        standalone::stop_standalone_worker();
+        gating::clear_cbsd_state();
+    } else {
+        enter_standalone_mode(state);
+    }
+}
+
+void react_to_configuration_change(const SupervisionState& state) {
+    if (state.current.dpEnable) return;  // the proxy owns the configuration in DP mode
+    if (configuration_block_equal(state.current, state.previous)) return;
+    base::notice("[SAS] sas configuration is changed.\n");
+    restart_standalone_worker();
+}
+
+// In StandAlone mode RadioEnable "1" opens only with a transmit deadline
+// held: a stale "1" left in an unwritable store must not open the gates.
+bool may_open() { return transmit_allowed(base::monotonic_ms64()); }
+
+void react_to_radio_switch(SupervisionState& state) {
+    const SupervisionSnapshot& current = state.current;
+    if (current.radioEnable == state.previous.radioEnable) return;
+    if (current.radioEnable && !may_open()) {
+        base::notice("[SAS] RadioEnable=1 without a transmit deadline, traffic stays stopped.\n");
+        gating::unauthorize_device(0);
+    } else if (current.radioEnable) {
+        base::notice_to_syslog("[SAS] sas radio enable.\n");
+        gating::authorize_device(1);
+        if (current.dpEnable) config::set_status("Authorized");
+    } else {
+        base::notice_to_syslog("[SAS] sas radio disable.\n");
+        gating::unauthorize_device(1);
+        if (current.dpEnable) config::set_status("Unregistered");
+    }
+    // The switch above already took the new power into account.
+    state.previous.powerSptDensity = current.powerSptDensity;
+}
+
+void react_to_power_change(const SupervisionState& state) {
+    const SupervisionSnapshot& current = state.current;
+    if (current.powerSptDensity == state.previous.powerSptDensity || !current.radioEnable) return;
+    base::notice("[SAS] powerSptDensity is changed(SAS_CONFIG_POWER=%d).\n", current.powerSptDensity);
+    gating::apply_transmit_power(true, gating::compute_transmit_power());
+}
+
+// Without SAS the device is never gated; with SAS the radio flag decides.
+// The gate operations inspect the system first, so this repairs rules that
+// were changed behind the daemon's back.
+void reassert_traffic_state(const SupervisionSnapshot& current) {
+    if (!current.sasEnable || (current.radioEnable && may_open()))
+        gating::authorize_device(0);
+    else
+        gating::unauthorize_device(0);
+}
+
+// The steady sleep in short steps, so that a stop request ends it early.
+void steady_sleep() {
+    for (unsigned step = 0; step < kSteadySleepSeconds * 4 && !stop_requested(); ++step)
+        base::sleep_ms(250);
+}
+
+PassOutcome finish_changed_pass(SupervisionState& state) {
+    state.previous = state.current;
+    return PassOutcome::Changed;
+}
+
+}  // namespace
+
+void report_snapshot_changes(const SupervisionSnapshot* previous, const SupervisionSnapshot* current) {
+    if (!previous || !current) return;
+    const SupervisionSnapshot& p = *previous;
+    const SupervisionSnapshot& c = *current;
+    report_number("sasEnable", p.sasEnable, c.sasEnable);
+    report_number("dpEnable", p.dpEnable, c.dpEnable);
+    report_text("regMethod", p.regMethod, c.regMethod);
+    report_text("sasServerURL", p.sasServerURL, c.sasServerURL);
+    report_text("userId", p.userId, c.userId);
+    report_text("callSign", p.callSign, c.callSign);
+    report_text("longitude", p.longitude, c.longitude);
+    report_text("latitude", p.latitude, c.latitude);
+    report_text("indoorDeployment", p.indoorDeployment, c.indoorDeployment);
+    report_text("height", p.height, c.height);
+    report_text("heightUnit", p.heightUnit, c.heightUnit);
+    report_text("cpiId", p.cpiId, c.cpiId);
+    report_text("cpiName", p.cpiName, c.cpiName);
+    report_text("cpiInstallTime", p.cpiInstallTime, c.cpiInstallTime);
+    report_text("antennaAzimuth", p.antennaAzimuth, c.antennaAzimuth);
+    report_text("antennaDowntilt", p.antennaDowntilt, c.antennaDowntilt);
+    report_text("antennaBeamwidth", p.antennaBeamwidth, c.antennaBeamwidth);
+    report_number("radioEnable", p.radioEnable, c.radioEnable);
+    report_number("lteConnected", p.lteConnected, c.lteConnected);
+    report_number("powerSptDensity", p.powerSptDensity, c.powerSptDensity);
+    report_text("frequency", p.frequency, c.frequency);
+    report_text("bandwidth", p.bandwidth, c.bandwidth);
+}
+
+void restart_standalone_worker() {
+    standalone::stop_standalone_worker();
+    base::sleep_seconds(1);
+    gating::clear_cbsd_state();
+    standalone::start_standalone_worker();
+}
+
+void init_supervision_state(SupervisionState& state) {
+    std::memset(&state.current, 0, sizeof state.current);
+    // Every flag of the first pass differs from this filler.
+    std::memset(&state.previous, 0xFF, sizeof state.previous);
+    state.pass = 0;
+}
+
+PassOutcome run_supervision_pass(SupervisionState& state) {
+    auto_enable();
+
+    ++state.pass;
+    std::memset(&state.current, 0, sizeof state.current);
+    load_snapshot(&state.current);
+    arm_transmit_guard(state.current.sasEnable && !state.current.dpEnable);
+    refresh_cell_frequency(state);
+
+    if (snapshots_equal(state.current, state.previous)) {
+        reassert_traffic_state(state.current);
+        return PassOutcome::Unchanged;
+    }
+
+    if (state.pass != 1) {
+        report_snapshot_changes(&state.previous, &state.current);
+        base::notice("\n[SAS] sas will run with lasted configuration.\n");
+        react_to_lte_link(state);
+    }
+
+    if (react_to_sas_switch(state) || !state.current.sasEnable) return finish_changed_pass(state);
+
+    react_to_mode_switch(state);
+    react_to_configuration_change(state);
+    react_to_radio_switch(state);
+    react_to_power_change(state);
+    return finish_changed_pass(state);
+}
+
+bool supervision_loop() {
+    SupervisionState state;
+    init_supervision_state(state);
+    while (!stop_requested()) {
+        if (run_supervision_pass(state) == PassOutcome::Unchanged) steady_sleep();
+    }
+    return state.current.sasEnable != 0;
+}
+
+}  // namespace cbsd::daemon

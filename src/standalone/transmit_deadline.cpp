@@ -1,0 +1,48 @@
+#include "standalone/transmit_deadline.h"
+
+#include "config/schema.h"
+#include "config/uci_store.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+
+namespace cbsd::standalone {
+
+namespace {
+
+constexpr int64_t kNoDeadline = INT64_MIN;
+constexpr long kLongestLeadSeconds = 86400;
+
+std::atomic<int64_t> g_deadlineMs{kNoDeadline};
+
+}  // namespace
+
+int64_t transmit_deadline_from(int64_t expireEpoch, int64_t wallAtReceipt, int64_t receivedMs,
+                               uint32_t maxLeadSeconds) {
+    int64_t lead = std::min(expireEpoch - wallAtReceipt, static_cast<int64_t>(maxLeadSeconds));
+    return receivedMs + lead * 1000 + kTransmitGraceMs;
+}
+
+uint32_t max_transmit_lead_seconds() {
+    char value[16] = {};
+    config::config_get(config::kSasConfigPath, config::schema::kMaxTransmitLead, value,
+                       sizeof value);
+    char* end = nullptr;
+    long seconds = std::strtol(value, &end, 10);
+    if (end == value || *end != '\0' || seconds < 1 || seconds > kLongestLeadSeconds)
+        return kDefaultMaxTransmitLeadSeconds;
+    return static_cast<uint32_t>(seconds);
+}
+
+void hold_transmit_deadline(int64_t deadlineMs) { g_deadlineMs.store(deadlineMs); }
+
+void drop_transmit_deadline() { g_deadlineMs.store(kNoDeadline); }
+
+bool transmit_deadline_held(int64_t nowMs) {
+    int64_t deadline = g_deadlineMs.load();
+    return deadline != kNoDeadline && nowMs < deadline;
+}
+
+}  // namespace cbsd::standalone

@@ -1,0 +1,31 @@
+// The one authorisation the gates obey in StandAlone mode: a deadline on the
+// 64-bit monotonic clock, taken from the last heartbeat success.  The wall
+// clock is read once, at receipt, so stepping it later moves nothing.  The
+// worker holds and drops it; the transmit guard and the supervision loop read
+// it without waiting on either.
+#pragma once
+
+#include <cstdint>
+
+namespace cbsd::standalone {
+
+// Transmission may go on this long past transmitExpireTime.
+inline constexpr int64_t kTransmitGraceMs = 30000;
+// A transmitExpireTime further ahead than this counts only this far.
+inline constexpr uint32_t kDefaultMaxTransmitLeadSeconds = 240;
+
+// receivedMs + min(expireEpoch - wallAtReceipt, maxLead) s + the grace, in
+// monotonic milliseconds.
+int64_t transmit_deadline_from(int64_t expireEpoch, int64_t wallAtReceipt, int64_t receivedMs,
+                               uint32_t maxLeadSeconds);
+
+// The configured maximum lead (UCI config.maxTransmitLead, seconds); the
+// default when unset, not a number or out of 1..86400.
+uint32_t max_transmit_lead_seconds();
+
+void hold_transmit_deadline(int64_t deadlineMs);
+void drop_transmit_deadline();
+// True while a deadline is held and nowMs lies before it.
+bool transmit_deadline_held(int64_t nowMs);
+
+}  // namespace cbsd::standalone

@@ -1,0 +1,71 @@
+#include "base/utc_time.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace cbsd::base {
+namespace {
+
+int64_t parsed(const char* text) {
+    int64_t value = -12345;
+    EXPECT_TRUE(parse_utc_time(text, &value)) << text;
+    return value;
+}
+
+bool rejects(const char* text) {
+    int64_t value = -12345;
+    return !parse_utc_time(text, &value) && value == -12345;
+}
+
+TEST(UtcTime, DaysFromCivil) {
+    EXPECT_EQ(days_from_civil(1970, 1, 1), 0);
+    EXPECT_EQ(days_from_civil(1969, 12, 31), -1);
+    EXPECT_EQ(days_from_civil(2000, 3, 1), 11017);
+    EXPECT_EQ(days_from_civil(2024, 2, 29), 19782);
+}
+
+TEST(UtcTime, KnownInstants) {
+    EXPECT_EQ(parsed("1970-01-01T00:00:00Z"), 0);
+    EXPECT_EQ(parsed("2024-05-01T12:00:00Z"), 1714564800);
+    EXPECT_EQ(parsed("2038-01-19T03:14:07Z"), 2147483647);
+}
+
+TEST(UtcTime, PastThe32BitEnd) {
+    EXPECT_EQ(parsed("2038-01-19T03:14:08Z"), int64_t{2147483648});
+    EXPECT_EQ(parsed("2040-06-01T00:00:00Z"), int64_t{2222121600});
+    EXPECT_EQ(parsed("2106-02-07T06:28:16Z"), int64_t{4294967296});
+}
+
+TEST(UtcTime, RejectsWhatIsNotATime) {
+    EXPECT_TRUE(rejects(nullptr));
+    EXPECT_TRUE(rejects(""));
+    EXPECT_TRUE(rejects("soon"));
+    EXPECT_TRUE(rejects("2024-05-01T12:00:00"));
+    EXPECT_TRUE(rejects("2024-05-01T12:00:00+01:00"));
+    EXPECT_TRUE(rejects("2024-05-01 12:00:00Z"));
+    EXPECT_TRUE(rejects("2024-13-01T12:00:00Z"));
+    EXPECT_TRUE(rejects("2023-02-29T12:00:00Z"));
+    EXPECT_TRUE(rejects("2024-05-01T24:00:00Z"));
+    EXPECT_TRUE(rejects("2024-05-01T12:60:00Z"));
+    EXPECT_TRUE(rejects("2024-05-01T12:00:00Zjunk"));
+    EXPECT_TRUE(rejects("+024-05-01T12:00:00Z"));
+}
+
+// Where time_t has 64 bits, the conversion agrees with the C library's UTC
+// conversion on every day of several centuries.
+TEST(UtcTime, AgreesWithTimegmDayByDay) {
+    if (sizeof(time_t) < 8) GTEST_SKIP() << "32-bit time_t";
+    for (int64_t day = -25567; day < 60000; day += 1) {
+        time_t instant = static_cast<time_t>(day * 86400 + 3723);
+        tm broken{};
+        ASSERT_NE(gmtime_r(&instant, &broken), nullptr);
+        char text[32];
+        ASSERT_GT(strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &broken), 0u);
+        EXPECT_EQ(parsed(text), static_cast<int64_t>(instant)) << text;
+    }
+}
+
+}  // namespace
+}  // namespace cbsd::base

@@ -1,0 +1,42 @@
+// Refusals that start the procedure over: the first at once, as specified;
+// a repeated one backs off like a transport failure, so that a SAS refusing
+// every time sees a handful of requests a minute, not hundreds.
+#include "standalone_fixture.h"
+
+namespace cbsd::standalone {
+namespace {
+
+TEST_F(StandaloneThread, RepeatedGrantConflictsBackOff) {
+    for (int i = 0; i < 3; ++i)
+        sim_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
+    run_to_first_sleep();
+    // The first conflict asks again at once; the second waits 15 s.
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                          "relinquishment", "grant", "relinquishment"}));
+    ASSERT_TRUE(PassGate::instance().steps(14));
+    EXPECT_EQ(sim_endpoints().size(), 6u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(count_of(sim_endpoints(), "grant"), 3u);
+    // The third waits 30 s, then the grant goes through.
+    ASSERT_TRUE(PassGate::instance().steps(29));
+    EXPECT_EQ(count_of(sim_endpoints(), "grant"), 3u);
+    ASSERT_TRUE(PassGate::instance().step());
+    EXPECT_EQ(count_of(sim_endpoints(), "grant"), 4u);
+    EXPECT_EQ(stored("operation", "status"), "Authorized");
+}
+
+TEST_F(StandaloneThread, AHeartbeatSuccessEndsTheRefusalStreak) {
+    authorize();
+    sim_push("heartbeat", R"({"responseCode":500})");
+    ASSERT_TRUE(PassGate::instance().steps(60));
+    // 500: relinquish, and at once a new grant and heartbeat.
+    EXPECT_EQ(stored("operation", "status"), "Authorized");
+    size_t before = sim_endpoints().size();
+    sim_push("heartbeat", R"({"responseCode":500})");
+    ASSERT_TRUE(PassGate::instance().steps(60));
+    EXPECT_GT(sim_endpoints().size(), before + 2);
+    EXPECT_EQ(stored("operation", "status"), "Authorized");
+}
+
+}  // namespace
+}  // namespace cbsd::standalone

@@ -1,0 +1,73 @@
+// Fixture of the worker start/stop tests: a SAS simulator, the lab's modem
+// stand-in, a fresh configuration and real one-second sleeps.
+#pragma once
+
+#include "base/clock.h"
+#include "config/uci_store.h"
+#include "standalone/standalone_thread.h"
+#include "standalone/worker_control.h"
+#include "thread_harness.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace cbsd::standalone {
+
+
+inline std::string log_text() { return test::read_file("/root/sas/sas.log"); }
+
+inline size_t occurrences(const std::string& text, const std::string& piece) {
+    size_t n = 0;
+    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
+    return n;
+}
+
+// The id printed in the first "create standalone thread[ID] success." line.
+inline std::string created_thread_id(const std::string& log) {
+    const std::string prefix = "[SAS] create standalone thread[";
+    size_t start = log.find(prefix);
+    if (start == std::string::npos) return "";
+    start += prefix.size();
+    size_t end = log.find("] success.\n", start);
+    if (end == std::string::npos) return "";
+    std::string id = log.substr(start, end - start);
+    if (id.find_first_not_of("0123456789") != std::string::npos) return "";
+    return id;
+}
+
+inline std::string status() {
+    char value[32] = {};
+    config::config_get(config::kSasConfigPath, "operation", "status", value, sizeof value);
+    return value;
+}
+
+class WorkerControl : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(test::SimulatorProcess::start(url_));
+        std::string path = test::kSourceDir + "/tests/lab/bin:" + getenv("PATH");
+        setenv("PATH", path.c_str(), 1);
+        test::write_file("/etc/lab/modem.json", R"({"netstat": 4})");
+        test::write_file("/etc/TZ", "UTC0\n");
+        setenv("TZ", "UTC0", 1);
+        tzset();
+    }
+    static void TearDownTestSuite() { test::SimulatorProcess::stop(); }
+
+    void SetUp() override {
+        test::sim_clear();
+        unlink("/root/sas/sas.log");
+        ASSERT_TRUE(test::write_file(config::kSasConfigPath,
+                                     test::sas_config_text(url_, "Unregistered")));
+        // Real one-second sleeps: these tests check the real stop protocol.
+        base::set_clock({});
+    }
+    void TearDown() override { stop_standalone_worker(); }
+
+    static std::string url_;
+};
+
+inline std::string WorkerControl::url_;
+
+}  // namespace cbsd::standalone
