@@ -178,6 +178,9 @@ TEST(RunCapture, KeepsTheOutputOfAnArgumentVectorUninterpreted) {
 }
 
 TEST(RunCapture, AMissingProgramIsNotStarted) {
+    // qemu-user runs posix_spawn's child as a plain fork, so an exec failure
+    // comes back as a started child that exits 127 instead of an error.
+    if (getenv("CBSD_UNDER_EMULATOR")) GTEST_SKIP() << "exec failures are not reported under qemu-user";
     const char* const argv[] = {"no-such-program-here", nullptr};
     char buffer[16] = {};
     EXPECT_EQ(cbsd::base::run_capture(argv, buffer, sizeof buffer), nullptr);
