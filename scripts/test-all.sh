@@ -71,7 +71,7 @@ TSAN_REPORTS="$ROOT/build-tsan/tsan-reports"
 if BUILD_TARGETS="cbsd test_standalone test_daemon" build build-tsan -DCBSD_WERROR=ON -DCBSD_TSAN=ON -DCMAKE_BUILD_TYPE=Debug &&
    rm -rf "$TSAN_REPORTS" && mkdir -p "$TSAN_REPORTS"; then
     TSAN_OPTIONS="halt_on_error=0 log_path=$TSAN_REPORTS/report" \
-        run_ctest tsan build-tsan -R '^(StandaloneThread|AuthorizedHeartbeat|WorkerControl|system\.test_standalone)'
+        run_ctest tsan build-tsan -R '^(StandaloneThread|AuthorizedHeartbeat|WorkerControl|TransmitDeadline|TransmitGuardTest|system\.test_standalone|system\.test_guard)'
     if [ -n "$(ls -A "$TSAN_REPORTS")" ]; then
         echo "ThreadSanitizer reported:"; cat "$TSAN_REPORTS"/*
         status=1; failed=$((failed + 1)); summary+=("tsan: reports found")
