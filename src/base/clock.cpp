@@ -11,7 +11,13 @@ namespace {
 
 Clock replacement{};
 
-uint32_t real_monotonic_seconds() { return monotonic_ms() / 1000u; }
+// Cut from the 64-bit clock, so the seconds wrap at 2^32 like any unsigned
+// counter (differences stay right across it), not at 2^32 milliseconds.
+uint32_t real_monotonic_seconds() {
+    timespec now{};
+    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) return 0;
+    return static_cast<uint32_t>(now.tv_sec);
+}
 
 void real_sleep_ms(uint32_t ms) {
     timespec rest{static_cast<time_t>(ms / 1000u), static_cast<long>(ms % 1000u) * 1000000L};

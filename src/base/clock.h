@@ -10,7 +10,7 @@ namespace cbsd::base {
 
 struct Clock {
     time_t (*wall_seconds)();          // seconds since the epoch
-    uint32_t (*monotonic_seconds)();   // wraps with monotonic_ms(); only differences count
+    uint32_t (*monotonic_seconds)();   // wraps at 2^32 s; only differences count
     void (*sleep_ms)(uint32_t ms);
     int64_t (*monotonic_ms64)() = nullptr;
 };

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace cbsd::config {
 
@@ -36,6 +37,15 @@ void read_into_caller_buffer(UciName name, char* buffer, size_t size) {
 }
 
 }  // namespace
+
+// An empty file is what a commit cut short by a full store used to leave
+// behind; it parses, but it is no configuration.
+bool sas_config_readable() {
+    struct stat info{};
+    if (stat(kSasConfigPath, &info) != 0 || info.st_size == 0) return false;
+    char value[8];
+    return read_sas_option(schema::kEnableMode, value) != 0;
+}
 
 bool is_sas_enabled() {
     return flag_is_set<128>(schema::kEnableMode, "[SAS] enableMode no value");

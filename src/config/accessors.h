@@ -6,6 +6,9 @@
 
 namespace cbsd::config {
 
+// False when /etc/config/sas is missing, empty or cannot be read or parsed:
+// then every accessor below would read "absent", which is not "disabled".
+bool sas_config_readable();
 bool is_sas_enabled();               // config.enableMode == 1  ("[SAS] enableMode no value")
 bool is_dp_enabled();                // config.usedp == 1       ("[SAS] usedp no value")
 bool is_single_step_registration();  // config.sasStepChoice == 1

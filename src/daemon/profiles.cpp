@@ -34,6 +34,8 @@ constexpr uint8_t kAutoOn = 1;
 constexpr uint8_t kAutoOff = 2;
 constexpr uint8_t kInBand48 = 1;
 constexpr uint8_t kNotInBand48 = 2;
+constexpr uint8_t kBandUnknown = 3;
+constexpr int kBandQueryFailed = -1;
 
 AutoEnableState process_auto_state;
 
@@ -180,8 +182,18 @@ void auto_enable(AutoEnableState& state) {
         state.lastAuto = kAutoOn;
     }
 
+    int queried = modem::get_band();
+    // A failed query says nothing about the band: enableMode keeps what the
+    // last answer decided, so a modem hiccup never switches SAS off.
+    if (queried == kBandQueryFailed) {
+        if (state.lastBand != kBandUnknown) {
+            base::notice("[SAS] LTE band unknown, SAS stays as it was.\n");
+            state.lastBand = kBandUnknown;
+        }
+        return;
+    }
     char band[8] = {};
-    std::snprintf(band, sizeof band, "%d", modem::get_band());
+    std::snprintf(band, sizeof band, "%d", queried);
     // enableMode is written on every pass while auto is on, not only on a change.
     if (std::strcmp(band, "48") == 0) {
         if (state.lastBand != kInBand48) {

@@ -60,6 +60,12 @@ void ensure_work_dir() {
 // removes every rule.  With SAS enabled nobody holds an authorisation yet:
 // close instead, so that traffic is never opened first.
 void set_initial_traffic_state() {
+    // Unreadable is not "disabled": nothing says traffic may flow unguarded.
+    if (!config::sas_config_readable()) {
+        base::notice("[SAS] /etc/config/sas cannot be read at start, traffic stays stopped.\n");
+        gating::unauthorize_device(0);
+        return;
+    }
     if (config::is_sas_enabled()) {
         base::notice("[SAS] SAS is enabled at start, traffic stays stopped.\n");
         gating::unauthorize_device(0);

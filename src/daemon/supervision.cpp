@@ -169,6 +169,31 @@ void steady_sleep() {
         base::sleep_ms(250);
 }
 
+// An unreadable /etc/config/sas would read as "SAS disabled" and open every
+// gate.  The last readable decision stays in force instead: without SAS
+// traffic stays open, in StandAlone mode the transmit deadline decides as
+// always.  In DP mode the proxy's RadioEnable is the authority and can no
+// longer be read, so a withdrawal would go unseen: the gates close.  With no
+// readable decision yet they close too.
+PassOutcome keep_last_decision(SupervisionState& state) {
+    if (!state.unreadable) {
+        base::notice("[SAS] /etc/config/sas cannot be read, the last readable configuration stays in force.\n");
+        state.unreadable = true;
+    }
+    const SupervisionSnapshot& last = state.previous;
+    if (state.pass == 0 || (last.sasEnable && last.dpEnable))
+        gating::unauthorize_device(0);
+    else
+        reassert_traffic_state(last);
+    return PassOutcome::Unchanged;
+}
+
+void note_readable_again(SupervisionState& state) {
+    if (!state.unreadable) return;
+    base::notice("[SAS] /etc/config/sas can be read again.\n");
+    state.unreadable = false;
+}
+
 PassOutcome finish_changed_pass(SupervisionState& state) {
     state.previous = state.current;
     return PassOutcome::Changed;
@@ -216,9 +241,12 @@ void init_supervision_state(SupervisionState& state) {
     // Every flag of the first pass differs from this filler.
     std::memset(&state.previous, 0xFF, sizeof state.previous);
     state.pass = 0;
+    state.unreadable = false;
 }
 
 PassOutcome run_supervision_pass(SupervisionState& state) {
+    if (!config::sas_config_readable()) return keep_last_decision(state);
+    note_readable_again(state);
     auto_enable();
 
     ++state.pass;

@@ -23,6 +23,7 @@ struct SupervisionState {
     SupervisionSnapshot current;
     SupervisionSnapshot previous;  // all 0xFF before the first pass
     uint32_t pass;                         // 1 during the first pass
+    bool unreadable;  // /etc/config/sas could not be read on the last attempt
 };
 
 enum class PassOutcome {

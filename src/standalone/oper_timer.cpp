@@ -61,11 +61,16 @@ void oper_timer_schedule(OperTimer* timer, uint32_t now, uint32_t heartbeatInter
             timer->secTime = 0;
             return;
     }
-    timer->secTime = now + wait;
+    // 0 means "due at once", so a wait that ends exactly on the wrap ends a
+    // second later instead.
+    timer->secTime = now + wait == 0 ? 1 : now + wait;
 }
 
+// The monotonic seconds wrap: the remaining wait is the difference taken as a
+// signed number, which is right for any wait shorter than 68 years.
 bool oper_timer_waiting(const OperTimer* timer, uint32_t now) {
-    return timer && timer->enable != 0 && now < timer->secTime;
+    if (!timer || timer->enable == 0 || timer->secTime == 0) return false;
+    return static_cast<int32_t>(timer->secTime - now) > 0;
 }
 
 uint32_t timer_type_from_post_result(int32_t result) {

@@ -407,12 +407,39 @@ TEST_F(AutoEnable, OtherBandTurnsSasOff) {
     EXPECT_TRUE(logged("[SAS] LTE is not in Band 48, so turn off SAS automatically.\n"));
 }
 
-TEST_F(AutoEnable, FailingBandQueryTurnsSasOff) {
+// A failed query is "unknown", not "not Band 48": enableMode stays as the
+// last answer left it, and the unknown band is logged once per streak.
+TEST_F(AutoEnable, FailingBandQueryKeepsTheLastDecision) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    ASSERT_EQ(get("config", "enableMode"), "1");
     test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
     auto_enable(state_);
-    EXPECT_EQ(get("config", "enableMode"), "0");
-    EXPECT_TRUE(logged("[SAS] LTE is not in Band 48, so turn off SAS automatically.\n"));
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "1");
+    EXPECT_FALSE(logged("LTE is not in Band 48"));
     EXPECT_TRUE(logged("get band error:"));
+    EXPECT_EQ(count("[SAS] LTE band unknown, SAS stays as it was.\n"), 1);
+    test::set_lab_modem(R"({"band": 41})");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "0");
+}
+
+TEST_F(AutoEnable, FailingBandQueryOnTheFirstPassWritesNothing) {
+    test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "x");
+    EXPECT_FALSE(logged("Band 48"));
+}
+
+TEST_F(AutoEnable, BandKnownAgainAfterAnUnknownOneIsLoggedAgain) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
+    auto_enable(state_);
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    EXPECT_EQ(count("LTE is in Band 48"), 2);
 }
 
 TEST_F(AutoEnable, BandChangesAreLoggedEachTime) {

@@ -122,6 +122,9 @@ std::string describe_gates() {
            shell("/usr/sbin/ebtables -L BRIDGE_FORWARD") + shell("ifconfig | grep 112");
 }
 
+const char* const kUnreadableLine =
+    "[SAS] /etc/config/sas cannot be read, the last readable configuration stays in force.\n";
+
 class SupervisionTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -438,14 +441,81 @@ TEST_F(SupervisionTest, GarbageFromTheModemNeverStopsTheLoopForGood) {
     EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
 
-TEST_F(SupervisionTest, MissingConfigurationFileCountsAsSasDisabled) {
+// Unreadable is not "SAS disabled": with no readable configuration yet the
+// gates close and stay closed, and the fault is logged once.
+TEST_F(SupervisionTest, MissingConfigurationFileOnTheFirstPassKeepsTrafficStopped) {
     std::remove(kSasConfigPath);
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
-    EXPECT_EQ(count(log(), "[SAS] sas disable.\n"), 1u);
-    EXPECT_NE(log().find("[SAS] enableMode no value"), std::string::npos);
+    ASSERT_TRUE(all_gates_open()) << describe_gates();
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
+    EXPECT_EQ(count(log(), kUnreadableLine), 1u) << log();
+    EXPECT_EQ(log().find("sas disable"), std::string::npos) << log();
+    EXPECT_EQ(log().find("enableMode no value"), std::string::npos) << log();
+    EXPECT_EQ(state.pass, 0u);
+}
+
+class UnreadableConfiguration : public SupervisionTest,
+                                public ::testing::WithParamInterface<const char*> {
+protected:
+    // Missing, empty (a commit cut short by a full store) or not parseable.
+    void break_the_file() {
+        std::string how = GetParam();
+        if (how == "missing")
+            std::remove(kSasConfigPath);
+        else if (how == "empty")
+            write_file(kSasConfigPath, "");
+        else
+            write_file(kSasConfigPath, "config 'sasConfig\n\"unterminated");
+    }
+};
+
+TEST_P(UnreadableConfiguration, SasEnabledBeforeKeepsTheGatesClosed) {
+    start_with("1", "1", "0");
+    ASSERT_EQ(settle(), 2);
+    ASSERT_TRUE(all_gates_closed()) << describe_gates();
+    std::string good = read_file(kSasConfigPath);
+    clear_log();
+    break_the_file();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
+    EXPECT_EQ(count(log(), kUnreadableLine), 1u) << log();
+    EXPECT_EQ(log().find("sas disable"), std::string::npos) << log();
+    EXPECT_EQ(log().find("recovered"), std::string::npos) << log();
+
+    write_file(kSasConfigPath, good);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(count(log(), "[SAS] /etc/config/sas can be read again.\n"), 1u) << log();
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
+}
+
+TEST_P(UnreadableConfiguration, SasDisabledBeforeLeavesTrafficAsItIs) {
+    start_with("0", "0", "0");
+    ASSERT_EQ(settle(), 2);
+    ASSERT_TRUE(all_gates_open()) << describe_gates();
+    break_the_file();
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
     EXPECT_TRUE(all_gates_open()) << describe_gates();
+    EXPECT_EQ(count(log(), kUnreadableLine), 1u) << log();
 }
+
+// In DP mode the proxy's RadioEnable can no longer be read, so its
+// withdrawal would go unseen: an authorised device closes its gates.
+TEST_P(UnreadableConfiguration, DpAuthorizedClosesTheGates) {
+    start_with("1", "1", "0");
+    settle();
+    set_option("sasConfig", "RadioEnable", "1");
+    settle();
+    ASSERT_TRUE(all_gates_open()) << describe_gates();
+    break_the_file();
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_TRUE(all_gates_closed()) << describe_gates();
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(count(log(), kUnreadableLine), 1u) << log();
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, UnreadableConfiguration,
+                         ::testing::Values("missing", "empty", "unparsable"));
 
 TEST_F(SupervisionTest, DisablingSasOpensTrafficAndResetsTheState) {
     start_with("1", "1", "0");

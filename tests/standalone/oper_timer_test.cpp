@@ -119,6 +119,41 @@ TEST(OperTimer, WaitsOnlyWhileArmedAndBeforeItsSecond) {
     EXPECT_FALSE(oper_timer_waiting(nullptr, 100));
 }
 
+// The monotonic seconds counter is 32 bits wide: a back-off scheduled just
+// before it wraps ends after its own wait, not 136 years (or at once) later.
+TEST(OperTimer, BackOffThatStraddlesTheWrapWaitsItsOwnLength) {
+    OperTimer timer{};
+    const uint32_t now = 0xFFFFFFFFu - 9;  // ten seconds before the wrap
+    EXPECT_EQ(fail_once(timer, NETWORK_ERROR, now), 15u);
+    EXPECT_EQ(timer.secTime, 5u);
+    EXPECT_TRUE(oper_timer_waiting(&timer, now));
+    EXPECT_TRUE(oper_timer_waiting(&timer, 0xFFFFFFFFu));
+    EXPECT_TRUE(oper_timer_waiting(&timer, 0));
+    EXPECT_TRUE(oper_timer_waiting(&timer, 4));
+    EXPECT_FALSE(oper_timer_waiting(&timer, 5));
+    EXPECT_FALSE(oper_timer_waiting(&timer, 6));
+}
+
+TEST(OperTimer, TenMinuteBackOffAcrossTheWrap) {
+    OperTimer timer{1, 5, 0, RESPONSE_ERROR};  // five failures already waited for
+    const uint32_t now = 0xFFFFFFFFu - 99;
+    EXPECT_EQ(fail_once(timer, RESPONSE_ERROR, now), 600u);
+    EXPECT_TRUE(oper_timer_waiting(&timer, 499));
+    EXPECT_FALSE(oper_timer_waiting(&timer, 500));
+}
+
+// A wait ending exactly on the wrap would read 0, "due at once": it ends a
+// second later instead.
+TEST(OperTimer, AWaitEndingOnTheWrapIsNotDueAtOnce) {
+    OperTimer timer{};
+    const uint32_t now = 0u - 15u;
+    fail_once(timer, OTHER, now);
+    EXPECT_EQ(timer.secTime, 1u);
+    EXPECT_TRUE(oper_timer_waiting(&timer, now));
+    EXPECT_TRUE(oper_timer_waiting(&timer, 0));
+    EXPECT_FALSE(oper_timer_waiting(&timer, 1));
+}
+
 TEST(OperTimer, TypeNames) {
     const char* names[] = {"ZERO",           "NETWORK_ERROR",   "RECV_TIMEOUT",
                            "RESPONSE_ERROR", "SUSPENDED_GRANT", "HEART_BEAT_ERROR",

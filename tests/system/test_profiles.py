@@ -175,14 +175,22 @@ def test_auto_follows_band_48(router):
     assert r.daemon.poll() is None
 
 
-def test_auto_with_failing_band_query_turns_sas_off(router):
-    modem = dict(L_M2_MODEM, fail=["getlteinfo"])
-    r = router(modem=modem, sas_config=sas_config(auto="1").replace(
-        "option enableMode '0'", "option enableMode '1'"))
+def test_auto_with_failing_band_query_keeps_sas_as_it_was(router):
+    """A failed band query is "unknown", not "not Band 48": SAS is not
+    switched off, and the unknown band is logged once, not every pass."""
+    r = router(modem=L_M2_MODEM, sas_config=sas_config(auto="1"))
     start_and_settle(r)
-    assert r.wait_for(lambda: r.uci_get("config", "enableMode") == "0", WITHIN_ONE_PASS)
-    assert r.wait_for_log("[SAS] LTE is not in Band 48, so turn off SAS automatically.\n")
-    assert "get band error:" in r.log_text()
+    assert r.wait_for(lambda: r.uci_get("config", "enableMode") == "1", WITHIN_ONE_PASS)
+    mark = len(r.log_text())
+    r.set_modem(band=None)  # the modem manager's reply lacks the band: the query fails
+    assert r.wait_for(lambda: log_after(r, mark).count("get band error:") >= 3,
+                      4 * WITHIN_ONE_PASS), log_after(r, mark)
+    news = log_after(r, mark)
+    assert r.uci_get("config", "enableMode") == "1"
+    assert news.count("[SAS] LTE band unknown, SAS stays as it was.\n") == 1
+    assert "not in Band 48" not in news and "sas disable" not in news
+    r.set_modem(band=41)
+    assert r.wait_for(lambda: r.uci_get("config", "enableMode") == "0", 3 * WITHIN_ONE_PASS)
     assert r.daemon.poll() is None
 
 

@@ -279,19 +279,47 @@ def test_power_change_while_radio_is_disabled_is_recorded_silently(dp_enabled):
     assert_alive(r)
 
 
-def test_missing_configuration_file_leaves_traffic_open(router):
+UNREADABLE = "[SAS] /etc/config/sas cannot be read, the last readable configuration stays in force.\n"
+
+
+def test_missing_configuration_file_keeps_traffic_stopped(router):
+    """Unreadable is not "SAS disabled": with nothing readable the gates stay
+    closed (logged once), and a readable file is followed from the next pass."""
     r = router(sas_config=None)
     r.start_daemon()
-    assert r.wait_for_log("[SAS] sas disable.\n")
-    assert r.wait_for(lambda: gates_open(r), 3)
+    assert r.wait_for_log("[SAS] /etc/config/sas cannot be read at start, traffic stays stopped.\n")
+    assert r.wait_for_log(UNREADABLE)
+    assert r.wait_for(lambda: gates_closed(r), 3), gate_state(r)
+    r.run("echo 1 > /proc/sys/net/ipv4/ip_forward")
+    assert r.wait_for(lambda: r.ip_forward()[0] == "0", WITHIN_ONE_PASS), gate_state(r)
     text = r.log_text()
-    for line in ("[SAS] enableMode no value", "[SAS] usedp no value",
-                 "[SAS] RadioEnable no value", "[SAS] powerSpectralDensity No value.\n"):
-        assert line in text
+    assert text.count(UNREADABLE) == 1
+    assert "sas disable" not in text and "no value" not in text
+
     mark = len(text)
-    r.run("echo 0 > /proc/sys/net/ipv4/ip_forward")
-    assert r.wait_for(lambda: r.ip_forward()[0] == "1", WITHIN_ONE_PASS)
-    assert "sas disable" not in log_after(r, mark)
+    r.write_file("/etc/config/sas", sas_config(enable_mode="0"))
+    assert wait_for_log_after(r, mark, "[SAS] /etc/config/sas can be read again.\n")
+    assert wait_for_log_after(r, mark, "[SAS] sas disable.\n")
+    assert r.wait_for(lambda: gates_open(r), 3), gate_state(r)
+    assert_alive(r)
+
+
+def test_configuration_emptied_while_authorized_closes_the_gates(dp_enabled):
+    """A commit cut short by a full store used to leave an empty file, read as
+    "SAS disabled": gates opened. Now the proxy's withdrawal could no longer be
+    seen, so the gates close, without a disable and logged once."""
+    r = dp_enabled
+    mark = edit(r, "sasConfig", "RadioEnable", "1")
+    assert r.wait_for(lambda: gates_open(r), WITHIN_ONE_PASS), gate_state(r)
+    wait_until_quiet(r)
+    r.write_file("/etc/config/sas", "")
+    assert wait_for_log_after(r, mark, UNREADABLE)
+    assert r.wait_for(lambda: gates_closed(r), 3), gate_state(r)
+    r.run("echo 1 > /proc/sys/net/ipv4/ip_forward")
+    assert r.wait_for(lambda: r.ip_forward()[0] == "0", WITHIN_ONE_PASS), gate_state(r)
+    text = log_after(r, mark)
+    assert text.count(UNREADABLE) == 1
+    assert "sas disable" not in text and "recovered" not in text
     assert_alive(r)
 
 
