@@ -118,9 +118,17 @@ void kill_after_time_limit(const Child& child, const char* what, int time_limit_
     error("[SAS] command still running after %d s, killed: %s\n", time_limit_s, what);
 }
 
+// The cap of the calling thread's TimeLimitCap; 0 while none is in force.
+thread_local int t_limit_cap_s = 0;
+
+int capped(int time_limit_s) {
+    return t_limit_cap_s > 0 && t_limit_cap_s < time_limit_s ? t_limit_cap_s : time_limit_s;
+}
+
 // Runs argv to completion within the limit; collector may be null.
 int run(const char* const argv[], const char* what, LineCollector* collector, int time_limit_s,
         bool& started) {
+    time_limit_s = capped(time_limit_s);
     Child child;
     uint32_t started_ms = monotonic_ms();
     started = start(argv, collector != nullptr, child);
@@ -183,5 +191,11 @@ void detach_from_terminal() {
         dup2(0, 2);
     }
 }
+
+TimeLimitCap::TimeLimitCap(int seconds) : previous_(t_limit_cap_s) {
+    t_limit_cap_s = seconds;
+}
+
+TimeLimitCap::~TimeLimitCap() { t_limit_cap_s = previous_; }
 
 }  // namespace cbsd::base

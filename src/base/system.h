@@ -31,6 +31,21 @@ int run_status(const char* command, int time_limit_s = kDefaultTimeLimitSeconds)
 // started or timed out.  argv ends with nullptr.
 int run_program(const char* const argv[], int time_limit_s = kDefaultTimeLimitSeconds);
 
+// While one is alive, every start on the creating thread gets at most
+// `seconds` (a shorter limit of the call stays): a caller that must finish
+// in bounded time, such as the transmit guard closing the gates, lends this
+// bound to the code it calls without passing a limit through every layer.
+class TimeLimitCap {
+public:
+    explicit TimeLimitCap(int seconds);
+    ~TimeLimitCap();
+    TimeLimitCap(const TimeLimitCap&) = delete;
+    TimeLimitCap& operator=(const TimeLimitCap&) = delete;
+
+private:
+    int previous_;
+};
+
 // Leaves the terminal: goes on as a grandchild in a new session, umask 0, SIGHUP
 // ignored, standard descriptors on /dev/null.  Only the grandchild returns.
 void detach_from_terminal();

@@ -7,6 +7,9 @@
 #include "gating/gates.h"
 #include "modem/modem.h"
 
+#include "base/system.h"
+
+#include <chrono>
 #include <mutex>
 
 namespace cbsd::gating {
@@ -17,7 +20,20 @@ namespace {
 // time, so that an inspection and the change it leads to are not split.
 // Recursive because a switch may be entered again from within (the power
 // computation reads through the same layer).
-std::recursive_mutex g_gateLock;
+std::recursive_timed_mutex g_gateLock;
+using GateHold = std::lock_guard<std::recursive_timed_mutex>;
+
+// The transmit guard's bounds: its gate commands and its wait for the lock
+// together stay far inside the minute between the transmit deadline and the
+// time the gates must be shut, even with a firewall tool that hangs.
+constexpr int kGuardCommandLimitSeconds = 2;
+constexpr auto kGuardLockWait = std::chrono::seconds(2);
+
+void close_all_gates() {
+    set_ip_forward(false);
+    set_firewall_icmp(false);
+    set_bridge_forward(false);
+}
 
 // Whole-dB stand-in for ten times the decimal logarithm of the channel
 // bandwidth; 15 MHz maps to 11 on purpose, as the radio's power tables do.
@@ -47,7 +63,7 @@ void open_all_gates() {
 }  // namespace
 
 void authorize_device(uint8_t announce) {
-    std::lock_guard<std::recursive_mutex> hold(g_gateLock);
+    GateHold hold(g_gateLock);
     // The power goes nowhere in this product; computing it keeps the modem
     // and configuration reads of a real radio driver in place.
     compute_transmit_power();
@@ -56,22 +72,30 @@ void authorize_device(uint8_t announce) {
 }
 
 void unauthorize_device(uint8_t announce) {
-    std::lock_guard<std::recursive_mutex> hold(g_gateLock);
-    set_ip_forward(false);
-    set_firewall_icmp(false);
-    set_bridge_forward(false);
+    GateHold hold(g_gateLock);
+    close_all_gates();
     if (announce) base::notice_to_syslog("[SAS] device has been unauthorized.\n\n");
 }
 
+// Forwarding goes first and without the lock: a file write, no process, so
+// the device's traffic stops even while the loop holds the lock over a hung
+// firewall tool.  The rest waits a bounded time for the lock and then goes
+// ahead anyway: every switch inspects before it acts, so closing twice is
+// harmless, and each command gets the guard's short limit.
 bool close_open_gates() {
-    std::lock_guard<std::recursive_mutex> hold(g_gateLock);
-    bool open = is_ip_forward_enabled() || is_firewall_icmp_open() || is_bridge_forward_open();
-    if (open) unauthorize_device(0);
+    bool forwarding = is_ip_forward_enabled();
+    if (forwarding) set_ip_forward(false);
+    base::TimeLimitCap cap(kGuardCommandLimitSeconds);
+    std::unique_lock<std::recursive_timed_mutex> hold(g_gateLock, std::defer_lock);
+    if (!hold.try_lock_for(kGuardLockWait))
+        base::error("[SAS] gate switch still busy, closing the gates alongside it.\n");
+    bool open = forwarding || is_firewall_icmp_open() || is_bridge_forward_open();
+    if (open) close_all_gates();
     return open;
 }
 
 void recover_network() {
-    std::lock_guard<std::recursive_mutex> hold(g_gateLock);
+    GateHold hold(g_gateLock);
     open_all_gates();
     base::notice_to_syslog("[SAS] device network has been recovered.\n\n");
 }

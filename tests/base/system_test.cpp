@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -132,6 +134,41 @@ TEST_F(TimeLimit, CommandsWithinTheirLimitAreNotLogged) {
     EXPECT_STREQ(buffer, "fast\n");
     EXPECT_EQ(cbsd::base::run_status("exit 3", 5), 3 << 8);
     EXPECT_EQ(log_text(), "");
+}
+
+TEST_F(TimeLimit, ACapShortensTheLimitOfEveryStartOnItsThread) {
+    auto start = std::chrono::steady_clock::now();
+    {
+        cbsd::base::TimeLimitCap cap(1);
+        EXPECT_EQ(cbsd::base::run_status("sleep 30"), -1);  // default 10 s, capped to 1
+    }
+    EXPECT_LT(seconds_since(start), 5.0);
+    EXPECT_NE(log_text().find("[SAS] command still running after 1 s, killed: sleep 30\n"),
+              std::string::npos) << log_text();
+}
+
+TEST_F(TimeLimit, ACapNeverLengthensAShorterLimitAndEndsWithItsScope) {
+    {
+        cbsd::base::TimeLimitCap outer(5);
+        cbsd::base::TimeLimitCap inner(1);
+        EXPECT_EQ(cbsd::base::run_status("sleep 30", 3), -1);
+    }
+    EXPECT_NE(log_text().find("after 1 s, killed"), std::string::npos) << log_text();
+    {
+        cbsd::base::TimeLimitCap cap(5);
+        EXPECT_EQ(cbsd::base::run_status("sleep 30", 1), -1);
+    }
+    // Gone with its scope: a 2 s run of a 1 s command is not cut short.
+    EXPECT_EQ(cbsd::base::run_status("sleep 1", 2), 0);
+    EXPECT_EQ(log_text().find("after 5 s"), std::string::npos) << log_text();
+}
+
+TEST_F(TimeLimit, ACapHoldsOnlyOnTheThreadThatMadeIt) {
+    cbsd::base::TimeLimitCap cap(1);
+    int status = -2;
+    std::thread other([&] { status = cbsd::base::run_status("sleep 1.5", 3); });
+    other.join();
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(TimeLimit, TheDefaultLimitIsTenSeconds) {

@@ -6,6 +6,7 @@ import time
 
 from test_standalone import (authorized, endpoints, gates_closed, gates_open,  # noqa: F401
                              lab, pki_dir, start_disabled, start_enabled)
+from client import relative  # noqa: E402  (importable once test_standalone is)
 
 
 def stop_with(r, signum, limit=10):
@@ -84,3 +85,45 @@ def test_grant_refused_every_time_is_paced(lab):
     assert len(in_minute) <= 20, [q["endpoint"] for q in in_minute]
     assert len(sim.requests("grant")) >= 3
     assert not gates_open(r)
+
+
+def hang_rule_changes(r, name):
+    """Makes `name` hang whenever it inserts a rule (a firewall tool stuck on
+    its lock); listings still reach the real tool."""
+    r.write_file(f"/etc/lab/bin/{name}",
+                 "#!/bin/sh\n"
+                 'case " $* " in *" -I "*) echo $$ > /tmp/lab-hang-' + name
+                 + '.pid; exec sleep 3600;; esac\n'
+                 'PATH=$(printf %s "$PATH" | sed "s|/etc/lab/bin:||")\n'
+                 f'exec {name} "$@"\n', mode=0o755)
+
+
+def test_guard_closes_within_the_minute_while_rule_inserts_hang(lab):
+    """The SAS stops answering and the firewall tools hang on every insert:
+    forwarding (a file write) still closes at the deadline, and the guard's
+    attempt on the other gates ends well inside transmitExpireTime + 60 s,
+    since each of its commands gets a short limit and it does not queue
+    behind the loop's hung commands."""
+    r, sim = lab
+    authorized(lab)
+    count = len(sim.requests("heartbeat"))
+    sim.push("heartbeat", set={"transmitExpireTime": relative(5)})
+    sim.set_default("heartbeat", delay=120)
+    sim.wait_for_request("heartbeat", count=count + 1, timeout=10)
+    expire_at = time.monotonic() + 5
+    mark = len(r.log_text())
+    hang_rule_changes(r, "iptables")
+    hang_rule_changes(r, "ebtables")
+    try:
+        assert r.wait_for(lambda: r.ip_forward() == ("0", "0"), expire_at + 33 - time.monotonic())
+        closed = "[SAS] no valid transmit authorization, traffic stopped.\n"
+        assert r.wait_for(lambda: closed in r.log_text()[mark:], expire_at + 50 - time.monotonic()), \
+            r.log_text()[mark:][-3000:]
+        print(f"\nMEASURE hung inserts: guard done {time.monotonic() - expire_at:.1f} s "
+              "past transmitExpireTime")
+        assert r.ip_forward() == ("0", "0")
+    finally:
+        r.remove_file("/etc/lab/bin/iptables")
+        r.remove_file("/etc/lab/bin/ebtables")
+    assert r.wait_for(lambda: gates_closed(r), 2 * 10 + 10), r.log_text()[-2000:]
+    assert r.daemon.poll() is None
