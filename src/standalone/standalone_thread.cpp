@@ -107,13 +107,14 @@ void hold_deadline_of(const sas::HeartbeatResponse* reply) {
                                                   max_transmit_lead_seconds()));
 }
 
-// A refusal that the procedure answers by starting over at once.  The first
-// of a streak keeps that; a repeated one waits like a transport failure, on
-// a step of the schedule that grows with the streak, so a SAS that refuses
-// every time is not asked in a tight loop.  A heartbeat success ends the streak.
+// A refusal that the procedure answers by starting over.  The first of a
+// streak waits 5 s (the shortest wait there is, the one of a failed heartbeat
+// while authorised); a repeated one waits like a transport failure, on a step
+// of the schedule that grows with the streak, so a SAS that refuses every
+// time is not asked in a tight loop.  A heartbeat success ends the streak.
 void start_over_after_refusal(Worker& w) {
     if (++w.refusals <= 1) {
-        oper_timer_reset(&w.operTimer);
+        oper_timer_start(&w.operTimer, HEART_BEAT_ERROR);
         return;
     }
     oper_timer_start(&w.operTimer, RESPONSE_ERROR);
@@ -397,10 +398,10 @@ void run_authorized(Worker& w) {
             start_over_after_refusal(w);
             break;
         default:
-            // Back to Granted with the count kept: the GRANTED heartbeat goes out at once.
+            // Back to Granted; the GRANTED heartbeat is paced like any refusal.
             withdraw_radio();
             write_status(base::kGranted);
-            w.operTimer.enable = 0;
+            start_over_after_refusal(w);
             break;
     }
 }

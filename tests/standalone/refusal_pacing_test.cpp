@@ -1,6 +1,6 @@
-// Refusals that start the procedure over: the first at once, as specified;
-// a repeated one backs off like a transport failure, so that a SAS refusing
-// every time sees a handful of requests a minute, not hundreds.
+// Refusals that start the procedure over: the first after 5 s, a repeated one
+// backs off like a transport failure, so that a SAS refusing every time sees a
+// handful of requests a minute, not hundreds.
 #include "standalone_fixture.h"
 
 namespace cbsd::standalone {
@@ -10,7 +10,12 @@ TEST_F(StandaloneThread, RepeatedGrantConflictsBackOff) {
     for (int i = 0; i < 3; ++i)
         sim_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
     run_to_first_sleep();
-    // The first conflict asks again at once; the second waits 15 s.
+    // The first conflict asks again after 5 s; the second waits 15 s.
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                          "relinquishment"}));
+    ASSERT_TRUE(PassGate::instance().steps(4));
+    EXPECT_EQ(sim_endpoints().size(), 4u);
+    ASSERT_TRUE(PassGate::instance().step());
     EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "relinquishment", "grant", "relinquishment"}));
     ASSERT_TRUE(PassGate::instance().steps(14));
@@ -28,12 +33,13 @@ TEST_F(StandaloneThread, RepeatedGrantConflictsBackOff) {
 TEST_F(StandaloneThread, AHeartbeatSuccessEndsTheRefusalStreak) {
     authorize();
     sim_push("heartbeat", R"({"responseCode":500})");
-    ASSERT_TRUE(PassGate::instance().steps(60));
-    // 500: relinquish, and at once a new grant and heartbeat.
+    ASSERT_TRUE(PassGate::instance().steps(65));
+    // 500: relinquish, and 5 s later a new grant and heartbeat.
     EXPECT_EQ(stored("operation", "status"), "Authorized");
     size_t before = sim_endpoints().size();
     sim_push("heartbeat", R"({"responseCode":500})");
-    ASSERT_TRUE(PassGate::instance().steps(60));
+    // The success ended the streak: this refusal waits 5 s again, not 15.
+    ASSERT_TRUE(PassGate::instance().steps(65));
     EXPECT_GT(sim_endpoints().size(), before + 2);
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }

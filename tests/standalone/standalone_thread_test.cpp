@@ -85,9 +85,13 @@ TEST_F(StandaloneThread, InquiryNeverRaisesTheGrantPower) {
     EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "23");
 }
 
-TEST_F(StandaloneThread, InquiryDeregisterCodeDeregistersAndStartsOver) {
+TEST_F(StandaloneThread, InquiryDeregisterCodeDeregistersAndStartsOverAfterFiveSeconds) {
     sim_push("spectrumInquiry", R"({"responseCode":105})");
     run_to_first_sleep();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "deregistration"}));
+    ASSERT_TRUE(PassGate::instance().steps(4));
+    EXPECT_EQ(sim_endpoints().size(), 3u);
+    ASSERT_TRUE(PassGate::instance().step());
     Endpoints seen = sim_endpoints();
     ASSERT_GE(seen.size(), 4u);
     EXPECT_EQ(Endpoints(seen.begin(), seen.begin() + 4),
@@ -122,9 +126,14 @@ TEST_F(StandaloneThread, FailedGrantIsRetriedAloneWithGrowingBackOff) {
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 
-TEST_F(StandaloneThread, GrantConflictRelinquishesTheNamedGrantAndAsksAgainAtOnce) {
+TEST_F(StandaloneThread, GrantConflictRelinquishesTheNamedGrantAndAsksAgainAfterFiveSeconds) {
     sim_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
     run_to_first_sleep();
+    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                          "relinquishment"}));
+    ASSERT_TRUE(PassGate::instance().steps(4));
+    EXPECT_EQ(sim_endpoints().size(), 4u);
+    ASSERT_TRUE(PassGate::instance().step());
     EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "relinquishment", "grant", "heartbeat"}));
     EXPECT_TRUE(has(sim_request_element("relinquishment", 0), R"("grantId":"grant-old")"));
@@ -148,6 +157,9 @@ TEST_F(StandaloneThread, GrantedHeartbeatRefusalsEndTheGrant) {
         PassGate::instance().reset(false);
         sim_push("heartbeat", R"({"responseCode":)" + std::to_string(code) + "}");
         run_to_first_sleep();
+        EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                              "heartbeat", "relinquishment"}));
+        ASSERT_TRUE(PassGate::instance().steps(5));
         EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                               "heartbeat", "relinquishment", "grant",
                                               "heartbeat"}));
@@ -194,6 +206,10 @@ protected:
 
 TEST_F(AuthorizedHeartbeat, Code500KeepsRadioEnableAndAsksForANewGrant) {
     refuse_next_heartbeat(R"({"responseCode":500})");
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "relinquishment"}));
+    ASSERT_TRUE(PassGate::instance().steps(4));
+    EXPECT_EQ(after_authorization().size(), 2u);
+    ASSERT_TRUE(PassGate::instance().step());
     EXPECT_EQ(after_authorization(),
               (Endpoints{"heartbeat", "relinquishment", "grant", "heartbeat"}));
     EXPECT_TRUE(has(log_text(), "[SAS] Heartbeat unsuccessfully, responseCode:500("));
@@ -212,7 +228,7 @@ TEST_F(AuthorizedHeartbeat, Code502WithdrawsRadioEnable) {
     authorize();
     sim_push("heartbeat", R"({"responseCode":502})");
     sim_push("grant", R"({"responseCode":400})");
-    ASSERT_TRUE(PassGate::instance().steps(60));
+    ASSERT_TRUE(PassGate::instance().steps(65));
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "relinquishment", "grant"}));
     EXPECT_EQ(stored("operation", "status"), "Registered");
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
@@ -228,11 +244,15 @@ TEST_F(AuthorizedHeartbeat, Code501SuspendsToGrantedForOneMinute) {
     EXPECT_TRUE(has(sim_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
 }
 
-TEST_F(AuthorizedHeartbeat, OtherCodeFallsBackToGrantedAndHeartbeatsAtOnce) {
+TEST_F(AuthorizedHeartbeat, OtherCodeFallsBackToGrantedAndHeartbeatsAfterFiveSeconds) {
     authorize();
     sim_push("heartbeat", R"({"responseCode":103})");
     sim_push("heartbeat", R"({"responseCode":103})");
     ASSERT_TRUE(PassGate::instance().steps(60));
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat"}));
+    ASSERT_TRUE(PassGate::instance().steps(4));
+    EXPECT_EQ(after_authorization().size(), 1u);
+    ASSERT_TRUE(PassGate::instance().step());
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "heartbeat"}));
     EXPECT_TRUE(has(sim_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
     EXPECT_EQ(stored("operation", "status"), "Granted");
@@ -241,6 +261,8 @@ TEST_F(AuthorizedHeartbeat, OtherCodeFallsBackToGrantedAndHeartbeatsAtOnce) {
 
 TEST_F(AuthorizedHeartbeat, Code105RelinquishesDeregistersAndRegistersAgain) {
     refuse_next_heartbeat(R"({"responseCode":105})");
+    EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "relinquishment", "deregistration"}));
+    ASSERT_TRUE(PassGate::instance().steps(5));
     Endpoints seen = after_authorization();
     ASSERT_GE(seen.size(), 4u);
     EXPECT_EQ(Endpoints(seen.begin(), seen.begin() + 4),

@@ -72,8 +72,8 @@ def test_heartbeat_success_without_transmit_expire_time_does_not_open(lab):
 
 
 def test_grant_refused_every_time_is_paced(lab):
-    """A SAS answering 401 to every grant: the first conflict is answered at
-    once, repeated ones back off; at most 20 requests in the first minute."""
+    """A SAS answering 401 to every grant: the first conflict is answered
+    after 5 s, repeated ones back off; at most 20 requests in the first minute."""
     r, sim = lab
     sim.set_default("grant", responseCode=401, responseData=["grant-conflict"])
     start_enabled(r)

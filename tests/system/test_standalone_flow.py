@@ -22,7 +22,7 @@ def test_inquiry_105_deregisters_and_registers_again(lab):
     assert r.wait_for_log("[SAS] SpectrumInquiry unsuccessfully, responseCode:105(DEREGISTER)\n", 5)
 
 
-def test_grant_401_relinquishes_the_named_grant_and_asks_again_at_once(lab):
+def test_grant_401_relinquishes_the_named_grant_and_asks_again_after_five_seconds(lab):
     r, sim = lab
     sim.push("grant", responseCode=401, responseData=["grant-conflict"])
     authorized(lab)
@@ -31,7 +31,7 @@ def test_grant_401_relinquishes_the_named_grant_and_asks_again_at_once(lab):
     assert endpoints(sim)[:6] == ["registration", "spectrumInquiry", "grant", "relinquishment",
                                   "grant", "heartbeat"]
     assert relinquished[0]["json"]["relinquishmentRequest"][0]["grantId"] == "grant-conflict"
-    assert grants[1]["time"] - grants[0]["time"] < 2
+    assert 4.5 <= grants[1]["time"] - grants[0]["time"] < 8
 
 
 def test_inquiry_power_cap_reaches_grant_and_power_spectral_density(lab):
