@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "base/log.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
@@ -36,7 +37,42 @@ void read_into_caller_buffer(UciName name, char* buffer, size_t size) {
     buffer[size - 1] = '\0';
 }
 
+// Both threads write; the latch makes a failing store one line when the
+// failures start and one when they end, not one per write.
+std::atomic<bool> g_storeFailing{false};
+
+void note_write(bool landed, UciName name) {
+    if (!landed && !g_storeFailing.exchange(true))
+        base::error("[SAS] /etc/config/sas cannot be written (%s.%s), the decision stays in memory.\n",
+                    name.section, name.option);
+    if (landed && g_storeFailing.exchange(false))
+        base::notice("[SAS] /etc/config/sas can be written again.\n");
+}
+
+// True when the file can be read and the option reads as value (an absent
+// option reads as "").
+bool holds(UciName name, const char* value) {
+    char stored[256] = {};
+    return config_get(kSasConfigPath, name, stored, sizeof stored - 1) != 0 &&
+           std::strncmp(stored, value, sizeof stored - 1) == 0;
+}
+
 }  // namespace
+
+// The store reports no failed commit, so the value is read back: only what
+// the file now holds counts as written.
+unsigned write_sas_option(UciName name, const char* value) {
+    if (!value) return 0;
+    bool held_before = holds(name, value);
+    config_set(kSasConfigPath, name, value);
+    bool landed = holds(name, value);
+    // A value the file held already reads back the same whether or not the
+    // commit happened: it proves nothing about the store either way.
+    if (!landed || !held_before) note_write(landed, name);
+    return landed ? 1 : 0;
+}
+
+bool store_failing() { return g_storeFailing.load(); }
 
 // An empty file is what a commit cut short by a full store used to leave
 // behind; it parses, but it is no configuration.
@@ -64,7 +100,7 @@ bool is_radio_enabled() {
 }
 
 unsigned set_radio_enable(const char* value) {
-    return config_set(kSasConfigPath, schema::kSasRadioEnable, value);
+    return write_sas_option(schema::kSasRadioEnable, value);
 }
 
 int get_antenna_gain() {
@@ -89,7 +125,7 @@ void get_status(char* buffer, size_t size) {
 }
 
 unsigned set_status(const char* value) {
-    return config_set(kSasConfigPath, schema::kOpStatus, value);
+    return write_sas_option(schema::kOpStatus, value);
 }
 
 void get_server_address(char* buffer, size_t size) {

@@ -2,6 +2,8 @@
 // cleared local buffer.
 #pragma once
 
+#include "config/schema.h"
+
 #include <cstddef>
 
 namespace cbsd::config {
@@ -13,6 +15,12 @@ bool is_sas_enabled();               // config.enableMode == 1  ("[SAS] enableMo
 bool is_dp_enabled();                // config.usedp == 1       ("[SAS] usedp no value")
 bool is_single_step_registration();  // config.sasStepChoice == 1
 bool is_radio_enabled();             // sasConfig.RadioEnable == 1 ("[SAS] RadioEnable no value")
+// Writes one option of /etc/config/sas and reads it back: 1 when the file now
+// holds the value.  A failing store is logged once when the failures start
+// ("[SAS] /etc/config/sas cannot be written (...)") and once when a write
+// lands again; the setters below all go this way.
+unsigned write_sas_option(UciName name, const char* value);
+bool store_failing();
 unsigned set_radio_enable(const char* value);
 int get_antenna_gain();              // -1 when the file cannot be read
 int get_power_spectral_density();    // 0 when empty

@@ -1,5 +1,6 @@
 #include "daemon/profiles.h"
 
+#include "config/accessors.h"
 #include "config/device_profiles.h"
 #include "config/uci_store.h"
 #include "base/log.h"
@@ -200,13 +201,13 @@ void auto_enable(AutoEnableState& state) {
             base::notice_to_syslog("[SAS] LTE is in Band 48, so turn on SAS automatically.\n");
             state.lastBand = kInBand48;
         }
-        config::config_set(config::kSasConfigPath, config::schema::kEnableMode, "1");
+        config::write_sas_option(config::schema::kEnableMode, "1");
     } else {
         if (state.lastBand != kNotInBand48) {
             base::notice_to_syslog("[SAS] LTE is not in Band 48, so turn off SAS automatically.\n");
             state.lastBand = kNotInBand48;
         }
-        config::config_set(config::kSasConfigPath, config::schema::kEnableMode, "0");
+        config::write_sas_option(config::schema::kEnableMode, "0");
     }
 }
 

@@ -105,7 +105,7 @@ void clear_cbsd_state() {
     const char* status = reset_state_name();
     config::set_radio_enable("0");
     config::set_status(status);
-    config::config_set(config::kSasConfigPath, config::schema::kSasPowerSpectralDensity, "");
+    config::write_sas_option(config::schema::kSasPowerSpectralDensity, "");
     base::notice("[SAS] set RadioEnable=0\n");
     base::notice("[SAS] set status=%s\n", status);
     base::notice("[SAS] set powerSpectralDensity=\"\"\n");

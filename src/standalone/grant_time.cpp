@@ -1,5 +1,6 @@
 #include "standalone/grant_time.h"
 
+#include "config/accessors.h"
 #include "config/uci_store.h"
 #include "base/log.h"
 
@@ -38,19 +39,19 @@ void get_grant_expire_time(char* buffer, int size) {
 }
 
 unsigned set_transmit_expire_time(const char* text) {
-    return config::config_set(config::kSasConfigPath, config::schema::kSasTransmitExpireTime, text);
+    return config::write_sas_option(config::schema::kSasTransmitExpireTime, text);
 }
 
 unsigned set_grant_expire_time(const char* text) {
-    return config::config_set(config::kSasConfigPath, config::schema::kSasGrantExpireTime, text);
+    return config::write_sas_option(config::schema::kSasGrantExpireTime, text);
 }
 
 unsigned set_grant_renew(const char* text) {
-    return config::config_set(config::kSasConfigPath, config::schema::kOpGrantRenew, text);
+    return config::write_sas_option(config::schema::kOpGrantRenew, text);
 }
 
 unsigned set_power_spectral_density(const char* text) {
-    return config::config_set(config::kSasConfigPath, config::schema::kSasPowerSpectralDensity, text);
+    return config::write_sas_option(config::schema::kSasPowerSpectralDensity, text);
 }
 
 int get_grant_renew() {

@@ -14,6 +14,7 @@
 #include "sas/response_codes.h"
 #include "standalone/expiry.h"
 #include "standalone/grant_time.h"
+#include "standalone/held_text.h"
 #include "standalone/oper_timer.h"
 #include "standalone/transmit_deadline.h"
 #include "base/utc_time.h"
@@ -81,6 +82,9 @@ struct Worker {
     uint32_t refusals = 0;
     // The transmit time whose expiry was acted on, until the next success.
     char expiredTransmit[32] = {};
+    // Decisions the store could not take, used until a write lands.
+    HeldText heldStatus;
+    HeldText heldTransmit;
     Records records;
 };
 
@@ -88,7 +92,19 @@ bool status_is(const Worker& w, uint32_t state) {
     return std::strcmp(w.status, base::cbsd_state_name(state)) == 0;
 }
 
-void write_status(uint32_t state) { config::set_status(base::cbsd_state_name(state)); }
+void write_status(Worker& w, uint32_t state) {
+    write_or_hold(w.heldStatus, config::set_status, base::cbsd_state_name(state));
+}
+
+void read_status(Worker& w) {
+    read_or_held(w.heldStatus, config::set_status,
+                 [](char* buffer, int size) { config::get_status(buffer, static_cast<size_t>(size)); },
+                 w.status, sizeof w.status);
+}
+
+void write_transmit_time(Worker& w, const char* text) {
+    write_or_hold(w.heldTransmit, set_transmit_expire_time, text);
+}
 
 // The deadline goes before the flag: whoever reads RadioEnable "0" may close
 // at once, and the gates must not outlive the authorisation either way.
@@ -135,16 +151,17 @@ void deregister(Worker& w) {
 }
 
 void check_transmit_expiry(Worker& w) {
-    get_transmit_expire_time(w.timeText, sizeof w.timeText);
+    read_or_held(w.heldTransmit, set_transmit_expire_time, get_transmit_expire_time, w.timeText,
+                 sizeof w.timeText);
     if (!is_time_expired(w.timeText, kTransmitGraceSeconds)) return;
     // One event per expired time: when the store could not clear it, later
     // passes must not start over, and heartbeat, again and again.
     if (std::strcmp(w.timeText, w.expiredTransmit) == 0) return;
     base::copy_text(w.expiredTransmit, sizeof w.expiredTransmit, w.timeText);
     base::notice_to_syslog("[SAS] transmitExpireTime[%s] is expired.\n", w.timeText);
-    if (status_is(w, base::kAuthorized)) write_status(base::kGranted);
+    if (status_is(w, base::kAuthorized)) write_status(w, base::kGranted);
     withdraw_radio();
-    set_transmit_expire_time("");
+    write_transmit_time(w, "");
     oper_timer_reset(&w.operTimer);
 }
 
@@ -152,7 +169,7 @@ void check_grant_expiry(Worker& w) {
     get_grant_expire_time(w.timeText, sizeof w.timeText);
     if (is_time_expired(w.timeText, 0)) {
         base::notice_to_syslog("[SAS] grantExpireTime[%s] is expired.\n", w.timeText);
-        write_status(base::kRegistered);
+        write_status(w, base::kRegistered);
         withdraw_radio();
         set_grant_expire_time("");
         oper_timer_reset(&w.operTimer);
@@ -204,7 +221,7 @@ void register_device(Worker& w) {
     }
     base::notice_to_syslog("[SAS] Register successfully\n");
     base::copy_text(w.cbsdId, sizeof w.cbsdId, reply->cbsdId);
-    write_status(base::kRegistered);
+    write_status(w, base::kRegistered);
     oper_timer_reset(&w.operTimer);
 }
 
@@ -237,7 +254,7 @@ bool inquire_spectrum(Worker& w) {
     log_refusal("SpectrumInquiry", reply->responseCode);
     if (reply->responseCode == 105) {
         deregister(w);
-        write_status(base::kUnregistered);
+        write_status(w, base::kUnregistered);
         start_over_after_refusal(w);
     } else {
         *reply = sas::SpectrumInquiryResponse{};  // so that the next attempt asks again
@@ -267,14 +284,14 @@ void request_grant(Worker& w) {
                                       ? static_cast<uint32_t>(reply->heartbeatInterval)
                                       : kDefaultHeartbeatInterval;
             set_grant_renew("0");
-            write_status(base::kGranted);
+            write_status(w, base::kGranted);
             set_power_spectral_density(device->maxEirp);
             oper_timer_reset(&w.operTimer);
             return;
         case 105:
             log_refusal("Grant", reply->responseCode);
             deregister(w);
-            write_status(base::kUnregistered);
+            write_status(w, base::kUnregistered);
             start_over_after_refusal(w);
             return;
         case 401:
@@ -282,7 +299,7 @@ void request_grant(Worker& w) {
             log_refusal("Grant", reply->responseCode);
             sas::relinquishment_request(w.serverUrl, w.cbsdId, reply->responseData,
                                         w.records.relinquishment.get());
-            write_status(base::kRegistered);
+            write_status(w, base::kRegistered);
             start_over_after_refusal(w);
             return;
         default:
@@ -300,10 +317,10 @@ void run_registered(Worker& w) {
 }
 
 void on_heartbeat_success(Worker& w, const sas::HeartbeatResponse* reply) {
-    write_status(base::kAuthorized);
+    write_status(w, base::kAuthorized);
     hold_deadline_of(reply);
     config::set_radio_enable("1");
-    set_transmit_expire_time(reply->transmitExpireTime);
+    write_transmit_time(w, reply->transmitExpireTime);
     if (reply->grantExpireTime[0] != '\0') {
         set_grant_expire_time(reply->grantExpireTime);
         set_grant_renew("0");
@@ -347,11 +364,11 @@ void run_granted(Worker& w) {
     if (code == 105) {
         relinquish(w);
         deregister(w);
-        write_status(base::kUnregistered);
+        write_status(w, base::kUnregistered);
         start_over_after_refusal(w);
     } else if (code == 500 || code == 502) {
         relinquish(w);
-        write_status(base::kRegistered);
+        write_status(w, base::kRegistered);
         start_over_after_refusal(w);
     } else if (code == 501) {
         oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
@@ -378,29 +395,29 @@ void run_authorized(Worker& w) {
         case 105:
             relinquish(w);
             deregister(w);
-            write_status(base::kUnregistered);
+            write_status(w, base::kUnregistered);
             start_over_after_refusal(w);
             break;
         case 500:
             // RadioEnable stays as it is here; only 502 withdraws it.
             relinquish(w);
-            write_status(base::kRegistered);
+            write_status(w, base::kRegistered);
             start_over_after_refusal(w);
             break;
         case 501:
-            write_status(base::kGranted);
+            write_status(w, base::kGranted);
             oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
             break;
         case 502:
             relinquish(w);
             withdraw_radio();
-            write_status(base::kRegistered);
+            write_status(w, base::kRegistered);
             start_over_after_refusal(w);
             break;
         default:
             // Back to Granted; the GRANTED heartbeat is paced like any refusal.
             withdraw_radio();
-            write_status(base::kGranted);
+            write_status(w, base::kGranted);
             start_over_after_refusal(w);
             break;
     }
@@ -431,8 +448,7 @@ void stop(Worker& w) {
 
 // One pass; false once the thread is to end.
 bool run_pass(Worker& w) {
-    std::memset(w.status, 0, sizeof w.status);
-    config::get_status(w.status, sizeof w.status);
+    read_status(w);
     if (standalone::worker_running.load() == 0) {
         stop(w);
         return false;

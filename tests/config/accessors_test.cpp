@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -128,11 +130,72 @@ TEST_F(AccessorsTest, SettersWriteTheirOptions) {
     EXPECT_STREQ(status, "Granted");
 }
 
-TEST_F(AccessorsTest, SettersReportOneEvenWithoutTheFile) {
-    EXPECT_EQ(set_radio_enable("1"), 1u);
-    EXPECT_EQ(set_status("Granted"), 1u);
+// Without the file nothing lands, and the setters say so.
+TEST_F(AccessorsTest, SettersReportZeroWithoutTheFile) {
+    EXPECT_EQ(set_radio_enable("1"), 0u);
+    EXPECT_EQ(set_status("Granted"), 0u);
     EXPECT_FALSE(test::file_exists(kSas));
     EXPECT_EQ(set_status(nullptr), 0u);
+    write_sas("", "", "");
+    EXPECT_EQ(set_status("Granted"), 1u);
+}
+
+// A store that cannot be written: /etc/config on a tmpfs of its own (in the
+// test's private mount namespace), remounted read-only while it fails.
+class FailingStore : public AccessorsTest {
+protected:
+    void SetUp() override {
+        AccessorsTest::SetUp();
+        ASSERT_EQ(mount("tmpfs", "/etc/config", "tmpfs", 0, "size=64k"), 0) << std::strerror(errno);
+        write_sas("", "\toption RadioEnable '0'\n", "\toption status 'Granted'\n");
+    }
+    void TearDown() override { umount2("/etc/config", MNT_DETACH); }
+    static void set_read_only(bool read_only) {
+        unsigned long flags = MS_REMOUNT | (read_only ? MS_RDONLY : 0);
+        ASSERT_EQ(mount(nullptr, "/etc/config", nullptr, flags, "size=64k"), 0) << std::strerror(errno);
+    }
+    static size_t count(const std::string& text, const std::string& what) {
+        size_t n = 0;
+        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+        return n;
+    }
+};
+
+TEST_F(FailingStore, AWriteThatDoesNotLandIsReportedAndLoggedOncePerStreak) {
+    const std::string failing = "[SAS] /etc/config/sas cannot be written (sasConfig.RadioEnable), "
+                                "the decision stays in memory.\n";
+    const std::string again = "[SAS] /etc/config/sas can be written again.\n";
+    EXPECT_EQ(set_radio_enable("1"), 1u);
+    EXPECT_FALSE(store_failing());
+    set_read_only(true);
+    EXPECT_EQ(set_radio_enable("0"), 0u);
+    EXPECT_TRUE(store_failing());
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(set_radio_enable("0"), 0u);
+        EXPECT_EQ(set_status("Registered"), 0u);
+    }
+    EXPECT_EQ(count(log_text(), failing), 1u) << log_text();
+    EXPECT_EQ(count(log_text(), "cannot be written"), 1u) << log_text();
+    EXPECT_EQ(log_text().find(again), std::string::npos);
+    // The value the file already holds reads back (nothing is lost by it),
+    // but proves nothing about the store: the streak goes on.
+    EXPECT_EQ(set_radio_enable("1"), 1u);
+    EXPECT_TRUE(store_failing());
+    EXPECT_EQ(log_text().find(again), std::string::npos) << log_text();
+    set_read_only(false);
+    EXPECT_EQ(set_status("Registered"), 1u);
+    EXPECT_EQ(set_radio_enable("0"), 1u);
+    EXPECT_EQ(count(log_text(), again), 1u) << log_text();
+    EXPECT_FALSE(store_failing());
+}
+
+TEST_F(FailingStore, AWriteIntoAMissingSectionDoesNotLand) {
+    EXPECT_EQ(write_sas_option(schema::kAddress, "https://sas.example.net"), 1u);
+    write_file(kSas, "config sas 'operation'\n\toption status 'Granted'\n");
+    EXPECT_EQ(write_sas_option(schema::kAddress, "https://sas.example.net"), 0u);
+    EXPECT_TRUE(store_failing());
+    EXPECT_EQ(set_status("Registered"), 1u);
+    EXPECT_FALSE(store_failing());
 }
 
 }  // namespace
