@@ -1,11 +1,12 @@
 #include "standalone/worker_control.h"
 
+#include "base/clock.h"
 #include "base/log.h"
 #include "standalone/standalone_thread.h"
 
+#include <atomic>
 #include <cstdint>
 #include <pthread.h>
-#include <ctime>
 #include <unistd.h>
 
 namespace cbsd::standalone {
@@ -18,8 +19,14 @@ pthread_t worker_thread = 0;
 
 namespace {
 
+// Set by the worker as its last act: a join then returns at once.
+std::atomic<bool> worker_done{false};
+
+constexpr uint32_t kJoinPollMs = 20;
+
 void* run_worker(void*) {
     standalone::standalone_thread();
+    worker_done.store(true);
     return nullptr;
 }
 
@@ -34,6 +41,7 @@ unsigned short_id(pthread_t thread) {
 void start_standalone_worker() {
     if (worker_thread != 0 || worker_running.load() != 0) return;
     worker_running.store(1);
+    worker_done.store(false);
     standalone::thread_entered.store(0);
     pthread_t thread = 0;
     if (pthread_create(&thread, nullptr, run_worker, nullptr) != 0) {
@@ -60,15 +68,19 @@ void stop_standalone_worker() {
     worker_thread = 0;
 }
 
+// The wait runs on the real monotonic milliseconds: a timed join would
+// measure its limit on the wall clock, which a step can stretch or cut.
 bool stop_standalone_worker_within(uint32_t seconds) {
     worker_running.store(0);
     if (worker_thread == 0) return true;
-    timespec until{};
-    clock_gettime(CLOCK_REALTIME, &until);
-    until.tv_sec += static_cast<time_t>(seconds);
-    bool joined = pthread_timedjoin_np(worker_thread, nullptr, &until) == 0;
-    if (joined) worker_thread = 0;
-    return joined;
+    uint32_t started_ms = base::monotonic_ms();
+    while (!worker_done.load()) {
+        if (base::monotonic_ms() - started_ms >= seconds * 1000u) return false;
+        usleep(kJoinPollMs * 1000);
+    }
+    pthread_join(worker_thread, nullptr);  // the worker has returned: no wait
+    worker_thread = 0;
+    return true;
 }
 
 }  // namespace cbsd::standalone

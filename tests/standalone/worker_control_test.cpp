@@ -47,6 +47,27 @@ TEST_F(WorkerControl, StopRightAfterStartIsNotUndoneByTheStartingWorker) {
     }
 }
 
+// The bounded stop measures its limit on the monotonic clock and gives up
+// when the worker is stuck in an exchange (here a SAS that answers late).
+TEST_F(WorkerControl, BoundedStopGivesUpAfterItsLimitAndJoinsAStoppedWorkerAtOnce) {
+    EXPECT_TRUE(stop_standalone_worker_within(1));  // no worker: nothing to wait for
+    test::sim_push("registration", R"({"delay":4})");
+    start_standalone_worker();
+    ASSERT_TRUE(test::wait_until([] { return test::sim_endpoints().size() == 1; })) << log_text();
+    auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(stop_standalone_worker_within(1));
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    EXPECT_GE(seconds, 0.9);
+    EXPECT_LT(seconds, 2.0);
+    // Once the late reply is in, the worker ends and the next bounded stop joins it.
+    ASSERT_TRUE(test::wait_until(
+        [] { return log_text().find("[SAS] standalone_thread exit.\n") != std::string::npos; }));
+    begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(stop_standalone_worker_within(5));
+    seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    EXPECT_LT(seconds, 1.0);
+}
+
 TEST_F(WorkerControl, StopEndsAWaitingWorkerWithinAboutASecond) {
     test::sim_push("registration", R"({"responseCode":200})");
     start_standalone_worker();
