@@ -13,6 +13,7 @@
 #include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +28,15 @@ namespace {
 
 // The stop as a whole must end within 10 s: the worker gets 8 of them.
 constexpr uint32_t kWorkerStopSeconds = 8;
+// When the loop is blocked (a modem that never reports a plausible cell) the
+// guard takes the stop over after this long, and gives the worker less time,
+// so that the process still ends within 10 s of the signal.
+constexpr uint32_t kLoopStopGraceMs = 2000;
+constexpr uint32_t kWorkerStopSecondsForBlockedLoop = 6;
+
+// Whoever starts the stop first (the loop, or the guard for a blocked loop)
+// carries it out; the other only waits for the end of the process.
+std::atomic<bool> g_stopping{false};
 
 // Returns the descriptor holding the single-instance lock, or -1.
 int take_instance_lock() {
@@ -80,19 +90,25 @@ void set_initial_traffic_state() {
 // so the gates close first (they must not wait on the SAS), then the worker
 // gives its grant back and deregisters as on disable, within the time the
 // service manager allows.  Without SAS traffic stays as it is.
-[[noreturn]] void shut_down(bool sasEnabled) {
+[[noreturn]] void shut_down(bool sasEnabled, uint32_t workerSeconds = kWorkerStopSeconds) {
+    if (g_stopping.exchange(true))
+        for (;;) pause();
     base::notice_to_syslog("[SAS] stop requested.\n");
     if (sasEnabled) {
         standalone::drop_transmit_deadline();
         gating::unauthorize_device(1);
     }
-    if (!standalone::stop_standalone_worker_within(kWorkerStopSeconds))
+    if (!standalone::stop_standalone_worker_within(workerSeconds))
         base::notice_to_syslog("[SAS] StandAlone thread did not stop in time.\n");
     base::notice_to_syslog("[SAS] cbsd exit.\n");
     // The guard thread, and a worker that did not stop in time, still run:
     // end without static destructors pulling state from under them.
     std::fflush(nullptr);
     std::_Exit(0);
+}
+
+void shut_down_for_blocked_loop() {
+    shut_down(last_sas_enabled(), kWorkerStopSecondsForBlockedLoop);
 }
 
 }  // namespace
@@ -118,7 +134,7 @@ int run_daemon() {
     apply_profile_defaults();
 
     base::notice("[SAS] wait for LTE accessing network...\n");
-    start_transmit_guard();
+    start_transmit_guard(shut_down_for_blocked_loop, kLoopStopGraceMs);
     shut_down(supervision_loop());
 }
 

@@ -11,6 +11,7 @@
 #include "gating/authorization.h"
 #include "modem/modem.h"
 
+#include <atomic>
 #include <cstring>
 #include <unistd.h>
 
@@ -20,6 +21,8 @@ namespace {
 
 
 constexpr unsigned kSteadySleepSeconds = 5;
+
+std::atomic<bool> g_lastSasEnabled{false};
 constexpr int kLteAttachWaitSeconds = 5;
 constexpr int kWaitWithoutLimit = 0;
 
@@ -252,6 +255,7 @@ PassOutcome run_supervision_pass(SupervisionState& state) {
     ++state.pass;
     std::memset(&state.current, 0, sizeof state.current);
     load_snapshot(&state.current);
+    g_lastSasEnabled.store(state.current.sasEnable != 0);
     arm_transmit_guard(state.current.sasEnable && !state.current.dpEnable);
     refresh_cell_frequency(state);
 
@@ -274,6 +278,8 @@ PassOutcome run_supervision_pass(SupervisionState& state) {
     react_to_power_change(state);
     return finish_changed_pass(state);
 }
+
+bool last_sas_enabled() { return g_lastSasEnabled.load(); }
 
 bool supervision_loop() {
     SupervisionState state;

@@ -13,6 +13,8 @@ void report_snapshot_changes(const SupervisionSnapshot* previous,
 // Runs until SIGTERM or SIGINT; returns whether SAS was enabled in the last
 // snapshot read.
 bool supervision_loop();
+// SAS enabled as the last pass read it (false before the first pass).
+bool last_sas_enabled();
 
 // Stops the worker, waits 1 s, clears the CBSD state and starts a fresh worker.
 void restart_standalone_worker();

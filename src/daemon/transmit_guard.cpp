@@ -2,6 +2,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "daemon/signals.h"
 #include "gating/authorization.h"
 #include "standalone/transmit_deadline.h"
 
@@ -14,14 +15,25 @@ namespace {
 
 // The guard's period bounds how late it closes after the deadline.
 constexpr uint32_t kGuardPeriodMs = 1000;
+constexpr uint32_t kStopPollMs = 250;
 
 std::atomic<bool> g_armed{false};
 
-[[noreturn]] void guard_thread() {
+// Real monotonic milliseconds: the stop's bound must hold whatever clock a
+// test installs.
+void take_over_a_stuck_stop(void (*onStop)(), uint32_t stopGraceMs, uint32_t& stopSeenMs) {
+    if (!onStop || !stop_requested()) return;
+    if (stopSeenMs == 0) stopSeenMs = base::monotonic_ms() | 1u;
+    if (base::monotonic_ms() - stopSeenMs >= stopGraceMs) onStop();
+}
+
+[[noreturn]] void guard_thread(void (*onStop)(), uint32_t stopGraceMs) {
     bool closed = false;
+    uint32_t stopSeenMs = 0;
     for (;;) {
         run_guard_check(closed, base::monotonic_ms64());
-        base::sleep_ms(kGuardPeriodMs);
+        take_over_a_stuck_stop(onStop, stopGraceMs, stopSeenMs);
+        base::sleep_ms(stop_requested() ? kStopPollMs : kGuardPeriodMs);
     }
 }
 
@@ -47,6 +59,8 @@ bool run_guard_check(bool& closed, int64_t nowMs) {
     return true;
 }
 
-void start_transmit_guard() { std::thread(guard_thread).detach(); }
+void start_transmit_guard(void (*onStop)(), uint32_t stopGraceMs) {
+    std::thread(guard_thread, onStop, stopGraceMs).detach();
+}
 
 }  // namespace cbsd::daemon

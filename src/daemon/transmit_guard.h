@@ -22,7 +22,9 @@ bool transmit_allowed(int64_t nowMs);
 // Returns true when this check closed open gates.
 bool run_guard_check(bool& closed, int64_t nowMs);
 
-// Starts the guard thread (checks once a second); call once.
-void start_transmit_guard();
+// Starts the guard thread (checks once a second); call once.  When a stop
+// has been requested for stopGraceMs and the process still runs (the loop is
+// blocked), the guard calls onStop, which does not return.
+void start_transmit_guard(void (*onStop)() = nullptr, uint32_t stopGraceMs = 0);
 
 }  // namespace cbsd::daemon

@@ -127,3 +127,22 @@ def test_guard_closes_within_the_minute_while_rule_inserts_hang(lab):
         r.remove_file("/etc/lab/bin/ebtables")
     assert r.wait_for(lambda: gates_closed(r), 2 * 10 + 10), r.log_text()[-2000:]
     assert r.daemon.poll() is None
+
+
+def test_sigterm_while_the_loop_waits_for_a_plausible_cell_ends_within_10_s(lab):
+    """A new cell with a width no cell has blocks the loop (it waits without a
+    limit for a plausible cell); the guard takes the stop over."""
+    r, sim = lab
+    authorized(lab)
+    mark = len(r.log_text())
+    r.set_modem(dlfreq=3630000, bandwidth=0)
+    time.sleep(8)  # one pass: it reads the new cell and blocks before reporting it
+    assert "frequency change" not in r.log_text()[mark:]
+    assert "LTE accesses network success" not in r.log_text()[mark:]
+    status, took = stop_with(r, signal.SIGTERM)
+    print(f"\nMEASURE SIGTERM with the loop blocked -> exit: {took:.1f} s")
+    assert status == 0
+    assert took < 10
+    assert gates_closed(r)
+    assert r.log_text().count("[SAS] stop requested.\n") == 1
+    assert endpoints(sim)[-2:] == ["relinquishment", "deregistration"]
