@@ -432,16 +432,6 @@ TEST_F(AutoEnable, FailingBandQueryOnTheFirstPassWritesNothing) {
     EXPECT_FALSE(logged("Band 48"));
 }
 
-TEST_F(AutoEnable, BandKnownAgainAfterAnUnknownOneIsLoggedAgain) {
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
-    test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
-    auto_enable(state_);
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
-    EXPECT_EQ(count("LTE is in Band 48"), 2);
-}
-
 TEST_F(AutoEnable, BandChangesAreLoggedEachTime) {
     test::set_lab_modem(R"({"band": 48})");
     auto_enable(state_);
