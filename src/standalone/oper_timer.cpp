@@ -1,5 +1,9 @@
 #include "standalone/oper_timer.h"
 
+#include "base/clock.h"
+
+#include <cstdio>
+
 namespace cbsd::standalone {
 
 namespace {
@@ -81,6 +85,18 @@ uint32_t timer_type_from_post_result(int32_t result) {
 
 const char* timer_type_name(uint32_t type) {
     return type < sizeof kTypeNames / sizeof kTypeNames[0] ? kTypeNames[type] : "";
+}
+
+void print_timer_line(const OperTimer& t) {
+    uint32_t current = base::monotonic_seconds();
+    uint32_t wait = t.secTime - current;  // unsigned: a past secTime prints huge
+    std::printf(
+        "===>operTimer: enable=%d, timerType=%d(%s), count=%d, secTime=%lu, curTickTime=%lu, "
+        "waitTime=%lus\n",
+        t.enable, static_cast<int>(t.timerType), timer_type_name(t.timerType),
+        static_cast<int>(t.count), static_cast<unsigned long>(t.secTime),
+        static_cast<unsigned long>(current), static_cast<unsigned long>(wait));
+    std::fflush(stdout);
 }
 
 }  // namespace cbsd::standalone

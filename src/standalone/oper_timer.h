@@ -37,5 +37,7 @@ bool oper_timer_waiting(const OperTimer* timer, uint32_t now);
 uint32_t backoff_seconds(uint32_t count);
 uint32_t timer_type_from_post_result(int32_t result);
 const char* timer_type_name(uint32_t type);
+// The debug line that shows the timer at the end of a worker pass.
+void print_timer_line(const OperTimer& timer);
 
 }  // namespace cbsd::standalone

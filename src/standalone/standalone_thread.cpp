@@ -82,6 +82,8 @@ struct Worker {
     uint32_t refusals = 0;
     // The transmit time whose expiry was acted on, until the next success.
     char expiredTransmit[32] = {};
+    // Successes in a row whose transmit time was already past on arrival.
+    uint32_t pastOnArrival = 0;
     // Decisions the store could not take, used until a write lands.
     HeldText heldStatus;
     HeldText heldTransmit;
@@ -162,7 +164,13 @@ void check_transmit_expiry(Worker& w) {
     if (status_is(w, base::kAuthorized)) write_status(w, base::kGranted);
     withdraw_radio();
     write_transmit_time(w, "");
-    oper_timer_reset(&w.operTimer);
+    // A wall clock ahead of the SAS's makes every new time expire on arrival:
+    // from the second in a row on, the next heartbeat is paced like a refusal.
+    if (w.pastOnArrival > 1) {
+        start_over_after_refusal(w);
+    } else {
+        oper_timer_reset(&w.operTimer);
+    }
 }
 
 void check_grant_expiry(Worker& w) {
@@ -176,19 +184,6 @@ void check_grant_expiry(Worker& w) {
     } else if (is_time_expired(w.timeText, kRenewalWindowOffset)) {
         set_grant_renew("1");
     }
-}
-
-void print_timer_line(const Worker& w) {
-    const OperTimer& t = w.operTimer;
-    uint32_t current = base::monotonic_seconds();
-    uint32_t wait = t.secTime - base::monotonic_seconds();  // unsigned: a past secTime prints huge
-    std::printf(
-        "===>operTimer: enable=%d, timerType=%d(%s), count=%d, secTime=%lu, curTickTime=%lu, "
-        "waitTime=%lus\n",
-        t.enable, static_cast<int>(t.timerType), timer_type_name(t.timerType),
-        static_cast<int>(t.count), static_cast<unsigned long>(t.secTime),
-        static_cast<unsigned long>(current), static_cast<unsigned long>(wait));
-    std::fflush(stdout);
 }
 
 // A change of LTE connectivity while waiting ends the back-off.
@@ -327,7 +322,12 @@ void on_heartbeat_success(Worker& w, const sas::HeartbeatResponse* reply) {
     }
     if (reply->heartbeatInterval >= 1)
         w.heartbeatInterval = static_cast<uint32_t>(reply->heartbeatInterval);
-    w.refusals = 0;
+    if (is_time_expired(reply->transmitExpireTime, kTransmitGraceSeconds)) {
+        ++w.pastOnArrival;  // not the end of a refusal streak
+    } else {
+        w.pastOnArrival = 0;
+        w.refusals = 0;
+    }
     w.expiredTransmit[0] = '\0';
     oper_timer_start(&w.operTimer, HEART_BEAT_SUCCESS);
 }
@@ -455,7 +455,7 @@ bool run_pass(Worker& w) {
     }
     check_transmit_expiry(w);
     check_grant_expiry(w);
-    if (base::settings().debug) print_timer_line(w);
+    if (base::settings().debug) print_timer_line(w.operTimer);
     if (oper_timer_waiting(&w.operTimer, base::monotonic_seconds())) {
         watch_connectivity(w);
         base::sleep_seconds(1);

@@ -44,5 +44,19 @@ TEST_F(StandaloneThread, AHeartbeatSuccessEndsTheRefusalStreak) {
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 
+TEST_F(StandaloneThread, TransmitTimesPastOnArrivalArePacedFromTheSecondOn) {
+    // A wall clock an hour ahead of the SAS's: every transmit time it hands
+    // out is already past.  The first expiry heartbeats again at once; the
+    // ones after it wait like refusals.
+    sim_set_default("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-3600}}})");
+    run_to_first_sleep();
+    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
+    ASSERT_TRUE(PassGate::instance().steps(60));
+    size_t in_a_minute = count_of(sim_endpoints(), "heartbeat");
+    EXPECT_GE(in_a_minute, 3u);
+    EXPECT_LE(in_a_minute, 8u);
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+}
+
 }  // namespace
 }  // namespace cbsd::standalone

@@ -23,6 +23,7 @@ using test::count_of;
 using test::PassGate;
 using test::sim_endpoints;
 using test::sim_push;
+using test::sim_set_default;
 using test::sim_request_element;
 using Endpoints = std::vector<std::string>;
 
