@@ -121,6 +121,15 @@ bool commit_whole(uci_context* ctx, uci_package* package, const char* path, cons
     return done;
 }
 
+// True when the looked-up option already has the value to set, or when an
+// empty value (a removal) meets no such option.
+bool holds_value(const uci_ptr& pointer) {
+    if (!pointer.s) return false;
+    if (!pointer.o) return pointer.value[0] == '\0';
+    return pointer.o->type == UCI_TYPE_STRING && pointer.o->v.string &&
+           std::strcmp(pointer.o->v.string, pointer.value) == 0;
+}
+
 }  // namespace
 
 unsigned config_get(const char* path, const char* section, const char* option, char* buffer,
@@ -174,7 +183,10 @@ unsigned config_set(const char* path, const char* section, const char* option, c
     pointer.section = section;
     pointer.option = option;
     pointer.value = value;
-    if (uci_set(ctx, &pointer) == UCI_OK && pointer.p) {
+    // The lookup is the one uci_set would make itself; it tells whether the
+    // file already holds the value, which is then not written again (flash).
+    if (uci_lookup_ptr(ctx, &pointer, nullptr, false) == UCI_OK && pointer.p &&
+        !holds_value(pointer) && uci_set(ctx, &pointer) == UCI_OK) {
         commit_whole(ctx, pointer.p, path, parts);
     }
     if (pointer.p) uci_unload(ctx, pointer.p);

@@ -109,13 +109,24 @@ bool replace_file(const std::string& target, const char* package, mode_t mode,
     return true;
 }
 
+// True when setting option to value would change nothing: the same string
+// is there already, or an empty value (a removal) meets no such option.
+bool holds_value(UciSection& section, const char* option, const char* value) {
+    const UciOption* existing = uci_find_option(section, option);
+    if (!existing) return value[0] == '\0';
+    return !existing->is_list && existing->value == value;
+}
+
 // Sets the option under the exclusive lock of the file.  While this writer
 // waited for the lock another one may have renamed a new file over the one
 // it opened; it then starts again on the new file.
 bool commit_option(const char* path, const char* package, const char* section, const char* option,
                    const char* value) {
     for (;;) {
-        FileHandle file(open_locked(path, O_RDWR, LOCK_EX));
+        // Read-only: the new content goes to a new file, and a file opened
+        // for writing reports a write to directory watchers when closed,
+        // even when nothing was written (a set of an unchanged value).
+        FileHandle file(open_locked(path, O_RDONLY, LOCK_EX));
         if (file.get() < 0) return false;
         struct stat opened{}, current{};
         if (fstat(file.get(), &opened) != 0 || stat(path, &current) != 0) return false;
@@ -126,6 +137,8 @@ bool commit_option(const char* path, const char* package, const char* section, c
         if (!read_all(file.get(), opened, text) || !uci_parse(text, parsed)) return false;
         UciSection* target_section = uci_find_section(parsed, section);
         if (!target_section) return false;
+        // The file lives on flash: a value it already holds is not written again.
+        if (holds_value(*target_section, option, value)) return true;
         uci_set_option(*target_section, option, value);
 
         std::string content;

@@ -311,5 +311,52 @@ TEST_F(UciStoreTest, ListsSurviveASetOfAnotherOption) {
                                "\toption auto '1'\n\n");
 }
 
+ino_t inode_of(const char* path) {
+    struct stat info{};
+    return stat(path, &info) == 0 ? info.st_ino : 0;
+}
+
+// Flash wears: a set that would leave the values as they are leaves the file
+// itself as it is (same inode, same bytes, even when hand-formatted).
+TEST_F(UciStoreTest, SetOfTheValueAlreadyThereDoesNotRewriteTheFile) {
+    const std::string by_hand = "config sas config\n  option enableMode 1 # on\n";
+    ASSERT_TRUE(write_file(kSas, by_hand));
+    const ino_t before = inode_of(kSas);
+    EXPECT_EQ(config_set(kSas, "config", "enableMode", "1"), 1u);
+    EXPECT_EQ(read_file(kSas), by_hand);
+    EXPECT_EQ(inode_of(kSas), before);
+}
+
+TEST_F(UciStoreTest, RemovalOfAnAbsentOptionDoesNotRewriteTheFile) {
+    ASSERT_TRUE(write_file(kSas, kTypicalFile));
+    const ino_t before = inode_of(kSas);
+    EXPECT_EQ(config_set(kSas, "config", "usedp", ""), 1u);
+    EXPECT_EQ(read_file(kSas), kTypicalFile);
+    EXPECT_EQ(inode_of(kSas), before);
+}
+
+TEST_F(UciStoreTest, ADifferentValueIsStillWritten) {
+    ASSERT_TRUE(write_file(kSas, kTypicalFile));
+    EXPECT_EQ(config_set(kSas, "config", "enableMode", "0"), 1u);
+    EXPECT_EQ(get("config", "enableMode"), "1:0");
+    EXPECT_EQ(config_set(kSas, "config", "enableMode", "1"), 1u);
+    EXPECT_EQ(read_file(kSas), kTypicalFile);
+}
+
+TEST_F(UciStoreTest, AListWithTheSameTextIsReplacedByTheOption) {
+    ASSERT_TRUE(write_file(kSas, "config sas 'config'\n\tlist auto '1'\n"));
+    EXPECT_EQ(config_set(kSas, "config", "auto", "1"), 1u);
+    EXPECT_EQ(read_file(kSas), "\nconfig sas 'config'\n\toption auto '1'\n\n");
+}
+
+TEST_F(UciStoreTest, RuntimeCacheIsNotRewrittenWithTheSameValue) {
+    const std::string cache = "config cache 'cache'\n\toption ipforward '1'\n";
+    ASSERT_TRUE(write_file(kRuntimeCachePath, cache));
+    const ino_t before = inode_of(kRuntimeCachePath);
+    EXPECT_EQ(config_set(kRuntimeCachePath, "cache", "ipforward", "1"), 1u);
+    EXPECT_EQ(read_file(kRuntimeCachePath), cache);
+    EXPECT_EQ(inode_of(kRuntimeCachePath), before);
+}
+
 }  // namespace
 }  // namespace cbsd::config
