@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace cbsd::modem {
 
@@ -12,6 +13,12 @@ namespace cbsd::modem {
 void get_product_model(char* buffer, size_t length);
 void get_serial_number(char* buffer, size_t length);
 bool is_lte_connected();
+// The attachment the last is_lte_connected() of any thread saw, when that was
+// at most max_age_ms ago; otherwise the modem is asked now (an answer only
+// this caller uses: it is no news for the next one).  Lets a thread
+// that only watches for a change ride on the supervision pass's own query
+// instead of starting the modem manager once more.
+bool lte_connected_seen_within(uint32_t max_age_ms);
 int get_dl_frequency();  // tenths of a MHz; 0 on failure
 int get_bandwidth();     // MHz; -1 on failure
 int get_band();          // -1 on failure

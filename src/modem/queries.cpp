@@ -1,8 +1,10 @@
+#include "base/clock.h"
 #include "base/system.h"
 #include "base/log.h"
 #include "modem/modem.h"
 #include "modem/modem_output.h"
 
+#include <atomic>
 #include <cstring>
 
 namespace cbsd::modem {
@@ -31,6 +33,17 @@ void get_quoted(const char* command, char* buffer, size_t length) {
     parse_quoted_value(output, buffer, length);
 }
 
+bool query_attachment() {
+    char output[1024];
+    run_query(kNetworkStatusCommand, output, sizeof output);
+    return shows_attached(output);
+}
+
+// The last attachment seen and when, in one word so that a reader in another
+// thread never pairs a state with the wrong time: (ms << 1) | attached; -1
+// before the first query.
+std::atomic<int64_t> last_lte_observation{-1};
+
 }  // namespace
 
 void get_product_model(char* buffer, size_t length) {
@@ -42,9 +55,16 @@ void get_serial_number(char* buffer, size_t length) {
 }
 
 bool is_lte_connected() {
-    char output[1024];
-    run_query(kNetworkStatusCommand, output, sizeof output);
-    return shows_attached(output);
+    bool attached = query_attachment();
+    last_lte_observation.store((base::monotonic_ms64() << 1) | (attached ? 1 : 0));
+    return attached;
+}
+
+bool lte_connected_seen_within(uint32_t max_age_ms) {
+    int64_t seen = last_lte_observation.load();
+    if (seen >= 0 && base::monotonic_ms64() - (seen >> 1) <= static_cast<int64_t>(max_age_ms))
+        return (seen & 1) != 0;
+    return query_attachment();
 }
 
 int get_dl_frequency() {

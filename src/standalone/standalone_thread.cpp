@@ -38,6 +38,9 @@ constexpr int32_t kNoMaxEirp = 2147483647;
 constexpr int32_t kTransmitGraceSeconds = 30;
 // The grant is renewed within its last two hours.
 constexpr int32_t kRenewalWindowOffset = -7200;
+// A supervision pass (a 5 s sleep and the pass itself) asks the modem more
+// often than this; older news means no pass did, and the worker asks itself.
+constexpr uint32_t kLteObservationMaxAgeMs = 8000;
 
 // The message records; later requests are built from the replies kept here.
 struct Records {
@@ -186,9 +189,11 @@ void check_grant_expiry(Worker& w) {
     }
 }
 
-// A change of LTE connectivity while waiting ends the back-off.
+// A change of LTE connectivity while waiting ends the back-off.  The
+// supervision pass asks the modem every few seconds; the worker uses what it
+// saw and asks itself only when no pass has (a pass blocked elsewhere).
 void watch_connectivity(Worker& w) {
-    bool connected = modem::is_lte_connected();
+    bool connected = modem::lte_connected_seen_within(kLteObservationMaxAgeMs);
     if (connected == w.lastLteConnected) return;
     w.operTimer.count = 0;
     w.operTimer.secTime = 0;

@@ -1,3 +1,4 @@
+#include "base/clock.h"
 #include "base/settings.h"
 #include "modem/lab_modem.h"
 #include "modem/modem.h"
@@ -61,6 +62,28 @@ TEST_F(ModemQuery, AttachedWhenStatusLineHoldsAFour) {
     EXPECT_FALSE(is_lte_connected());
     test::set_lab_modem(R"({})");
     EXPECT_FALSE(is_lte_connected());
+}
+
+int64_t fake_now_ms = 0;
+
+// A watcher within the age takes what the last is_lte_connected() saw,
+// without asking; past it, it asks the modem for itself alone.
+TEST_F(ModemQuery, RecentAttachmentIsReusedAndAnOldOneAskedAgain) {
+    base::set_clock({nullptr, nullptr, nullptr, [] { return fake_now_ms; }});
+    fake_now_ms = 1000000;
+    test::set_lab_modem(R"({"netstat": 4})");
+    EXPECT_TRUE(is_lte_connected());
+    test::set_lab_modem(R"({"netstat": 1})");
+    fake_now_ms += 8000;
+    EXPECT_TRUE(lte_connected_seen_within(8000));  // not asked: the modem now says 1
+    fake_now_ms += 1;
+    EXPECT_FALSE(lte_connected_seen_within(8000));  // asked
+    test::set_lab_modem(R"({"netstat": 4})");
+    EXPECT_TRUE(lte_connected_seen_within(8000));  // asked again: its own answer was no news
+    EXPECT_TRUE(is_lte_connected());
+    test::set_lab_modem(R"({"netstat": 1})");
+    EXPECT_TRUE(lte_connected_seen_within(8000));  // the news of that query
+    base::set_clock({});
 }
 
 TEST_F(ModemQuery, FrequencyIsReportedValueDividedByHundred) {
