@@ -1,6 +1,8 @@
 #include "daemon/supervision.h"
 
 #include "config/accessors.h"
+#include "config/uci_store.h"
+#include "daemon/config_watch.h"
 #include "daemon/profiles.h"
 #include "daemon/signals.h"
 #include "daemon/snapshot.h"
@@ -166,10 +168,15 @@ void reassert_traffic_state(const SupervisionSnapshot& current) {
         gating::unauthorize_device(0);
 }
 
-// The steady sleep in short steps, so that a stop request ends it early.
-void steady_sleep() {
-    for (unsigned step = 0; step < kSteadySleepSeconds * 4 && !stop_requested(); ++step)
-        base::sleep_ms(250);
+// The steady sleep in short steps, so that a stop request ends it early; a
+// change of the configuration file ends it at once.
+void steady_sleep(ConfigWatch& watch) {
+    for (unsigned step = 0; step < kSteadySleepSeconds * 4 && !stop_requested(); ++step) {
+        if (!watch.active())
+            base::sleep_ms(250);
+        else if (watch.wait_for_change(250))
+            return;
+    }
 }
 
 // An unreadable /etc/config/sas would read as "SAS disabled" and open every
@@ -284,8 +291,11 @@ bool last_sas_enabled() { return g_lastSasEnabled.load(); }
 bool supervision_loop() {
     SupervisionState state;
     init_supervision_state(state);
+    // Watching from before the first read: a change made during a pass
+    // ends the sleep that follows it.
+    ConfigWatch watch(config::kSasConfigPath);
     while (!stop_requested()) {
-        if (run_supervision_pass(state) == PassOutcome::Unchanged) steady_sleep();
+        if (run_supervision_pass(state) == PassOutcome::Unchanged) steady_sleep(watch);
     }
     return state.current.sasEnable != 0;
 }
