@@ -48,6 +48,7 @@ about 2 minutes for the DP part plus the StandAlone duration plus a minute.
 """
 import argparse
 import collections
+import json
 import os
 import re
 import shutil
@@ -70,6 +71,7 @@ from lab.router import VirtualRouter  # noqa: E402
 SAS_CONFIG = "/etc/config/sas"
 CACHE = "/tmp/sas_cache"  # tmpfs on the router, not flash
 CLOCK_NANOSLEEP = 230  # x86_64
+POLL = 7  # x86_64
 TRACED_CALLS = "execve,openat,rename,renameat,renameat2,clone,clone3,fork,vfork"
 CLK_TCK = os.sysconf("SC_CLK_TCK")
 HEARTBEAT_INTERVAL = 60
@@ -93,12 +95,22 @@ def cpu_seconds(pid):
 
 
 def in_sleep(pid):
+    """The main thread sleeping between passes: a plain sleep, or a wait on
+    the configuration watch (poll of one descriptor for at most 250 ms; the
+    command runner's polls wait for the whole time limit)."""
     try:
         with open(f"/proc/{pid}/syscall") as f:
             first = f.read().split()
     except OSError:
         return False
-    return bool(first) and first[0] == str(CLOCK_NANOSLEEP)
+    if not first:
+        return False
+    if first[0] == str(CLOCK_NANOSLEEP):
+        return True
+    try:
+        return first[0] == str(POLL) and int(first[2], 16) == 1 and int(first[3], 16) <= 250
+    except (IndexError, ValueError):
+        return False
 
 
 def find_daemon_pid(spawned, binary, timeout=10):
@@ -468,6 +480,7 @@ def main():
     parser.add_argument("--cbsd", default=os.environ.get("CBSD_BIN")
                         or os.path.join(REPO_DIR, "build", "cbsd"))
     parser.add_argument("--keep", help="directory for the strace and daemon logs")
+    parser.add_argument("--json", help="also write every scenario's results to this file")
     args = parser.parse_args()
     cbsd = os.path.abspath(args.cbsd)
     if not os.access(cbsd, os.X_OK):
@@ -501,6 +514,14 @@ def main():
     if standalone:
         holder.join()
         report_standalone(standalone)
+    if args.json:
+        everything = {name: {("traced" if r.traced else "plain"): r.result for r in runs}
+                      for name, runs in dp_results}
+        if standalone:
+            everything["standalone"] = {("traced" if r.traced else "plain"): r.result
+                                        for r in standalone}
+        with open(args.json, "w") as f:
+            json.dump(everything, f, indent=1, default=str)
     print(f"\nlogs: {workdir}" if args.keep else "")
     if not args.keep:
         shutil.rmtree(workdir, ignore_errors=True)
