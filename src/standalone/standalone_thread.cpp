@@ -38,9 +38,10 @@ constexpr int32_t kNoMaxEirp = 2147483647;
 constexpr int32_t kTransmitGraceSeconds = 30;
 // The grant is renewed within its last two hours.
 constexpr int32_t kRenewalWindowOffset = -7200;
-// A supervision pass (a 5 s sleep and the pass itself) asks the modem more
-// often than this; older news means no pass did, and the worker asks itself.
-constexpr uint32_t kLteObservationMaxAgeMs = 8000;
+// The supervision pass's modem query stands in for the worker's own when it
+// is at most this old: a link change still ends the back-off within about
+// 2 s of waiting steps, as when the worker asked every second.
+constexpr uint32_t kLteObservationMaxAgeMs = 1000;
 
 // The message records; later requests are built from the replies kept here.
 struct Records {
@@ -189,9 +190,9 @@ void check_grant_expiry(Worker& w) {
     }
 }
 
-// A change of LTE connectivity while waiting ends the back-off.  The
-// supervision pass asks the modem every few seconds; the worker uses what it
-// saw and asks itself only when no pass has (a pass blocked elsewhere).
+// A change of LTE connectivity while waiting ends the back-off.  A waiting
+// step right after a supervision pass's modem query uses that query's answer
+// instead of starting the modem manager once more.
 void watch_connectivity(Worker& w) {
     bool connected = modem::lte_connected_seen_within(kLteObservationMaxAgeMs);
     if (connected == w.lastLteConnected) return;
