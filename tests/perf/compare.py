@@ -147,7 +147,9 @@ def main():
     parser.add_argument("--workdir", default=None)
     parser.add_argument("--out", default=os.path.join(steady.REPO_DIR, "docs", "PERFORMANCE.md"))
     args = parser.parse_args()
-    workdir = os.path.abspath(args.workdir or tempfile.mkdtemp(prefix="cbsd-compare-"))
+    workdir = os.path.abspath(args.workdir or tempfile.mkdtemp(
+        prefix="cbsd-compare-", dir=os.path.join(steady.REPO_DIR, "build")))
+    os.makedirs(workdir, exist_ok=True)
     builds = {"before": os.path.abspath(args.before), "after": os.path.abspath(args.after)}
     steady_runs = {}
     for tag, cbsd in builds.items():

@@ -72,6 +72,7 @@ SAS_CONFIG = "/etc/config/sas"
 CACHE = "/tmp/sas_cache"  # tmpfs on the router, not flash
 CLOCK_NANOSLEEP = 230  # x86_64
 POLL = 7  # x86_64
+STARTUP_SECONDS = 8
 TRACED_CALLS = "execve,openat,rename,renameat,renameat2,clone,clone3,fork,vfork"
 CLK_TCK = os.sysconf("SC_CLK_TCK")
 HEARTBEAT_INTERVAL = 60
@@ -280,6 +281,9 @@ def dp_run(run, config, passes, radio_on, warmup_passes=2):
         spawned, pid = start_daemon(r, run.traced, run.trace_path, run.out_path)
         if radio_on:
             switch_radio_on(r)
+        # Start-up waits for its commands in short sleeps too: let it end
+        # before passes are counted.
+        time.sleep(STARTUP_SECONDS)
         watch = PassWatch(pid)
         for _ in range(warmup_passes):
             watch.wait_next_sleep()
