@@ -146,6 +146,27 @@ class SasSim:
         """{"connections": n, "handshake_failures": [...], "requests": [...]}"""
         return self.call({"cmd": "requests"})
 
+    def transmit_expire(self):
+        """Seconds since the epoch of the transmitExpireTime in the latest
+        heartbeat success the simulator sent (HTTP 200), or None."""
+        return self.call({"cmd": "authorization"})["transmit_expire"]
+
+    def set_down(self, down=True):
+        """While down, every connection is closed as soon as it is accepted."""
+        self.call({"cmd": "set_down", "down": down})
+
+    def most_connections_in_a_minute(self, since=0.0):
+        """The largest number of connection attempts (each request needs one)
+        in any 60 s window from `since` (seconds since the epoch) on, as the
+        simulator counted them."""
+        times = sorted(t for t in self.stats()["connection_times"] if t >= since)
+        most, first = 0, 0
+        for last, moment in enumerate(times):
+            while moment - times[first] >= 60.0:
+                first += 1
+            most = max(most, last - first + 1)
+        return most
+
     def pending(self):
         return self.call({"cmd": "pending"})
 

@@ -8,6 +8,7 @@ control directory, so a test process in another network namespace can drive it
 as long as it sees that directory.  See README.md for the control protocol.
 """
 import argparse
+import calendar
 import copy
 import datetime
 import json
@@ -74,6 +75,10 @@ class SimState:
         self.connections = 0
         self.handshake_failures = []
         self.counter = 0
+        self.connection_times = []
+        self.down = False
+        self.transmit_expire = None  # of the latest heartbeat success sent
+        self.authorizations = 0
         self.record_path = os.path.join(options.control_dir, "requests.jsonl")
 
     def next_id(self, prefix):
@@ -92,11 +97,42 @@ class SimState:
         with self.lock:
             return self.connection_actions.pop(0) if self.connection_actions else {}
 
+    def note_heartbeat_reply(self, body):
+        """Keeps the transmitExpireTime of a success in a heartbeat reply sent
+        with HTTP 200: the latest authorisation the device was handed."""
+        expire = transmit_expire_of(body)
+        if expire is not None:
+            with self.lock:
+                self.transmit_expire = expire
+                self.authorizations += 1
+
     def record(self, entry):
         with self.lock:
             self.requests.append(entry)
             with open(self.record_path, "a") as f:
                 f.write(json.dumps(entry) + "\n")
+
+
+def transmit_expire_of(body):
+    """Seconds since the epoch of the first heartbeat success's
+    transmitExpireTime in a reply body, or None when it holds none."""
+    try:
+        elements = json.loads(body).get("heartbeatResponse")
+    except (ValueError, AttributeError):
+        return None
+    for element in elements if isinstance(elements, list) else []:
+        if not isinstance(element, dict):
+            continue
+        response = element.get("response")
+        code = response.get("responseCode") if isinstance(response, dict) else None
+        if type(code) is not int or code != 0:
+            continue
+        try:
+            moment = time.strptime(element.get("transmitExpireTime"), "%Y-%m-%dT%H:%M:%SZ")
+        except (TypeError, ValueError):
+            return None
+        return calendar.timegm(moment)
+    return None
 
 
 def default_element(endpoint, request, state):
@@ -229,7 +265,14 @@ class SasHandler(BaseHTTPRequestHandler):
         self.close_connection = True
         if "chunks" in spec or "chunk_sizes" in spec:
             self._send_chunked(body, spec)
-            return
+            if "chunks" in spec:
+                body = "".join(spec["chunks"]).encode("utf-8")
+        else:
+            self._send_whole(body, spec)
+        if endpoint == "heartbeat" and status == 200:
+            self.server.state.note_heartbeat_reply(body)
+
+    def _send_whole(self, body, spec):
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         trickle = spec.get("trickle")
@@ -283,6 +326,11 @@ class SasServer(ThreadingHTTPServer):
         state = self.state
         with state.lock:
             state.connections += 1
+            state.connection_times.append(time.time())
+            down = state.down
+        if down:  # as if nobody listened: the client sees its connection end
+            request.close()
+            return
         request.settimeout(60)  # a client that stalls mid-handshake frees its thread
         action = state.take_connection_action()
         if action.get("handshake_delay"):
@@ -361,7 +409,14 @@ class ControlServer(socketserver.ThreadingUnixStreamServer):
             if cmd == "requests":
                 return {"ok": True, "requests": state.requests,
                         "connections": state.connections,
+                        "connection_times": state.connection_times,
                         "handshake_failures": state.handshake_failures}
+            if cmd == "set_down":
+                state.down = bool(command.get("down"))
+                return {"ok": True}
+            if cmd == "authorization":
+                return {"ok": True, "transmit_expire": state.transmit_expire,
+                        "authorizations": state.authorizations}
             if cmd == "pending":
                 return {"ok": True, "queues": {k: len(v) for k, v in state.queues.items()},
                         "connection_actions": len(state.connection_actions)}
@@ -372,6 +427,7 @@ class ControlServer(socketserver.ThreadingUnixStreamServer):
                 state.requests.clear()
                 state.handshake_failures.clear()
                 state.connections = 0
+                state.connection_times.clear()
                 open(state.record_path, "w").close()
                 return {"ok": True}
             if cmd == "shutdown":

@@ -5,6 +5,8 @@ import time
 
 import pytest
 
+import fail_closed
+
 LAN_ACCEPT = "-A OUTPUT -o br-lan -p icmp -m icmp --icmp-type 8/0 -j ACCEPT"
 ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
 UNRELATED = "-A OUTPUT -p tcp -m tcp --dport 22 -j ACCEPT"
@@ -14,6 +16,13 @@ RECOVERY_LINES = [("5", "cbsd", "[SAS] reset IP forward enable.\n"),
                   ("5", "cbsd", "[SAS] clear firewall ICMP rules.\n"),
                   ("5", "cbsd", "[SAS] clear bridge forward rules.\n")]
 WITHIN_ONE_PASS = 9
+
+
+@pytest.fixture
+def router(router):
+    """Every daemon these tests start runs under the fail-closed sampler,
+    with the proxy's RadioEnable as the authority."""
+    yield from fail_closed.watch_daemons(router, fail_closed.DpAuthority)
 
 
 def close_everything_twice(r):
@@ -210,6 +219,7 @@ def test_partly_reopened_device_is_closed_again_without_duplicates(router, cbsd_
     mark = len(r.log_text())
     # Only the ICMP drop goes: the LAN accept stays, and closing inserts both
     # again, so the accept is then doubled, as on the router.
+    fail_closed.tampered(r)
     r.run("iptables -D OUTPUT -p icmp --icmp-type 8 -j DROP", check=True)
     assert r.wait_for(lambda: ICMP_DROP in r.iptables_rules(), WITHIN_ONE_PASS)
     assert r.iptables_rules() == ["-P OUTPUT ACCEPT", LAN_ACCEPT, ICMP_DROP, LAN_ACCEPT]
@@ -225,6 +235,7 @@ def test_only_the_ethernet_rule_is_examined_while_both_vlans_exist(router, cbsd_
     time.sleep(WITHIN_ONE_PASS)
     # The USB rule is not looked at while eth1.112 exists and keeps its rule.
     assert r.ebtables_rules() == [ETH_DROP]
+    fail_closed.tampered(r)
     r.run("ebtables -D BRIDGE_FORWARD -o eth1.112+ -j DROP", check=True)
     assert r.wait_for(lambda: r.ebtables_rules() == [USB_DROP, ETH_DROP], WITHIN_ONE_PASS)
 

@@ -3,6 +3,7 @@ SAS on and off, the proxy's radio switch, the LTE link, the cell frequency
 refresh, the change report and the repair of the traffic gates."""
 import time
 
+import fail_closed
 import pytest
 
 from lab import device_config
@@ -80,6 +81,13 @@ def start(router, **config):
     r = router(sas_config=sas_config(**config))
     r.start_daemon()
     return r
+
+
+@pytest.fixture
+def router(router):
+    """Every daemon these tests start runs under the fail-closed sampler,
+    with the proxy's RadioEnable as the authority."""
+    yield from fail_closed.watch_daemons(router, fail_closed.DpAuthority)
 
 
 @pytest.fixture
@@ -200,6 +208,7 @@ def test_frequency_change_blocks_until_the_modem_reports_a_plausible_cell(dp_ena
     r.set_modem(dlfreq=3600000, bandwidth=25)
     time.sleep(WITHIN_ONE_PASS)
     # While it waits, no pass runs: a rule removed now is not put back.
+    fail_closed.tampered(r)
     r.run("iptables -D OUTPUT -p icmp --icmp-type 8 -j DROP")
     time.sleep(PASS_SECONDS + 1)
     assert ICMP_DROP not in r.iptables_rules()
@@ -254,6 +263,7 @@ def test_change_report_lines_follow_the_field_order(dp_enabled):
 def test_rules_deleted_behind_the_daemons_back_are_restored_within_one_pass(dp_enabled):
     r = dp_enabled
     mark = len(r.log_text())
+    fail_closed.tampered(r)
     r.run("iptables -F OUTPUT; ebtables -F BRIDGE_FORWARD; "
           "echo 1 > /proc/sys/net/ipv4/ip_forward; echo 1 > /proc/sys/net/ipv6/conf/all/forwarding")
     # Steady passes log only what they repair; each gate is closed again.
