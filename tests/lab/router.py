@@ -181,15 +181,29 @@ class VirtualRouter:
                               text=True, timeout=timeout, env=self.environment(),
                               stdin=subprocess.DEVNULL)
 
-    def start_daemon(self, *args):
-        """Starts `cbsd -d ARGS` (foreground debug mode); its output goes to
-        daemon_output()."""
+    def start_daemon(self, *args, env=None):
+        """Starts `cbsd -d ARGS` (foreground debug mode), with `env` added to
+        its environment; its output goes to daemon_output()."""
         if self._daemon is not None:
             raise RouterError("the daemon already runs")
         with open(os.path.join(self._workdir, "daemon.out"), "ab") as out:
-            self._daemon = self.spawn([self.cbsd_bin, "-d", *args], stdout=out,
+            self._daemon = self.spawn([self.cbsd_bin, "-d", *args], env=env, stdout=out,
                                       stderr=subprocess.STDOUT)
         return self._daemon
+
+    def fill_store(self, size_kb=64):
+        """Puts /etc/config on a small tmpfs holding copies of its files and
+        fills it: from now on every write there fails with ENOSPC."""
+        self.run("cp -a /etc/config /tmp/lab-config-copy && "
+                 f"mount -t tmpfs -o size={int(size_kb)}k tmpfs /etc/config && "
+                 "cp -a /tmp/lab-config-copy/. /etc/config/ && "
+                 "{ dd if=/dev/zero of=/etc/config/.lab-fill bs=1k 2>/dev/null; true; }",
+                 check=True)
+
+    def read_only_store(self):
+        """Makes /etc/config read-only: every write there fails with EROFS."""
+        self.run("mount --bind /etc/config /etc/config && "
+                 "mount -o remount,bind,ro /etc/config", check=True)
 
     def stop_daemon(self):
         """Stops the daemon with SIGKILL; returns its exit status or None."""

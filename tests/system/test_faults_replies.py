@@ -1,0 +1,20 @@
+"""Heartbeat "successes" the daemon must not take as an authorisation while
+it is authorised: the gates close no later than transmitExpireTime + 60 s,
+the SAS sees at most 20 requests a minute, the configuration stays whole."""
+import pytest
+
+from faults import FaultRun, authorized_with_short_lead
+from test_standalone import lab, pki_dir  # noqa: F401
+
+
+@pytest.mark.parametrize("name, spec", [
+    ("success without transmitExpireTime", {"remove": ["transmitExpireTime"]}),
+    ("success with an unparsable transmitExpireTime", {"set": {"transmitExpireTime": "soon"}}),
+    ("success with responseCode \"0\"", {"set": {"response": {"responseCode": "0"}}}),
+    ("success without responseCode", {"set": {"response": {}}}),
+])
+def test_malformed_heartbeat_success(lab, name, spec):
+    authorized_with_short_lead(lab)
+    run = FaultRun(name, lab)
+    lab[1].set_default("heartbeat", **spec)
+    run.finish(run.wait_closed())
