@@ -13,22 +13,22 @@ from test_standalone import gates_closed, lab, pki_dir  # noqa: F401
 FAKETIME_LIBRARY = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
 
 
-def test_store_full_then_sas_down(lab):
+def fault_then_sas_down(lab, name, inject):
+    """Authorised, then inject(router), then the SAS goes down for good."""
     r, sim = lab
     authorized_with_short_lead(lab)
-    run = FaultRun("store full (ENOSPC), then SAS down", lab)
-    r.fill_store()
+    run = FaultRun(name, lab)
+    inject(r)
     sim.set_down()
     run.finish(run.wait_closed())
+
+
+def test_store_full_then_sas_down(lab):
+    fault_then_sas_down(lab, "store full (ENOSPC), then SAS down", lambda r: r.fill_store())
 
 
 def test_store_read_only_then_sas_down(lab):
-    r, sim = lab
-    authorized_with_short_lead(lab)
-    run = FaultRun("store read-only, then SAS down", lab)
-    r.read_only_store()
-    sim.set_down()
-    run.finish(run.wait_closed())
+    fault_then_sas_down(lab, "store read-only, then SAS down", lambda r: r.read_only_store())
 
 
 def test_restart_with_the_store_still_full_does_not_reopen(lab):
@@ -49,12 +49,7 @@ def test_restart_with_the_store_still_full_does_not_reopen(lab):
 
 
 def test_modem_manager_hangs_then_sas_down(lab):
-    r, sim = lab
-    authorized_with_short_lead(lab)
-    run = FaultRun("modem manager hangs, then SAS down", lab)
-    r.hang_tool("ubus")
-    sim.set_down()
-    run.finish(run.wait_closed())
+    fault_then_sas_down(lab, "modem manager hangs, then SAS down", lambda r: r.hang_tool("ubus"))
 
 
 def test_crash_while_authorized_then_restart_closes_at_once(lab):
