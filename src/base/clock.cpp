@@ -38,6 +38,13 @@ uint32_t monotonic_seconds() {
                                          : real_monotonic_seconds();
 }
 
+uint32_t monotonic_seconds_rounded_up() {
+    if (replacement.monotonic_seconds) return replacement.monotonic_seconds();
+    timespec now{};
+    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) return 0;
+    return static_cast<uint32_t>(now.tv_sec) + (now.tv_nsec > 0 ? 1u : 0u);
+}
+
 void sleep_ms(uint32_t ms) {
     if (replacement.sleep_ms)
         replacement.sleep_ms(ms);

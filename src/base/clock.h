@@ -20,6 +20,9 @@ void set_clock(const Clock& replacement);
 
 time_t wall_seconds();
 uint32_t monotonic_seconds();
+// The same seconds, rounded up when the clock is past a whole second: a wait
+// counted from here lasts at least its seconds.  Tests' seconds are whole.
+uint32_t monotonic_seconds_rounded_up();
 void sleep_ms(uint32_t ms);
 void sleep_seconds(uint32_t seconds);
 

@@ -70,6 +70,11 @@ void oper_timer_schedule(OperTimer* timer, uint32_t now, uint32_t heartbeatInter
     timer->secTime = now + wait == 0 ? 1 : now + wait;
 }
 
+uint32_t oper_timer_now(const OperTimer* timer) {
+    return timer->timerType == HEART_BEAT_ERROR ? base::monotonic_seconds_rounded_up()
+                                                : base::monotonic_seconds();
+}
+
 // The monotonic seconds wrap: the remaining wait is the difference taken as a
 // signed number, which is right for any wait shorter than 68 years.
 bool oper_timer_waiting(const OperTimer* timer, uint32_t now) {

@@ -30,6 +30,11 @@ void oper_timer_reset(OperTimer* timer);
 void oper_timer_start(OperTimer* timer, uint32_t type);
 // Counts one more wait and sets secTime to now plus the type's wait.
 void oper_timer_schedule(OperTimer* timer, uint32_t now, uint32_t heartbeatInterval);
+// The second a wait of the timer's type counts from: the 5 s wait after a
+// refusal or a failed heartbeat lasts at least 5 s (the 1 s polling would
+// otherwise end it up to a second early); the other waits count from the
+// current second.
+uint32_t oper_timer_now(const OperTimer* timer);
 // True while the armed timer's wait has not ended.
 bool oper_timer_waiting(const OperTimer* timer, uint32_t now);
 

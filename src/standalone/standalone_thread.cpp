@@ -468,7 +468,7 @@ bool run_pass(Worker& w) {
         return true;
     }
     dispatch(w);
-    if (w.operTimer.enable) oper_timer_schedule(&w.operTimer, base::monotonic_seconds(), w.heartbeatInterval);
+    if (w.operTimer.enable) oper_timer_schedule(&w.operTimer, oper_timer_now(&w.operTimer), w.heartbeatInterval);
     return true;
 }
 

@@ -223,3 +223,16 @@ TEST(MonotonicClock, SecondsAreTheSixtyFourBitClockCutToThirtyTwoBits) {
     EXPECT_LE(s - static_cast<uint32_t>(ms64 / 1000), 1u);
     EXPECT_LE(ms - static_cast<uint32_t>(ms64), 1000u);
 }
+
+// Rounded up, the seconds are never behind the clock: a wait counted from
+// them lasts at least its seconds.
+TEST(MonotonicClock, RoundedUpSecondsAreNotBehindTheClock) {
+    for (int i = 0; i < 50; ++i) {
+        int64_t before = base::monotonic_ms64();
+        int64_t up = base::monotonic_seconds_rounded_up();
+        int64_t after = base::monotonic_ms64();
+        EXPECT_GE(up * 1000, before);
+        EXPECT_LE(up * 1000, after + 1000);
+        base::sleep_ms(3);
+    }
+}

@@ -1,5 +1,7 @@
 #include "standalone/oper_timer.h"
 
+#include "base/clock.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -56,6 +58,20 @@ TEST(OperTimer, SuspendedGrantAlwaysWaitsOneMinute) {
 TEST(OperTimer, HeartbeatErrorWaitsFiveSeconds) {
     OperTimer timer{};
     for (int i = 0; i < 7; ++i) EXPECT_EQ(fail_once(timer, HEART_BEAT_ERROR, 7), 5u);
+}
+
+// The 5 s wait counts from the next whole second, so it is never cut short;
+// the heartbeat period counts from the current one.
+TEST(OperTimer, OnlyTheFiveSecondWaitCountsFromTheNextWholeSecond) {
+    OperTimer timer{};
+    for (int i = 0; i < 20; ++i) {
+        oper_timer_start(&timer, HEART_BEAT_ERROR);
+        int64_t before = base::monotonic_ms64();
+        EXPECT_GE(int64_t{oper_timer_now(&timer)} * 1000, before);
+        oper_timer_start(&timer, HEART_BEAT_SUCCESS);
+        EXPECT_LE(int64_t{oper_timer_now(&timer)} * 1000, base::monotonic_ms64());
+        base::sleep_ms(7);
+    }
 }
 
 TEST(OperTimer, HeartbeatSuccessWaitsTheHeartbeatInterval) {
