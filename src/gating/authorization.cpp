@@ -10,6 +10,7 @@
 #include "base/system.h"
 
 #include <chrono>
+#include <thread>
 #include <mutex>
 
 namespace cbsd::gating {
@@ -20,14 +21,15 @@ namespace {
 // time, so that an inspection and the change it leads to are not split.
 // Recursive because a switch may be entered again from within (the power
 // computation reads through the same layer).
-std::recursive_timed_mutex g_gateLock;
-using GateHold = std::lock_guard<std::recursive_timed_mutex>;
+std::recursive_mutex g_gateLock;
+using GateHold = std::lock_guard<std::recursive_mutex>;
 
 // The transmit guard's bounds: its gate commands and its wait for the lock
 // together stay far inside the minute between the transmit deadline and the
 // time the gates must be shut, even with a firewall tool that hangs.
 constexpr int kGuardCommandLimitSeconds = 2;
 constexpr auto kGuardLockWait = std::chrono::seconds(2);
+constexpr auto kGuardLockPoll = std::chrono::milliseconds(10);
 
 void close_all_gates() {
     set_ip_forward(false);
@@ -77,6 +79,18 @@ void unauthorize_device(uint8_t announce) {
     if (announce) base::notice_to_syslog("[SAS] device has been unauthorized.\n\n");
 }
 
+// Polls for the lock rather than taking it with a time-out: ThreadSanitizer
+// does not see the timed lock libstdc++ uses (pthread_mutex_clocklock) and
+// would report every unlock of it as an unlock of an unlocked mutex.
+static bool lock_within(std::unique_lock<std::recursive_mutex>& hold,
+                        std::chrono::milliseconds limit) {
+    for (auto waited = std::chrono::milliseconds(0); !hold.try_lock(); waited += kGuardLockPoll) {
+        if (waited >= limit) return false;
+        std::this_thread::sleep_for(kGuardLockPoll);
+    }
+    return true;
+}
+
 // Forwarding goes first and without the lock: a file write, no process, so
 // the device's traffic stops even while the loop holds the lock over a hung
 // firewall tool.  The rest waits a bounded time for the lock and then goes
@@ -86,8 +100,8 @@ bool close_open_gates() {
     bool forwarding = is_ip_forward_enabled();
     if (forwarding) set_ip_forward(false);
     base::TimeLimitCap cap(kGuardCommandLimitSeconds);
-    std::unique_lock<std::recursive_timed_mutex> hold(g_gateLock, std::defer_lock);
-    if (!hold.try_lock_for(kGuardLockWait))
+    std::unique_lock<std::recursive_mutex> hold(g_gateLock, std::defer_lock);
+    if (!lock_within(hold, kGuardLockWait))
         base::error("[SAS] gate switch still busy, closing the gates alongside it.\n");
     bool open = forwarding || is_firewall_icmp_open() || is_bridge_forward_open();
     if (open) close_all_gates();
