@@ -7,16 +7,29 @@ namespace cbsd::base {
 namespace {
 
 constexpr const char* kLayout = "dddd-dd-ddTdd:dd:ddZ";
+// "Sun, 06 Nov 1994 08:49:37 GMT": 'a' is any letter, the month is checked apart.
+constexpr const char* kHttpLayout = "aaa, dd aaa dddd dd:dd:dd GMT";
+constexpr const char kMonthNames[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
 
-// Every 'd' of the layout a digit, every other character as written.
-bool matches_layout(const char* text) {
-    size_t length = std::strlen(kLayout);
+// Every 'd' of the layout a digit, every 'a' a letter, every other character
+// as written.
+bool matches_layout(const char* text, const char* layout) {
+    size_t length = std::strlen(layout);
     if (std::strlen(text) != length) return false;
     for (size_t i = 0; i < length; ++i) {
         bool digit = text[i] >= '0' && text[i] <= '9';
-        if (kLayout[i] == 'd' ? !digit : text[i] != kLayout[i]) return false;
+        bool letter = (text[i] >= 'A' && text[i] <= 'Z') || (text[i] >= 'a' && text[i] <= 'z');
+        if (layout[i] == 'd' ? !digit : layout[i] == 'a' ? !letter : text[i] != layout[i])
+            return false;
     }
     return true;
+}
+
+// 1..12 for an English month abbreviation, 0 for anything else.
+uint32_t month_of(const char* name) {
+    for (uint32_t month = 0; month < 12; ++month)
+        if (std::strncmp(name, kMonthNames + 3 * month, 3) == 0) return month + 1;
+    return 0;
 }
 
 uint32_t digits(const char* text, size_t count) {
@@ -46,18 +59,32 @@ int64_t days_from_civil(int64_t year, uint32_t month, uint32_t day) {
     return era * 146097 + dayOfEra - 719468;
 }
 
-bool parse_utc_time(const char* text, int64_t* epochSeconds) {
-    if (!text || !matches_layout(text)) return false;
-    int64_t year = digits(text, 4);
-    uint32_t month = digits(text + 5, 2);
-    uint32_t day = digits(text + 8, 2);
-    uint32_t hour = digits(text + 11, 2);
-    uint32_t minute = digits(text + 14, 2);
-    uint32_t second = digits(text + 17, 2);
+namespace {
+
+// The civil date and time of day as epoch seconds, when every field is in range.
+bool epoch_of(int64_t year, uint32_t month, uint32_t day, const char* clock,
+              int64_t* epochSeconds) {
+    uint32_t hour = digits(clock, 2);
+    uint32_t minute = digits(clock + 3, 2);
+    uint32_t second = digits(clock + 6, 2);
     if (month < 1 || month > 12 || day < 1 || day > days_in_month(year, month)) return false;
     if (hour > 23 || minute > 59 || second > 60) return false;
     *epochSeconds = days_from_civil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second;
     return true;
+}
+
+}  // namespace
+
+bool parse_utc_time(const char* text, int64_t* epochSeconds) {
+    if (!text || !matches_layout(text, kLayout)) return false;
+    return epoch_of(digits(text, 4), digits(text + 5, 2), digits(text + 8, 2), text + 11,
+                    epochSeconds);
+}
+
+bool parse_http_date(const char* text, int64_t* epochSeconds) {
+    if (!text || !matches_layout(text, kHttpLayout)) return false;
+    return epoch_of(digits(text + 12, 4), month_of(text + 8), digits(text + 5, 2), text + 17,
+                    epochSeconds);
 }
 
 }  // namespace cbsd::base

@@ -1,4 +1,4 @@
-// SAS times ("2024-05-01T12:00:00Z") as 64-bit epoch seconds, computed from
+// SAS times ("2024-05-01T12:00:00Z") and HTTP dates as 64-bit epoch seconds, computed from
 // the civil date alone: no mktime and no zone round trip, so a date from 2038
 // on converts the same on a router whose time_t has 32 bits.
 #pragma once
@@ -13,5 +13,10 @@ int64_t days_from_civil(int64_t year, uint32_t month, uint32_t day);
 // Parses exactly "YYYY-MM-DDTHH:MM:SSZ" with fields in range.  Returns false
 // and leaves *epochSeconds untouched for any other text.
 bool parse_utc_time(const char* text, int64_t* epochSeconds);
+
+// Parses an HTTP date in its one current form, "Sun, 06 Nov 1994 08:49:37
+// GMT", with fields in range (the weekday is not checked against the date).
+// Returns false and leaves *epochSeconds untouched for any other text.
+bool parse_http_date(const char* text, int64_t* epochSeconds);
 
 }  // namespace cbsd::base

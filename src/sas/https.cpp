@@ -10,6 +10,7 @@
 #include "config/device_record.h"
 #include "base/log.h"
 #include "config/certificate_paths.h"
+#include "sas/reply_date.h"
 
 #include <curl/curl.h>
 #include <sys/stat.h>
@@ -28,6 +29,9 @@ uint32_t g_responseLength = 0;
 bool g_dumpWritten = false;
 // False from the start of an exchange until its own 200 reply is in the dump.
 std::atomic<bool> g_dumpFresh{true};
+// The Date header of the running exchange's last response, when it had one.
+bool g_replyDated = false;
+int64_t g_replyDate = 0;
 
 constexpr const char* kResponseMarker = "Response";
 
@@ -50,6 +54,15 @@ bool save_reply_dump(const char* data, size_t length) {
     if (!file) return false;
     bool whole = std::fwrite(data, 1, length, file) == length;
     return std::fclose(file) == 0 && whole;
+}
+
+size_t note_reply_date(char* line, size_t size, size_t count, void*) {
+    int64_t date = 0;
+    if (date_from_header_line(line, size * count, &date)) {
+        g_replyDate = date;
+        g_replyDated = true;
+    }
+    return size * count;
 }
 
 // Decides after the transfer whether the dump is this exchange's own reply.
@@ -84,6 +97,7 @@ void set_transfer_options(CURL* curl, const char* url, const char* body, curl_sl
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
     curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, note_reply_date);
     curl_easy_setopt(curl, CURLOPT_SSLCERT, certPath);
     curl_easy_setopt(curl, CURLOPT_SSLCERTTYPE, "PEM");
     if (crlPath && file_readable(crlPath)) curl_easy_setopt(curl, CURLOPT_CRLFILE, crlPath);
@@ -134,6 +148,7 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
         std::memset(g_response, 0, sizeof g_response);
         g_dumpWritten = false;
         g_dumpFresh.store(false);
+        g_replyDated = false;
         headers = curl_slist_append(nullptr, "Accept: application/json");
         curl_slist* both = headers ? curl_slist_append(headers, "Content-Type: application/json")
                                    : nullptr;
@@ -154,6 +169,12 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
 }
 
 bool reply_dump_is_fresh() { return g_dumpFresh.load(); }
+
+bool reply_date(int64_t* epochSeconds) {
+    if (!g_replyDated) return false;
+    *epochSeconds = g_replyDate;
+    return true;
+}
 
 int32_t https_post(const char* url, const char* body) {
     CertificatePaths paths;

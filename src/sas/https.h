@@ -19,6 +19,9 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
 // the dump: a failed, non-200 or empty exchange leaves the dump stale.  True
 // before the first exchange, so a dump written by other means is read as is.
 bool reply_dump_is_fresh();
+// The SAS's clock when it answered the last exchange (its reply's Date
+// header), when the reply carried one that parses.
+bool reply_date(int64_t* epochSeconds);
 size_t save_response(char* data, size_t size, size_t count, void* user);
 
 }  // namespace cbsd::sas

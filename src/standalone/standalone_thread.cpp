@@ -17,7 +17,6 @@
 #include "standalone/held_text.h"
 #include "standalone/oper_timer.h"
 #include "standalone/transmit_deadline.h"
-#include "base/utc_time.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -117,16 +116,6 @@ void write_transmit_time(Worker& w, const char* text) {
 void withdraw_radio() {
     drop_transmit_deadline();
     config::set_radio_enable("0");
-}
-
-// The deadline is held before RadioEnable "1" is written, so that the loop
-// finds it when it opens.  The parser accepted only a parseable time.
-void hold_deadline_of(const sas::HeartbeatResponse* reply) {
-    int64_t expire = 0;
-    if (!base::parse_utc_time(reply->transmitExpireTime, &expire)) return;
-    hold_transmit_deadline(transmit_deadline_from(expire, base::wall_seconds(),
-                                                  base::monotonic_ms64(),
-                                                  max_transmit_lead_seconds()));
 }
 
 // A refusal that the procedure answers by starting over.  The first of a
@@ -319,7 +308,9 @@ void run_registered(Worker& w) {
 
 void on_heartbeat_success(Worker& w, const sas::HeartbeatResponse* reply) {
     write_status(w, base::kAuthorized);
-    hold_deadline_of(reply);
+    // Held before RadioEnable "1" is written, so that the loop finds it when
+    // it opens.  The parser accepted only a parseable time.
+    hold_deadline_of_reply(reply->transmitExpireTime);
     config::set_radio_enable("1");
     write_transmit_time(w, reply->transmitExpireTime);
     if (reply->grantExpireTime[0] != '\0') {

@@ -1,7 +1,10 @@
 #include "standalone/transmit_deadline.h"
 
+#include "base/clock.h"
+#include "base/utc_time.h"
 #include "config/schema.h"
 #include "config/uci_store.h"
+#include "sas/https.h"
 
 #include <algorithm>
 #include <atomic>
@@ -23,6 +26,20 @@ int64_t transmit_deadline_from(int64_t expireEpoch, int64_t wallAtReceipt, int64
                                uint32_t maxLeadSeconds) {
     int64_t lead = std::min(expireEpoch - wallAtReceipt, static_cast<int64_t>(maxLeadSeconds));
     return receivedMs + lead * 1000 + kTransmitGraceMs;
+}
+
+int64_t lead_reference(int64_t wallSeconds, const int64_t* sasSeconds) {
+    return sasSeconds ? std::max(wallSeconds, *sasSeconds) : wallSeconds;
+}
+
+void hold_deadline_of_reply(const char* transmitExpireTime) {
+    int64_t expire = 0;
+    if (!base::parse_utc_time(transmitExpireTime, &expire)) return;
+    int64_t sasNow = 0;
+    bool dated = sas::reply_date(&sasNow);
+    int64_t reference = lead_reference(base::wall_seconds(), dated ? &sasNow : nullptr);
+    hold_transmit_deadline(transmit_deadline_from(expire, reference, base::monotonic_ms64(),
+                                                  max_transmit_lead_seconds()));
 }
 
 uint32_t max_transmit_lead_seconds() {

@@ -1,6 +1,7 @@
 // The one authorisation the gates obey in StandAlone mode: a deadline on the
 // 64-bit monotonic clock, taken from the last heartbeat success.  The wall
-// clock is read once, at receipt, so stepping it later moves nothing.  The
+// clock (and the SAS's, from the reply) is read once, at receipt, so stepping
+// it later moves nothing.  The
 // worker holds and drops it; the transmit guard and the supervision loop read
 // it without waiting on either.
 #pragma once
@@ -22,6 +23,15 @@ int64_t transmit_deadline_from(int64_t expireEpoch, int64_t wallAtReceipt, int64
 // The configured maximum lead (UCI config.maxTransmitLead, seconds); the
 // default when unset, not a number or out of 1..86400.
 uint32_t max_transmit_lead_seconds();
+
+// The wall time a lead is measured from: the later of the wall clock and the
+// SAS's time stated with the reply, so that neither a wall clock behind the
+// SAS's nor one ahead of it lengthens the lead.
+int64_t lead_reference(int64_t wallSeconds, const int64_t* sasSeconds);
+
+// Holds the deadline of a heartbeat success just received, whose
+// transmitExpireTime parses; any other text holds nothing.
+void hold_deadline_of_reply(const char* transmitExpireTime);
 
 void hold_transmit_deadline(int64_t deadlineMs);
 void drop_transmit_deadline();

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <string>
 
 namespace cbsd::base {
 namespace {
@@ -51,6 +52,54 @@ TEST(UtcTime, RejectsWhatIsNotATime) {
     EXPECT_TRUE(rejects("2024-05-01T12:60:00Z"));
     EXPECT_TRUE(rejects("2024-05-01T12:00:00Zjunk"));
     EXPECT_TRUE(rejects("+024-05-01T12:00:00Z"));
+}
+
+int64_t http_parsed(const char* text) {
+    int64_t value = -12345;
+    EXPECT_TRUE(parse_http_date(text, &value)) << text;
+    return value;
+}
+
+bool http_rejects(const char* text) {
+    int64_t value = -12345;
+    return !parse_http_date(text, &value) && value == -12345;
+}
+
+TEST(HttpDate, KnownInstants) {
+    EXPECT_EQ(http_parsed("Thu, 01 Jan 1970 00:00:00 GMT"), 0);
+    EXPECT_EQ(http_parsed("Sun, 06 Nov 1994 08:49:37 GMT"), 784111777);
+    EXPECT_EQ(http_parsed("Wed, 01 May 2024 12:00:00 GMT"), 1714564800);
+    EXPECT_EQ(http_parsed("Thu, 29 Feb 2024 23:59:59 GMT"), 1709251199);
+}
+
+TEST(HttpDate, PastThe32BitEnd) {
+    EXPECT_EQ(http_parsed("Tue, 19 Jan 2038 03:14:08 GMT"), int64_t{2147483648});
+    EXPECT_EQ(http_parsed("Fri, 01 Jun 2040 00:00:00 GMT"), int64_t{2222121600});
+}
+
+TEST(HttpDate, EveryMonthByName) {
+    const char* const names[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                 "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    for (uint32_t month = 1; month <= 12; ++month) {
+        std::string text = std::string("Mon, 01 ") + names[month - 1] + " 2024 00:00:00 GMT";
+        EXPECT_EQ(http_parsed(text.c_str()), days_from_civil(2024, month, 1) * 86400) << text;
+    }
+}
+
+// The obsolete forms and anything malformed are not used: the wall clock alone
+// then stands for the SAS's time.
+TEST(HttpDate, RejectsOtherForms) {
+    EXPECT_TRUE(http_rejects(nullptr));
+    EXPECT_TRUE(http_rejects(""));
+    EXPECT_TRUE(http_rejects("Sunday, 06-Nov-94 08:49:37 GMT"));
+    EXPECT_TRUE(http_rejects("Sun Nov  6 08:49:37 1994"));
+    EXPECT_TRUE(http_rejects("Sun, 06 Nov 1994 08:49:37 UTC"));
+    EXPECT_TRUE(http_rejects("Sun, 06 Nov 1994 08:49:37 GMT "));
+    EXPECT_TRUE(http_rejects("Sun, 06 Nux 1994 08:49:37 GMT"));
+    EXPECT_TRUE(http_rejects("Sun, 06 nov 1994 08:49:37 GMT"));
+    EXPECT_TRUE(http_rejects("Sun, 31 Nov 1994 08:49:37 GMT"));
+    EXPECT_TRUE(http_rejects("Sun, 06 Nov 1994 24:49:37 GMT"));
+    EXPECT_TRUE(http_rejects("S1n, 06 Nov 1994 08:49:37 GMT"));
 }
 
 // Where time_t has 64 bits, the conversion agrees with the C library's UTC

@@ -9,6 +9,8 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -321,6 +323,19 @@ TEST_F(HttpsTest, RefusedConnectionLogsTheCurlError) {
     // The error text follows as its own log call, ending in exactly one newline.
     std::string rest = log.substr(at);
     EXPECT_NE(rest.find("]Failed to connect to 127.0.0.1 port 1"), std::string::npos) << rest;
+}
+
+// The SAS's clock as its reply's Date header states it, for this exchange only.
+TEST_F(HttpsTest, TheReplyStatesTheSasClockUntilTheNextExchange) {
+    test::sim::Simulator sim;
+    provision();
+    int64_t date = 0;
+    ASSERT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    ASSERT_TRUE(reply_date(&date));
+    EXPECT_NEAR(static_cast<double>(date), static_cast<double>(std::time(nullptr)), 5.0);
+
+    EXPECT_EQ(https_post("https://127.0.0.1:1/v1.2/registration", kBody), CURLE_COULDNT_CONNECT);
+    EXPECT_FALSE(reply_date(&date));
 }
 
 TEST_F(HttpsTest, MissingUrlIsASetupFailure) {

@@ -38,6 +38,25 @@ TEST(TransmitDeadline, FarFutureAndPast2038StayInRange) {
     EXPECT_EQ(transmit_deadline_from(after2038, 0, kReceived, 240), kReceived + 270000);
 }
 
+TEST(TransmitDeadline, LeadIsMeasuredFromTheLaterOfTheTwoClocks) {
+    int64_t sas = kWall;
+    EXPECT_EQ(lead_reference(kWall - 3600, &sas), kWall);
+    EXPECT_EQ(lead_reference(kWall + 3600, &sas), kWall + 3600);
+    EXPECT_EQ(lead_reference(kWall - 3600, nullptr), kWall - 3600);
+}
+
+// A wall clock an hour behind the SAS's would make a 20 s transmit time look
+// an hour away (capped to the maximum lead): the SAS's stated time keeps the
+// deadline at its 20 s.
+TEST(TransmitDeadline, AWallClockBehindTheSasDoesNotLengthenTheLead) {
+    int64_t sas = kWall;
+    int64_t behind = kWall - 3600;
+    EXPECT_EQ(transmit_deadline_from(kWall + 20, lead_reference(behind, &sas), kReceived, 240),
+              kReceived + 20000 + 30000);
+    EXPECT_EQ(transmit_deadline_from(kWall + 20, lead_reference(behind, nullptr), kReceived, 240),
+              kReceived + 240000 + 30000);
+}
+
 TEST(TransmitDeadline, HeldUntilItPassesAndDroppedAtOnce) {
     drop_transmit_deadline();
     EXPECT_FALSE(transmit_deadline_held(kReceived));
