@@ -2,6 +2,7 @@
 
 #include "config/accessors.h"
 #include "daemon/profiles.h"
+#include "base/clock.h"
 #include "base/log.h"
 #include "base/settings.h"
 #include "base/system.h"
@@ -86,6 +87,13 @@ void set_initial_traffic_state() {
     gating::clear_bridge_forward_rules();
 }
 
+// What is left of the worker's time once the gates took `spentMs` of the
+// stop (slow firewall tools), rounded down to whole seconds; at least one.
+uint32_t seconds_left(uint32_t seconds, uint32_t spentMs) {
+    uint32_t spent = (spentMs + 999) / 1000;
+    return spent < seconds ? seconds - spent : 1;
+}
+
 // SIGTERM or SIGINT: with SAS enabled nobody holds an authorisation any more,
 // so the gates close first (they must not wait on the SAS), then the worker
 // gives its grant back and deregisters as on disable, within the time the
@@ -94,11 +102,13 @@ void set_initial_traffic_state() {
     if (g_stopping.exchange(true))
         for (;;) pause();
     base::notice_to_syslog("[SAS] stop requested.\n");
+    uint32_t startedMs = base::monotonic_ms();
     if (sasEnabled) {
         standalone::drop_transmit_deadline();
         gating::unauthorize_device(1);
     }
-    if (!standalone::stop_standalone_worker_within(workerSeconds))
+    if (!standalone::stop_standalone_worker_within(
+            seconds_left(workerSeconds, base::monotonic_ms() - startedMs)))
         base::notice_to_syslog("[SAS] StandAlone thread did not stop in time.\n");
     base::notice_to_syslog("[SAS] cbsd exit.\n");
     // The guard thread, and a worker that did not stop in time, still run:
