@@ -9,16 +9,22 @@
 namespace cbsd::base {
 namespace {
 
-int64_t parsed(const char* text) {
+using Parser = bool (*)(const char*, int64_t*);
+
+int64_t parsed(const char* text, Parser parse = parse_utc_time) {
     int64_t value = -12345;
-    EXPECT_TRUE(parse_utc_time(text, &value)) << text;
+    EXPECT_TRUE(parse(text, &value)) << text;
     return value;
 }
 
-bool rejects(const char* text) {
+// Refused, and the output left untouched.
+bool rejects(const char* text, Parser parse = parse_utc_time) {
     int64_t value = -12345;
-    return !parse_utc_time(text, &value) && value == -12345;
+    return !parse(text, &value) && value == -12345;
 }
+
+int64_t http_parsed(const char* text) { return parsed(text, parse_http_date); }
+bool http_rejects(const char* text) { return rejects(text, parse_http_date); }
 
 TEST(UtcTime, DaysFromCivil) {
     EXPECT_EQ(days_from_civil(1970, 1, 1), 0);
@@ -52,17 +58,6 @@ TEST(UtcTime, RejectsWhatIsNotATime) {
     EXPECT_TRUE(rejects("2024-05-01T12:60:00Z"));
     EXPECT_TRUE(rejects("2024-05-01T12:00:00Zjunk"));
     EXPECT_TRUE(rejects("+024-05-01T12:00:00Z"));
-}
-
-int64_t http_parsed(const char* text) {
-    int64_t value = -12345;
-    EXPECT_TRUE(parse_http_date(text, &value)) << text;
-    return value;
-}
-
-bool http_rejects(const char* text) {
-    int64_t value = -12345;
-    return !parse_http_date(text, &value) && value == -12345;
 }
 
 TEST(HttpDate, KnownInstants) {
