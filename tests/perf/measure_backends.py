@@ -20,6 +20,7 @@ Usage (as root): /usr/bin/python3 tests/perf/measure_backends.py [--seconds 600]
 import argparse
 import collections
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -115,6 +116,8 @@ def main():
     parser.add_argument("--seconds", type=float, default=600)
     parser.add_argument("--cbsd", default=os.path.join(steady.REPO_DIR, "build", "cbsd"))
     args = parser.parse_args()
+    if not shutil.which("strace"):
+        sys.exit("strace is missing: apt-get install strace")
     cbsd = os.path.abspath(args.cbsd)
     # Beside the binary: a directory the routers see (their /tmp is their own).
     workdir = tempfile.mkdtemp(prefix="cbsd-backends-", dir=os.path.dirname(cbsd))
