@@ -8,7 +8,10 @@
 
 #include "gating/rule_listing.h"
 
+#include <linux/netlink.h>
 #include <nftables/libnftables.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -42,12 +45,24 @@ constexpr const char* kUsbDropRule = "oifname \"usb0.112*\" drop";
 constexpr const char* kOpenBridge = "flush chain bridge cbsd forward";
 constexpr const char* kClearBridge = "add table bridge cbsd\ndelete table bridge cbsd\n";
 
+// libnftables ends the whole process when it cannot open its netlink socket
+// (a kernel without nf_tables, or qemu-user, which does not pass that
+// protocol through), so the kernel is asked first; without it no context is
+// made and every command fails quietly.
+bool netfilter_netlink_available() {
+    int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER);
+    if (fd < 0) return false;
+    close(fd);
+    return true;
+}
+
 // One library context per command: the supervision loop and the transmit
 // guard may both switch a gate, and a context is not shared between threads.
 // Output and errors stay in the context's buffers, never on our terminal.
 class NftSession {
 public:
-    NftSession() : ctx_(nft_ctx_new(NFT_CTX_DEFAULT)) {
+    NftSession()
+        : ctx_(netfilter_netlink_available() ? nft_ctx_new(NFT_CTX_DEFAULT) : nullptr) {
         if (ctx_ == nullptr) return;
         nft_ctx_buffer_output(ctx_);
         nft_ctx_buffer_error(ctx_);

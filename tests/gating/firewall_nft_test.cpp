@@ -50,6 +50,9 @@ bool table_exists(const std::string& family, const std::string& name) {
 class NftablesGate : public GatingTest {
 protected:
     void SetUp() override {
+        // qemu-user (the cross builds' unit runs) does not pass nf_tables'
+        // netlink protocol through; the backend then does nothing at all.
+        if (!gating::nftables_usable()) GTEST_SKIP() << "no nf_tables netlink here";
         GatingTest::SetUp();
         shell("nft flush ruleset");  // the sandbox's own namespace: nothing else lives here
         write_file("/tmp/fw4.nft", kForeignTable);
@@ -66,8 +69,9 @@ protected:
 
 }  // namespace
 
-TEST_F(NftablesGate, TheLibraryAnswersInTheSandbox) {
-    EXPECT_TRUE(gating::nftables_usable());
+TEST(NftablesProbe, TheLibraryAnswersInTheSandboxUnlessEmulated) {
+    // Under qemu-user the probe must say no instead of ending the process.
+    EXPECT_EQ(gating::nftables_usable(), std::getenv("CBSD_UNDER_EMULATOR") == nullptr);
 }
 
 TEST_F(NftablesGate, IcmpCloseCreatesOurTableWithTheLanAcceptFirst) {
