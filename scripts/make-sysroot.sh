@@ -11,7 +11,7 @@
 set -euo pipefail
 ARCH=${1:?usage: make-sysroot.sh mipsel|armhf|s390x [dir]}
 DIR=${2:-/opt/sysroots/$ARCH}
-PACKAGES="libc6-dev libstdc++-12-dev libcurl4-openssl-dev libjansson-dev libjwt-dev libssl-dev libgtest-dev libgmock-dev"
+PACKAGES="libc6-dev libstdc++-12-dev libcurl4-openssl-dev libjansson-dev libjwt-dev libssl-dev libnftables-dev libgtest-dev libgmock-dev"
 STAMP="$DIR/.cbsd-sysroot"
 
 if [ -f "$STAMP" ] && [ "$(cat "$STAMP")" = "$PACKAGES" ]; then

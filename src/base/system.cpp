@@ -4,6 +4,7 @@
 #include "base/line_collector.h"
 #include "base/log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -197,5 +198,28 @@ TimeLimitCap::TimeLimitCap(int seconds) : previous_(t_limit_cap_s) {
 }
 
 TimeLimitCap::~TimeLimitCap() { t_limit_cap_s = previous_; }
+
+namespace {
+
+bool executable_file(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+           access(path.c_str(), X_OK) == 0;
+}
+
+}  // namespace
+
+bool program_on_path(const char* name) {
+    const char* path = std::getenv("PATH");
+    std::string dirs = path ? path : "/usr/bin:/bin";
+    for (size_t start = 0; start <= dirs.size();) {
+        size_t end = std::min(dirs.find(':', start), dirs.size());
+        std::string dir = dirs.substr(start, end - start);
+        // An empty entry is the current directory, as for the shell.
+        if (executable_file((dir.empty() ? "." : dir) + "/" + name)) return true;
+        start = end + 1;
+    }
+    return false;
+}
 
 }  // namespace cbsd::base

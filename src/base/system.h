@@ -50,4 +50,8 @@ private:
 // ignored, standard descriptors on /dev/null.  Only the grandchild returns.
 void detach_from_terminal();
 
+// Whether a program of that name would be found on PATH as the shell finds
+// it: an executable regular file in one of PATH's directories.  Starts nothing.
+bool program_on_path(const char* name);
+
 }  // namespace cbsd::base

@@ -25,6 +25,8 @@ inline constexpr UciName kCbsdCategory{"config", "cbsdCategory"};
 inline constexpr UciName kCbsdTag{"config", "cbsdTag"};
 inline constexpr UciName kEnableMode{"config", "enableMode"};
 inline constexpr UciName kFccId{"config", "fccId"};
+// Which firewall holds the gates' rules: auto (default), iptables, nftables.
+inline constexpr UciName kFirewallBackend{"config", "firewallBackend"};
 // Seconds a transmitExpireTime may lie ahead and still count in full (default 240).
 inline constexpr UciName kMaxTransmitLead{"config", "maxTransmitLead"};
 inline constexpr UciName kRadioTechnology{"config", "radioTechnology"};

@@ -240,3 +240,22 @@ TEST_F(TimeLimit, ACapturedProgramThatHangsIsKilledAndKeepsItsEarlyOutput) {
     EXPECT_STREQ(buffer, "early\n");
     EXPECT_NE(log_text().find("killed: sh\n"), std::string::npos);
 }
+
+// ----- program lookup ------------------------------------------------------
+
+TEST(ProgramOnPath, FindsOnlyExecutableRegularFiles) {
+    using cbsd::test::shell;
+    shell("rm -rf /tmp/onpath && mkdir -p /tmp/onpath/a /tmp/onpath/b/tool-dir/x && "
+          "printf '#!/bin/sh\\n' > /tmp/onpath/b/tool && chmod +x /tmp/onpath/b/tool && "
+          "printf 'text\\n' > /tmp/onpath/a/plain && mkdir -p /tmp/onpath/a/tool-dir");
+    std::string saved = std::getenv("PATH");
+    setenv("PATH", "/tmp/onpath/a:/tmp/onpath/b", 1);
+    EXPECT_TRUE(cbsd::base::program_on_path("tool"));
+    EXPECT_FALSE(cbsd::base::program_on_path("plain"));     // not executable
+    EXPECT_FALSE(cbsd::base::program_on_path("tool-dir"));  // a directory
+    EXPECT_FALSE(cbsd::base::program_on_path("absent"));
+    setenv("PATH", "/tmp/onpath/a", 1);
+    EXPECT_FALSE(cbsd::base::program_on_path("tool"));
+    setenv("PATH", saved.c_str(), 1);
+    shell("rm -rf /tmp/onpath");
+}

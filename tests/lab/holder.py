@@ -7,7 +7,8 @@ Runs in the host's namespaces.  It forks a child that enters a private mount
 and network namespace, mounts a writable overlay on /etc (upper and work
 directories under WORKDIR) and empty tmpfs mounts on /tmp and /root, creates
 the requested interfaces, brings lo up, creates the ebtables chain
-BRIDGE_FORWARD, and then only waits.  The holder prints "ready <child pid>"
+BRIDGE_FORWARD (or, with "hide_firewall_tools", hides iptables and ebtables
+instead), and then only waits.  The holder prints "ready <child pid>"
 once the router exists (or "error <text>" and exits 1) and then reads its
 standard input until end of file: that comes when the test closes the router
 or when the test process dies, so a crashed test still leaves nothing behind.
@@ -18,8 +19,10 @@ them) and removes WORKDIR.
 import ctypes
 import json
 import os
+import re
 import shutil
 import signal
+import stat
 import subprocess
 import sys
 import time
@@ -95,6 +98,25 @@ def restore_kept_directories(kept):
         os.close(fd)
 
 
+# The firewall tools an OpenWrt router with fw4 often lacks: gone from the
+# router's /usr/sbin (and so /sbin) in the nftables flavour; `nft` stays.
+HIDDEN_TOOLS = re.compile(r"^(ip6?tables|ebtables|arptables|xtables)([-.].*)?$")
+
+
+def hide_firewall_tools(workdir):
+    """An overlay on /usr/sbin whose upper directory holds a whiteout (a 0/0
+    character device) for every iptables/ebtables program: inside the router
+    they do not exist at all."""
+    upper, work = os.path.join(workdir, "sbin-upper"), os.path.join(workdir, "sbin-work")
+    os.makedirs(upper, exist_ok=True)
+    os.makedirs(work, exist_ok=True)
+    for name in os.listdir("/usr/sbin"):
+        if HIDDEN_TOOLS.match(name):
+            os.mknod(os.path.join(upper, name), stat.S_IFCHR | 0o600, os.makedev(0, 0))
+    mount("overlay", "/usr/sbin", "overlay", 0,
+          f"lowerdir=/usr/sbin,upperdir={upper},workdir={work}")
+
+
 def build_router(workdir, setup):
     check(libc.unshare(CLONE_NEWNS | CLONE_NEWNET), "unshare")
     mount(None, "/", None, MS_REC | MS_PRIVATE, None)
@@ -102,6 +124,8 @@ def build_router(workdir, setup):
     os.makedirs(upper, exist_ok=True)
     os.makedirs(work, exist_ok=True)
     mount("overlay", "/etc", "overlay", 0, f"lowerdir=/etc,upperdir={upper},workdir={work}")
+    if setup.get("hide_firewall_tools"):
+        hide_firewall_tools(workdir)
     kept = open_kept_directories(setup.get("keep", []))
     mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777")
     mount("tmpfs", "/root", "tmpfs", 0, "mode=0700")
@@ -109,7 +133,7 @@ def build_router(workdir, setup):
     for directory in ("/etc/config", "/etc/lab/bin"):
         os.makedirs(directory, exist_ok=True)
     run(["ip", "-batch", "-"], link_commands(setup.get("interfaces", [])))
-    if setup.get("bridge_chain", True):
+    if setup.get("bridge_chain", True) and not setup.get("hide_firewall_tools"):
         run(["ebtables", "-N", "BRIDGE_FORWARD"])
 
 

@@ -16,7 +16,7 @@ import subprocess
 import tempfile
 import time
 
-from . import uci
+from . import nft_view, uci
 
 LAB_DIR = os.path.dirname(os.path.abspath(__file__))
 STANDIN_DIR = os.path.join(LAB_DIR, "bin")
@@ -26,8 +26,10 @@ HOLDER = os.path.join(LAB_DIR, "holder.py")
 DEFAULT_INTERFACES = ("eth1.112", "usb0.112", "br-lan")
 # Firewall flavours: "legacy" lists ebtables rules with the legacy trailing
 # blank (the stand-in in tests/lab/bin adds it), "ebtables-nft" lists them as
-# ebtables-nft does.  $CBSD_LAB_FLAVOUR chooses the default.
-FLAVOURS = ("legacy", "ebtables-nft")
+# ebtables-nft does, "nftables" has neither iptables nor ebtables (a current
+# OpenWrt router with fw4): only nft and the kernel's nf_tables.
+# $CBSD_LAB_FLAVOUR chooses the default.
+FLAVOURS = ("legacy", "ebtables-nft", "nftables")
 FLAVOUR_FILE = "/etc/lab/flavour"
 # Per-router tool overrides (failing or missing tools) come first on PATH.
 OVERRIDE_DIR = "/etc/lab/bin"
@@ -36,8 +38,15 @@ SYSLOG_RECORDS = "/etc/lab/syslog.jsonl"
 SAS_CONFIG = "/etc/config/sas"
 SAS_LOG = "/root/sas/sas.log"
 CERT_DROP_DIR = "/tmp/logger/sas/cert"
-ROUTER_PATH = (f"{OVERRIDE_DIR}:{STANDIN_DIR}:/usr/local/sbin:/usr/local/bin:/usr/sbin:"
-               "/usr/bin:/sbin:/bin")
+SYSTEM_PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+ROUTER_PATH = f"{OVERRIDE_DIR}:{STANDIN_DIR}:{SYSTEM_PATH}"
+# The nftables flavour: the stand-ins without the ebtables one, and for the
+# tests' own commands (never the daemon's) iptables/ebtables that speak nft.
+NFT_STANDIN_DIR = "/etc/lab/standins"
+NFT_STANDINS = ("ubus", "logger")
+NFT_TOOLS_DIR = os.path.join(LAB_DIR, "nft-tools")
+NFT_DAEMON_PATH = f"{OVERRIDE_DIR}:{NFT_STANDIN_DIR}:{SYSTEM_PATH}"
+NFT_COMMAND_PATH = f"{OVERRIDE_DIR}:{NFT_TOOLS_DIR}:{NFT_STANDIN_DIR}:{SYSTEM_PATH}"
 
 DEFAULT_MODEM = {
     "manufacturer": "Larkspur Modules",
@@ -88,6 +97,8 @@ class VirtualRouter:
         try:
             self._start(bridge_chain)
             self.write_file(FLAVOUR_FILE, self.flavour + "\n")
+            if self.flavour == "nftables":
+                self._link_nft_standins()
             self.write_file("/etc/TZ", tz + "\n")
             self._write_modem(dict(DEFAULT_MODEM) if modem is None else dict(modem))
             if sas_config is not None:
@@ -105,7 +116,7 @@ class VirtualRouter:
         if os.environ.get("CBSD_BINARY_DIR"):
             keep.append(os.environ["CBSD_BINARY_DIR"])
         setup = json.dumps({"interfaces": list(self.interfaces), "bridge_chain": bridge_chain,
-                            "keep": keep})
+                            "keep": keep, "hide_firewall_tools": self.flavour == "nftables"})
         # Own session: a Ctrl-C meant for pytest does not skip the tear-down.
         self._holder = subprocess.Popen(
             ["/usr/bin/python3", HOLDER, self._workdir, setup], stdin=subprocess.PIPE,
@@ -114,6 +125,11 @@ class VirtualRouter:
         if not line.startswith("ready "):
             raise RouterError(f"virtual router set-up failed: {line or 'no answer'}")
         self._pid = int(line.split()[1])
+
+    def _link_nft_standins(self):
+        os.makedirs(self.host_path(NFT_STANDIN_DIR), exist_ok=True)
+        for name in NFT_STANDINS:
+            os.symlink(os.path.join(STANDIN_DIR, name), self.host_path(f"{NFT_STANDIN_DIR}/{name}"))
 
     def close(self):
         """Kills everything in the router; leaves no mount, process or file."""
@@ -148,9 +164,15 @@ class VirtualRouter:
 
     # ----- commands ---------------------------------------------------------
 
-    def environment(self, extra=None):
+    def environment(self, extra=None, daemon=False):
+        """The environment of a command inside the router; daemon=True gives
+        the daemon's (in the nftables flavour, a PATH without the tests'
+        iptables/ebtables)."""
         env = dict(os.environ)
-        env.update({"PATH": ROUTER_PATH, "TZ": self.tz, "HOME": "/root"})
+        path = ROUTER_PATH
+        if self.flavour == "nftables":
+            path = NFT_DAEMON_PATH if daemon else NFT_COMMAND_PATH
+        env.update({"PATH": path, "TZ": self.tz, "HOME": "/root"})
         env.pop("CBSD_LAB_MODEM", None)
         env.pop("CBSD_LAB_SYSLOG", None)
         if extra:
@@ -166,11 +188,11 @@ class VirtualRouter:
                               text=True, check=check, timeout=timeout,
                               env=self.environment(env), stdin=subprocess.DEVNULL)
 
-    def spawn(self, argv, env=None, **popen_kwargs):
+    def spawn(self, argv, env=None, daemon=False, **popen_kwargs):
         """Starts a background process inside the router.  It is killed on
         close() and when the test process dies."""
         popen_kwargs.setdefault("stdin", subprocess.DEVNULL)
-        process = subprocess.Popen(self._enter(list(argv)), env=self.environment(env),
+        process = subprocess.Popen(self._enter(list(argv)), env=self.environment(env, daemon),
                                    preexec_fn=_die_with_parent, **popen_kwargs)
         self._spawned.append(process)
         return process
@@ -178,7 +200,7 @@ class VirtualRouter:
     def run_daemon(self, *args, timeout=30):
         """Runs `cbsd ARGS` to completion (for one-shot options such as -n)."""
         return subprocess.run(self._enter([self.cbsd_bin, *args]), capture_output=True,
-                              text=True, timeout=timeout, env=self.environment(),
+                              text=True, timeout=timeout, env=self.environment(daemon=True),
                               stdin=subprocess.DEVNULL)
 
     def start_daemon(self, *args, env=None):
@@ -187,8 +209,8 @@ class VirtualRouter:
         if self._daemon is not None:
             raise RouterError("the daemon already runs")
         with open(os.path.join(self._workdir, "daemon.out"), "ab") as out:
-            self._daemon = self.spawn([self.cbsd_bin, "-d", *args], env=env, stdout=out,
-                                      stderr=subprocess.STDOUT)
+            self._daemon = self.spawn([self.cbsd_bin, "-d", *args], env=env, daemon=True,
+                                      stdout=out, stderr=subprocess.STDOUT)
         return self._daemon
 
     def fill_store(self, size_kb=64):
@@ -368,13 +390,28 @@ class VirtualRouter:
         result.check_returncode()
         return result.stdout
 
+    def _nft_rules(self, family, chain):
+        """Rule lines of the chain in our table, then in the lab's (foreign
+        rules); a table that is not there has none."""
+        tables = (nft_view.OUR_TABLE, nft_view.LAB_TABLE)
+        listing = self._listing("; ".join(
+            f"nft list chain {family} {t} {chain} 2>/dev/null" for t in tables) + "; true")
+        return nft_view.rule_lines(listing)
+
     def iptables_rules(self):
-        """`iptables -S OUTPUT` lines, in chain order."""
+        """`iptables -S OUTPUT` lines, in chain order.  In the nftables
+        flavour, the nft rules of the same meaning in iptables' words."""
+        if self.flavour == "nftables":
+            return ["-P OUTPUT ACCEPT"] + [nft_view.iptables_line(rule) for rule in
+                                            self._nft_rules("inet", "output")]
         return self._listing("iptables -S OUTPUT").splitlines()
 
     def ebtables_rules(self):
         """The rule lines of `ebtables -L BRIDGE_FORWARD` in chain order,
-        without the trailing blank the router's listing adds."""
+        without the trailing blank the router's listing adds (in the
+        nftables flavour, the nft rules in ebtables' words)."""
+        if self.flavour == "nftables":
+            return [nft_view.ebtables_line(rule) for rule in self._nft_rules("bridge", "forward")]
         listing = self._listing("ebtables -L BRIDGE_FORWARD")
         return [line.rstrip() for line in listing.splitlines()
                 if line.strip() and not line.startswith("Bridge ")]

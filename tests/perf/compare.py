@@ -54,7 +54,7 @@ def one_latency_trial(cbsd, pki_dir, workdir):
         sim = steady.SasSim(control_dir, proc)
         sim.wait_ready()
         r.write_file(steady.SAS_CONFIG, steady.sas_config("0", "0", "0", address=sim.url))
-        spawned = r.spawn([r.cbsd_bin, "-d"], stdout=subprocess.DEVNULL,
+        spawned = r.spawn([r.cbsd_bin, "-d"], daemon=True, stdout=subprocess.DEVNULL,
                           stderr=subprocess.DEVNULL)
         try:
             if not r.wait_for(lambda: all(gates(r)), 30):

@@ -161,7 +161,7 @@ def start_daemon(r, traced, trace_path, out_path):
         argv = ["strace", "-f", "--seccomp-bpf", "-ttt", "-s", "400", "-e",
                 f"trace={TRACED_CALLS}", "-o", trace_path] + argv
     with open(out_path, "ab") as out:
-        spawned = r.spawn(argv, stdout=out, stderr=subprocess.STDOUT)
+        spawned = r.spawn(argv, daemon=True, stdout=out, stderr=subprocess.STDOUT)
     return spawned, find_daemon_pid(spawned, r.cbsd_bin)
 
 

@@ -119,6 +119,7 @@ def test_recover_option_without_vlan_interfaces_or_bridge_chain(router, cbsd_bin
     assert ICMP_DROP not in r.iptables_rules()
 
 
+@pytest.mark.firewall_tools
 @pytest.mark.parametrize("fault", ["fail", "missing"])
 def test_recover_option_with_broken_firewall_tools(router, cbsd_bin, fault):
     r = router()
@@ -141,6 +142,7 @@ def test_recover_option_with_broken_firewall_tools(router, cbsd_bin, fault):
     assert r.ebtables_rules().count(ETH_DROP) == 2
 
 
+@pytest.mark.firewall_tools
 def test_recover_option_stops_on_a_deletion_that_never_fails(router, cbsd_bin):
     r = router(interfaces=())
     r.run("mkdir -p /root/sas", check=True)
@@ -259,6 +261,7 @@ def test_authorised_device_opens_every_gate(router, cbsd_bin):
     assert positions == sorted(positions)
 
 
+@pytest.mark.firewall_tools
 def test_firewall_tools_failing_under_the_running_daemon(router, cbsd_bin):
     r = router(sas_config=sas_config("1", "0"))
     r.remove_tool("ebtables")

@@ -84,6 +84,39 @@ def test_ebtables_nft_flavour_lists_rule_lines_without_the_blank(router):
     assert r.ebtables_rules() == ["-o eth1.112+ -j DROP"]
 
 
+def test_nftables_flavour_has_no_iptables_or_ebtables_for_the_daemon(router):
+    r = router(flavour="nftables")
+    for tool in ("iptables", "ip6tables", "ebtables", "iptables-nft", "ebtables-nft"):
+        assert not r.exists(f"/usr/sbin/{tool}") and not r.exists(f"/sbin/{tool}")
+    daemon_path = r.environment(daemon=True)["PATH"]
+    found = r.run(f"PATH={daemon_path}; for t in iptables ebtables nft ubus logger; do "
+                  "command -v $t; done")
+    assert found.stdout.split() == ["/usr/sbin/nft", "/etc/lab/standins/ubus",
+                                    "/etc/lab/standins/logger"]
+    assert r.run("nft list ruleset", check=True).stdout == ""
+
+
+def test_nftables_flavour_speaks_iptables_and_ebtables_to_the_tests(router):
+    r = router(flavour="nftables")
+    r.run("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP && "
+          "iptables -A OUTPUT -p tcp --dport 22 -j ACCEPT && "
+          "ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP && "
+          "ebtables -A BRIDGE_FORWARD -o eth0+ -j DROP", check=True)
+    assert r.iptables_rules() == ["-P OUTPUT ACCEPT",
+                                  "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP",
+                                  "-A OUTPUT -p tcp -m tcp --dport 22 -j ACCEPT"]
+    assert r.ebtables_rules() == ["-o eth1.112+ -j DROP", "-o eth0+ -j DROP"]
+    # The daemon's rules in its tables, the foreign ones in the lab's.
+    assert "icmp type echo-request drop" in r.run("nft list table inet cbsd").stdout
+    assert "tcp dport 22 accept" in r.run("nft list table inet lab").stdout
+    assert 'oifname "eth0*" drop' in r.run("nft list table bridge lab").stdout
+    assert r.run("iptables -D OUTPUT -p icmp --icmp-type 8 -j DROP").returncode == 0
+    assert r.run("iptables -D OUTPUT -p icmp --icmp-type 8 -j DROP").returncode == 1
+    assert r.run("iptables -I OUTPUT -p udp -j ACCEPT").returncode == 2
+    assert r.iptables_rules() == ["-P OUTPUT ACCEPT",
+                                  "-A OUTPUT -p tcp -m tcp --dport 22 -j ACCEPT"]
+
+
 def test_ebtables_stand_in_keeps_exit_status_and_passes_other_commands(router):
     r = router()
     absent = r.run("ebtables -D BRIDGE_FORWARD -o usb0.112+ -j DROP")

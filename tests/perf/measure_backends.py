@@ -1,0 +1,156 @@
+#!/usr/bin/python3
+"""Processes per supervision pass and the gates' rules after a long steady
+state, for each firewall flavour of the virtual router and each state.
+
+Flavours (tests/lab/README.md): legacy and ebtables-nft (the daemon keeps its
+gates with iptables and ebtables), nftables (neither tool: the daemon's own
+nftables tables through libnftables).  States: DP with the radio on (gates
+open), DP with the radio off (gates closed), SAS off (gates open, no SAS).
+
+All nine routers run side by side, each daemon under strace (execve only), for
+--seconds; the window runs from one pass's end to another's (the main thread's sleep,
+as in measure_steady_state.py) and the passes in it are counted by the one
+link query (`getltestatus`) each pass makes in these states.  At the end each router's rules are counted:
+the ICMP rules of iptables OUTPUT and the bridge rules of ebtables
+BRIDGE_FORWARD, or the rules in the nftables tables inet cbsd and bridge cbsd.
+
+Usage (as root): /usr/bin/python3 tests/perf/measure_backends.py [--seconds 600]
+    [--cbsd build/cbsd]
+"""
+import argparse
+import collections
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+PERF_DIR = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, PERF_DIR)
+import measure_steady_state as steady  # noqa: E402
+from lab.router import VirtualRouter  # noqa: E402
+
+FLAVOURS = ("legacy", "ebtables-nft", "nftables")
+STATES = {"radio on": ("1", "1"), "radio off": ("1", "0"), "SAS off": ("0", "0")}
+
+
+PASS_MARK = "sh -c 'ubus call ubus_lte getltestatus | grep netstat'"
+# What the lab's ebtables wrapper (tests/lab/bin/ebtables, a bash script that
+# then runs the real tool) starts besides: a router runs one ebtables instead.
+WRAPPER_HELPERS = ("dirname", "readlink", "flock", "cat", "sed")
+
+
+def router_execs(execs):
+    """The processes a router would start: the wrapper and its helpers count
+    as the one ebtables they stand for."""
+    count = 0
+    for event in execs:
+        path = steady.QUOTED.findall(event.body)[0]
+        name = os.path.basename(path)
+        if name in WRAPPER_HELPERS or (name == "ebtables" and "/tests/lab/bin/" in path):
+            continue
+        count += 1
+    return count
+
+
+def rule_counts(r):
+    """(ICMP rules, bridge rules) of the daemon's gates, and every table there is."""
+    icmp = [line for line in r.iptables_rules() if not line.startswith("-P ")]
+    bridge = r.ebtables_rules()
+    tables = r.run("nft list tables").stdout.split("\n")
+    return len(icmp), len(bridge), [t for t in tables if t]
+
+
+def start_traced(r, trace_path, out_path):
+    argv = ["strace", "-f", "--seccomp-bpf", "-ttt", "-s", "200", "-e",
+            "trace=execve,clone,clone3,fork,vfork", "-o", trace_path, r.cbsd_bin, "-d"]
+    with open(out_path, "ab") as out:
+        spawned = r.spawn(argv, daemon=True, stdout=out, stderr=subprocess.STDOUT)
+    return spawned, steady.find_daemon_pid(spawned, r.cbsd_bin)
+
+
+def one(flavour, state, seconds, cbsd, workdir, results):
+    enable_mode, radio = STATES[state]
+    tag = f"{flavour}-{state.replace(' ', '-')}"
+    trace = os.path.join(workdir, f"{tag}.strace")
+    config = steady.sas_config(enable_mode, "1", "0")
+    try:
+        with VirtualRouter(sas_config=config, cbsd_bin=cbsd, flavour=flavour) as r:
+            spawned, pid = start_traced(r, trace, os.path.join(workdir, f"{tag}.out"))
+            if radio == "1":
+                steady.switch_radio_on(r)
+            time.sleep(steady.STARTUP_SECONDS)
+            watch = steady.PassWatch(pid)
+            watch.wait_next_sleep()
+            start = watch.wait_next_sleep()[0]
+            end = start
+            while end - start < seconds:
+                end = watch.wait_next_sleep()[0]
+            counts = rule_counts(r)
+            log = r.log_text()
+            spawned.kill()
+            spawned.wait()
+            events = steady.read_trace(trace)
+            execs = [e for e in events if start <= e.time < end and e.call == "execve"
+                     and steady.ok(e)]
+            programs = collections.Counter(os.path.basename(steady.QUOTED.findall(e.body)[0])
+                                           for e in execs)
+            # One link query per pass in these states: an exact pass count
+            # (the sleep watch also sees the start-up's short waits).
+            passes = sum(1 for e in execs if steady.program_of(e) == PASS_MARK)
+            results[tag] = {"flavour": flavour, "state": state, "passes": passes,
+                            "seconds": end - start, "execs": len(execs),
+                            "router_execs": router_execs(execs), "programs": programs,
+                            "icmp_rules": counts[0], "bridge_rules": counts[1],
+                            "tables": counts[2], "gate_changes": sum(
+                                log.count(f"[SAS] {g} is {w}.\n") for g in
+                                ("firewall ICMP", "bridge forward") for w in ("enable", "disable"))}
+    except Exception as error:  # noqa: BLE001 - reported with the others
+        results[tag] = {"flavour": flavour, "state": state, "error": repr(error)}
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--seconds", type=float, default=600)
+    parser.add_argument("--cbsd", default=os.path.join(steady.REPO_DIR, "build", "cbsd"))
+    args = parser.parse_args()
+    if not shutil.which("strace"):
+        sys.exit("strace is missing: apt-get install strace")
+    cbsd = os.path.abspath(args.cbsd)
+    # Beside the binary: a directory the routers see (their /tmp is their own).
+    workdir = tempfile.mkdtemp(prefix="cbsd-backends-", dir=os.path.dirname(cbsd))
+    results = {}
+    threads = [threading.Thread(target=one, args=(f, s, args.seconds, cbsd, workdir, results))
+               for f in FLAVOURS for s in STATES]
+    for thread in threads:
+        thread.start()
+        time.sleep(1)
+    for thread in threads:
+        thread.join()
+    print(f"{args.seconds:.0f} s per state, every router side by side; logs in {workdir}")
+    print("| flavour | state | passes | processes per pass (router / with the lab's wrapper) "
+          "| ICMP rules | bridge rules | gate changes after start | nft tables |")
+    print("|---|---|---|---|---|---|---|---|")
+    for flavour in FLAVOURS:
+        for state in STATES:
+            res = results[f"{flavour}-{state.replace(' ', '-')}"]
+            if "error" in res:
+                print(f"| {flavour} | {state} | error: {res['error']} |")
+                continue
+            per_pass = max(res["passes"], 1)
+            print(f"| {flavour} | {state} | {res['passes']} | "
+                  f"{res['router_execs'] / per_pass:.1f} / {res['execs'] / per_pass:.1f} | "
+                  f"{res['icmp_rules']} | "
+                  f"{res['bridge_rules']} | {res['gate_changes']} | "
+                  f"{', '.join(res['tables']) or '-'} |")
+    for tag, res in sorted(results.items()):
+        if "programs" in res:
+            per_pass = {p: round(n / max(res["passes"], 1), 2) for p, n in
+                        res["programs"].most_common()}
+            print(f"{tag}: {per_pass}")
+
+
+if __name__ == "__main__":
+    main()
