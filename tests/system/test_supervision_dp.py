@@ -216,6 +216,8 @@ def test_frequency_change_blocks_until_the_modem_reports_a_plausible_cell(dp_ena
     assert_alive(r)
 
     r.set_modem(bandwidth=10)
+    # The loop can put the rule back only from now on: its one pass starts here.
+    fail_closed.tampered(r)
     assert wait_for_log_after(r, mark, "[SAS] LTE accesses network success.\n", 5)
     # The report compares the readings the pass loaded before it waited; the
     # next pass then follows the accepted bandwidth.
