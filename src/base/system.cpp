@@ -76,7 +76,7 @@ int remaining_ms(uint32_t started_ms, int time_limit_s) {
 
 // Reads the child's output into the collector until end of file, a full
 // buffer or the time limit; false only when the time limit ran out.
-bool collect_output(int fd, LineCollector& collector, uint32_t started_ms, int time_limit_s) {
+bool collect_output(int fd, OutputSink& collector, uint32_t started_ms, int time_limit_s) {
     char chunk[512];
     for (;;) {
         int wait_ms = remaining_ms(started_ms, time_limit_s);
@@ -126,7 +126,7 @@ int capped(int time_limit_s) {
 }
 
 // Runs argv to completion within the limit; collector may be null.
-int run(const char* const argv[], const char* what, LineCollector* collector, int time_limit_s,
+int run(const char* const argv[], const char* what, OutputSink* collector, int time_limit_s,
         bool& started) {
     time_limit_s = capped(time_limit_s);
     Child child;
@@ -163,6 +163,11 @@ char* run_capture(const char* const argv[], char* buffer, int capacity, int time
     bool started = false;
     run(argv, argv[0], &collector, time_limit_s, started);
     return started ? buffer : nullptr;
+}
+
+int run_stream(const char* const argv[], OutputSink& sink, const char* what, int time_limit_s) {
+    bool started = false;
+    return run(argv, what, &sink, time_limit_s, started);
 }
 
 int run_status(const char* command, int time_limit_s) {
