@@ -7,12 +7,14 @@
 
 #include <thread>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using cbsd::base::run_command;
@@ -239,4 +241,50 @@ TEST_F(TimeLimit, ACapturedProgramThatHangsIsKilledAndKeepsItsEarlyOutput) {
     EXPECT_LT(seconds_since(start), 5.0);
     EXPECT_STREQ(buffer, "early\n");
     EXPECT_NE(log_text().find("killed: sh\n"), std::string::npos);
+}
+
+// The exit of a child is noticed when it happens, not at the next of a
+// series of growing naps (which noticed a 64 ms program only at 95 ms).
+TEST(RunProgram, AnExitIsNoticedWhenItHappens) {
+    const char* const argv[] = {"sleep", "0.064", nullptr};
+    double best_overshoot_ms = 1e9;
+    for (int run = 0; run < 3; ++run) {
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(cbsd::base::run_program(argv), 0);
+        double elapsed_ms = std::chrono::duration<double, std::milli>(
+            std::chrono::steady_clock::now() - start).count();
+        best_overshoot_ms = std::min(best_overshoot_ms, elapsed_ms - 64.0);
+    }
+    EXPECT_LT(best_overshoot_ms, 15.0);
+}
+
+// A sink sees the output as it arrives and the end only when it came in time.
+namespace {
+struct RecordingSink : cbsd::base::OutputSink {
+    std::string seen;
+    bool finished = false;
+    bool feed(const char* data, size_t size) override {
+        seen.append(data, size);
+        return true;
+    }
+    void finish() override { finished = true; }
+};
+}  // namespace
+
+TEST(RunStream, HandsTheWholeOutputToTheSinkAndReportsTheStatus) {
+    const char* const argv[] = {"sh", "-c", "printf 'a\\0b'; exit 3", nullptr};
+    RecordingSink sink;
+    int status = cbsd::base::run_stream(argv, sink, "shown");
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(sink.seen, std::string("a\0b", 3));
+    EXPECT_TRUE(sink.finished);
+}
+
+TEST_F(TimeLimit, AStreamThatHangsIsKilledAndNamedAsTheCallerSays) {
+    const char* const argv[] = {"sh", "-c", "echo early; exec sleep 30", nullptr};
+    RecordingSink sink;
+    EXPECT_EQ(cbsd::base::run_stream(argv, sink, "ubus call x | grep y", 1), -1);
+    EXPECT_EQ(sink.seen, "early\n");
+    EXPECT_FALSE(sink.finished);
+    EXPECT_NE(log_text().find("killed: ubus call x | grep y\n"), std::string::npos);
 }
