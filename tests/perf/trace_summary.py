@@ -67,8 +67,12 @@ def router_exec_ids(events):
     for e in sorted(events, key=lambda e: e.time):
         if not ok(e):
             continue
-        if e.call in ("clone", "clone3", "fork", "vfork") and e.pid in inside:
-            inside.add(int(e.result.split()[0]))
+        if e.call in ("clone", "clone3", "fork", "vfork"):
+            child = int(e.result.split()[0])
+            if e.pid in inside:
+                inside.add(child)
+            else:
+                inside.discard(child)  # a new process under a reused pid
         elif e.call == "execve" and e.pid not in inside:
             counted.add(id(e))
             strings = QUOTED.findall(e.body)
