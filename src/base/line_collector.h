@@ -5,18 +5,20 @@
 // of the same file through a command would have kept.
 #pragma once
 
+#include "base/output_sink.h"
+
 #include <cstddef>
 
 namespace cbsd::base {
 
-class LineCollector {
+class LineCollector : public OutputSink {
 public:
     LineCollector(char* buffer, int capacity) : buffer_(buffer), capacity_(capacity) {}
 
     // Feeds bytes; false once the buffer is full and the rest is dropped.
-    bool feed(const char* data, size_t size);
+    bool feed(const char* data, size_t size) override;
     // Ends the stream: a last piece without a newline is kept too.
-    void finish();
+    void finish() override;
     bool full() const { return full_; }
 
 private:

@@ -13,6 +13,7 @@
 #include <spawn.h>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -77,7 +78,7 @@ int remaining_ms(uint32_t started_ms, int time_limit_s) {
 
 // Reads the child's output into the collector until end of file, a full
 // buffer or the time limit; false only when the time limit ran out.
-bool collect_output(int fd, LineCollector& collector, uint32_t started_ms, int time_limit_s) {
+bool collect_output(int fd, OutputSink& collector, uint32_t started_ms, int time_limit_s) {
     char chunk[512];
     for (;;) {
         int wait_ms = remaining_ms(started_ms, time_limit_s);
@@ -93,9 +94,36 @@ bool collect_output(int fd, LineCollector& collector, uint32_t started_ms, int t
     }
 }
 
+#ifdef SYS_pidfd_open
+// Waits for the child on a process descriptor, which becomes readable the
+// moment it exits; its wait status, or -1 once the limit ran out.
+int wait_on_descriptor(int pidfd, pid_t pid, uint32_t started_ms, int time_limit_s) {
+    for (;;) {
+        int status = 0;
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) return status;
+        if (done < 0 && errno != EINTR) return -1;
+        int left = remaining_ms(started_ms, time_limit_s);
+        if (left == 0) return -1;
+        pollfd exited{pidfd, POLLIN, 0};
+        if (poll(&exited, 1, left) < 0 && errno != EINTR) return -1;
+    }
+}
+#endif
+
 // Waits for the child until the time limit; its wait status, or -1 once the
-// limit ran out (the child is then still running).
+// limit ran out (the child is then still running).  A process descriptor
+// notices the exit at once; without one (kernels before 5.3) waitpid is
+// polled with growing naps, which notice it up to a nap late.
 int wait_for_exit(pid_t pid, uint32_t started_ms, int time_limit_s) {
+#ifdef SYS_pidfd_open
+    int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd >= 0) {
+        int status = wait_on_descriptor(pidfd, pid, started_ms, time_limit_s);
+        close(pidfd);
+        return status;
+    }
+#endif
     int pause_ms = 1;
     for (;;) {
         int status = 0;
@@ -127,7 +155,7 @@ int capped(int time_limit_s) {
 }
 
 // Runs argv to completion within the limit; collector may be null.
-int run(const char* const argv[], const char* what, LineCollector* collector, int time_limit_s,
+int run(const char* const argv[], const char* what, OutputSink* collector, int time_limit_s,
         bool& started) {
     time_limit_s = capped(time_limit_s);
     Child child;
@@ -164,6 +192,11 @@ char* run_capture(const char* const argv[], char* buffer, int capacity, int time
     bool started = false;
     run(argv, argv[0], &collector, time_limit_s, started);
     return started ? buffer : nullptr;
+}
+
+int run_stream(const char* const argv[], OutputSink& sink, const char* what, int time_limit_s) {
+    bool started = false;
+    return run(argv, what, &sink, time_limit_s, started);
 }
 
 int run_status(const char* command, int time_limit_s) {

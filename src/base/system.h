@@ -4,6 +4,8 @@
 // whole process group, counts as failed and is logged once at level 3.
 #pragma once
 
+#include "base/output_sink.h"
+
 namespace cbsd::base {
 
 inline constexpr int kDefaultTimeLimitSeconds = 10;
@@ -21,6 +23,14 @@ char* run_command(const char* command, char* buffer, int capacity,
 // (no shell, so no argument is ever interpreted).  argv ends with nullptr.
 char* run_capture(const char* const argv[], char* buffer, int capacity,
                   int time_limit_s = kDefaultTimeLimitSeconds);
+
+// Runs a program found on PATH with an argument vector and hands its standard
+// output to sink as it arrives; sink.finish() follows only when the output
+// ended within the time limit.  `what` names the command in the time-out
+// line.  Returns the wait status; -1 when it could not be started or timed
+// out.  argv ends with nullptr.
+int run_stream(const char* const argv[], OutputSink& sink, const char* what,
+               int time_limit_s = kDefaultTimeLimitSeconds);
 
 // Runs a fixed shell command line for its wait status, as system() reports
 // it (0 on success); -1 when it could not be started or timed out.

@@ -257,6 +257,9 @@ void init_supervision_state(SupervisionState& state) {
 PassOutcome run_supervision_pass(SupervisionState& state) {
     if (!config::sas_config_readable()) return keep_last_decision(state);
     note_readable_again(state);
+    // The pass asks the modem's getlteinfo once: the band, frequency and
+    // bandwidth readers below all take that reply.
+    modem::LteInfoScope lte_info_of_this_pass;
     auto_enable();
 
     ++state.pass;

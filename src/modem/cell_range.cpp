@@ -38,6 +38,7 @@ void write_cell_range(int frequency, int bandwidth) {
 int wait_for_lte(int timeout_s) {
     uint32_t start = base::monotonic_seconds();
     for (;;) {
+        renew_lte_info();  // each round waits for a change: it needs its own reply
         // The frequency is only worth asking for once the modem is attached.
         if (is_lte_connected() && get_dl_frequency() >= 1) return 0;
         if (timed_out(start, timeout_s)) return -1;
@@ -48,6 +49,7 @@ int wait_for_lte(int timeout_s) {
 int wait_and_store_cell_range(int timeout_s) {
     uint32_t start = base::monotonic_seconds();
     for (;;) {
+        renew_lte_info();  // each round waits for a change: it needs its own reply
         int frequency = get_dl_frequency();
         int bandwidth = get_bandwidth();
         bool attached = is_lte_connected();

@@ -23,6 +23,20 @@ int get_dl_frequency();  // tenths of a MHz; 0 on failure
 int get_bandwidth();     // MHz; -1 on failure
 int get_band();          // -1 on failure
 
+// While one is alive, this thread's readers of the frequency, the bandwidth
+// and the band share one getlteinfo reply: a supervision pass asks the modem
+// once for all of them.  Outside any scope each reader asks anew.
+class LteInfoScope {
+public:
+    LteInfoScope();
+    ~LteInfoScope();
+    LteInfoScope(const LteInfoScope&) = delete;
+    LteInfoScope& operator=(const LteInfoScope&) = delete;
+};
+// Within a scope, the next reader asks again: a poll that waits for the
+// cell to change needs each round's own reply.
+void renew_lte_info();
+
 int wait_for_lte(int timeout_s);               // 0, or -1 on time-out (timeout_s <= 0: no limit)
 int wait_and_store_cell_range(int timeout_s);  // 0, or -1 on time-out
 void store_cell_range();

@@ -1,7 +1,9 @@
 #include "base/clock.h"
-#include "base/system.h"
 #include "base/log.h"
+#include "modem/line_filter.h"
+#include "modem/lte_info.h"
 #include "modem/modem.h"
+#include "modem/modem_manager.h"
 #include "modem/modem_output.h"
 
 #include <atomic>
@@ -11,31 +13,42 @@ namespace cbsd::modem {
 
 namespace {
 
-constexpr const char* kProductModelCommand =
-    "ubus call  ubus_lte getproductinfo | grep productmodule";
-constexpr const char* kSerialNumberCommand = "ubus call  ubus_lte getproductinfo | grep SN";
-constexpr const char* kNetworkStatusCommand = "ubus call ubus_lte getltestatus | grep netstat";
+// One filtered query; `shown_as` is the pipeline it replaced, which a
+// time-out line still names.
+struct Query {
+    const char* method;
+    const char* pattern;
+    const char* shown_as;
+};
+
+constexpr Query kProductModelQuery{"getproductinfo", "productmodule",
+                                   "ubus call  ubus_lte getproductinfo | grep productmodule"};
+constexpr Query kSerialNumberQuery{"getproductinfo", "SN",
+                                   "ubus call  ubus_lte getproductinfo | grep SN"};
+constexpr Query kNetworkStatusQuery{"getltestatus", "netstat",
+                                    "ubus call ubus_lte getltestatus | grep netstat"};
 constexpr const char* kDownlinkFrequencyCommand = "ubus call ubus_lte getlteinfo | grep dlfreq";
 constexpr const char* kBandwidthCommand = "ubus call ubus_lte getlteinfo | grep bandwidth";
 constexpr const char* kBandCommand = "ubus call ubus_lte getlteinfo | grep -w band";
 
-// Runs the query into a cleared buffer; a command that cannot be started
-// leaves it empty, which every query treats as its failure case.
-void run_query(const char* command, char* output, int capacity) {
+// Runs the query into a cleared buffer; a modem manager that cannot be
+// started leaves it empty, which every query treats as its failure case.
+void run_query(const Query& query, char* output, int capacity) {
     std::memset(output, 0, static_cast<size_t>(capacity));
-    base::run_command(command, output, capacity);
+    LineFilter filter(query.pattern, false, output, capacity);
+    if (!call_modem_manager(query.method, filter, query.shown_as)) filter.cut_short();
     output[capacity - 1] = '\0';
 }
 
-void get_quoted(const char* command, char* buffer, size_t length) {
+void get_quoted(const Query& query, char* buffer, size_t length) {
     char output[1024];
-    run_query(command, output, sizeof output);
+    run_query(query, output, sizeof output);
     parse_quoted_value(output, buffer, length);
 }
 
 bool query_attachment() {
     char output[1024];
-    run_query(kNetworkStatusCommand, output, sizeof output);
+    run_query(kNetworkStatusQuery, output, sizeof output);
     return shows_attached(output);
 }
 
@@ -47,11 +60,11 @@ std::atomic<int64_t> last_lte_observation{-1};
 }  // namespace
 
 void get_product_model(char* buffer, size_t length) {
-    get_quoted(kProductModelCommand, buffer, length);
+    get_quoted(kProductModelQuery, buffer, length);
 }
 
 void get_serial_number(char* buffer, size_t length) {
-    get_quoted(kSerialNumberCommand, buffer, length);
+    get_quoted(kSerialNumberQuery, buffer, length);
 }
 
 bool is_lte_connected() {
@@ -68,8 +81,7 @@ bool lte_connected_seen_within(uint32_t max_age_ms) {
 }
 
 int get_dl_frequency() {
-    char output[64];
-    run_query(kDownlinkFrequencyCommand, output, sizeof output);
+    const char* output = lte_info(kDownlinkFrequencyCommand).frequency;
     int value = 0;
     if (!parse_number(output, &value)) {
         base::notice("get frequency error:%s\n", output);
@@ -79,8 +91,7 @@ int get_dl_frequency() {
 }
 
 int get_bandwidth() {
-    char output[63];
-    run_query(kBandwidthCommand, output, sizeof output);
+    const char* output = lte_info(kBandwidthCommand).bandwidth;
     int value = 0;
     if (!parse_number(output, &value)) {
         // The frequency query's message, as the log has always read.
@@ -91,8 +102,7 @@ int get_bandwidth() {
 }
 
 int get_band() {
-    char output[63];
-    run_query(kBandCommand, output, sizeof output);
+    const char* output = lte_info(kBandCommand).band;
     int value = 0;
     if (!parse_number(output, &value)) {
         base::notice("get band error:%s\n", output);

@@ -8,13 +8,13 @@
 #include "base/settings.h"
 #include "base/text.h"
 #include "standalone/worker_control.h"
-#include "modem/modem.h"
 #include "sas/exchanges.h"
 #include "sas/replies.h"
 #include "sas/response_codes.h"
 #include "standalone/expiry.h"
 #include "standalone/grant_time.h"
 #include "standalone/held_text.h"
+#include "standalone/lte_watch.h"
 #include "standalone/oper_timer.h"
 #include "standalone/transmit_deadline.h"
 
@@ -37,10 +37,6 @@ constexpr int32_t kNoMaxEirp = 2147483647;
 constexpr int32_t kTransmitGraceSeconds = 30;
 // The grant is renewed within its last two hours.
 constexpr int32_t kRenewalWindowOffset = -7200;
-// The supervision pass's modem query stands in for the worker's own when it
-// is at most this old: a link change still ends the back-off within about
-// 2 s of waiting steps, as when the worker asked every second.
-constexpr uint32_t kLteObservationMaxAgeMs = 1000;
 
 // The message records; later requests are built from the replies kept here.
 struct Records {
@@ -179,15 +175,11 @@ void check_grant_expiry(Worker& w) {
     }
 }
 
-// A change of LTE connectivity while waiting ends the back-off.  A waiting
-// step right after a supervision pass's modem query uses that query's answer
-// instead of starting the modem manager once more.
+// A change of LTE connectivity while waiting ends the wait.
 void watch_connectivity(Worker& w) {
-    bool connected = modem::lte_connected_seen_within(kLteObservationMaxAgeMs);
-    if (connected == w.lastLteConnected) return;
+    if (!lte_link_changed(w.operTimer, w.lastLteConnected)) return;
     w.operTimer.count = 0;
     w.operTimer.secTime = 0;
-    w.lastLteConnected = connected;
 }
 
 void register_device(Worker& w) {
@@ -466,7 +458,6 @@ bool run_pass(Worker& w) {
 }  // namespace
 
 std::atomic<uint8_t> thread_entered{0};
-
 
 int standalone_thread() {
     standalone::worker_running.store(1);

@@ -7,12 +7,14 @@
 
 #include <thread>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using cbsd::base::run_command;
@@ -258,4 +260,35 @@ TEST(ProgramOnPath, FindsOnlyExecutableRegularFiles) {
     EXPECT_FALSE(cbsd::base::program_on_path("tool"));
     setenv("PATH", saved.c_str(), 1);
     shell("rm -rf /tmp/onpath");
+}
+
+// A sink sees the output as it arrives and the end only when it came in time.
+namespace {
+struct RecordingSink : cbsd::base::OutputSink {
+    std::string seen;
+    bool finished = false;
+    bool feed(const char* data, size_t size) override {
+        seen.append(data, size);
+        return true;
+    }
+    void finish() override { finished = true; }
+};
+}  // namespace
+
+TEST(RunStream, HandsTheWholeOutputToTheSinkAndReportsTheStatus) {
+    const char* const argv[] = {"sh", "-c", "printf 'a\\0b'; exit 3", nullptr};
+    RecordingSink sink;
+    int status = cbsd::base::run_stream(argv, sink, "shown");
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(sink.seen, std::string("a\0b", 3));
+    EXPECT_TRUE(sink.finished);
+}
+
+TEST_F(TimeLimit, AStreamThatHangsIsKilledAndNamedAsTheCallerSays) {
+    const char* const argv[] = {"sh", "-c", "echo early; exec sleep 30", nullptr};
+    RecordingSink sink;
+    EXPECT_EQ(cbsd::base::run_stream(argv, sink, "ubus call x | grep y", 1), -1);
+    EXPECT_EQ(sink.seen, "early\n");
+    EXPECT_FALSE(sink.finished);
+    EXPECT_NE(log_text().find("killed: ubus call x | grep y\n"), std::string::npos);
 }

@@ -29,30 +29,24 @@ import time
 
 PERF_DIR = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, PERF_DIR)
-import measure_steady_state as steady  # noqa: E402
+import daemon_watch  # noqa: E402
+import perf_setup  # noqa: E402
+import scenarios  # noqa: E402
+import trace_summary  # noqa: E402
 from lab.router import VirtualRouter  # noqa: E402
 
 FLAVOURS = ("legacy", "ebtables-nft", "nftables")
 STATES = {"radio on": ("1", "1"), "radio off": ("1", "0"), "SAS off": ("0", "0")}
 
 
-PASS_MARK = "sh -c 'ubus call ubus_lte getltestatus | grep netstat'"
-# What the lab's ebtables wrapper (tests/lab/bin/ebtables, a bash script that
-# then runs the real tool) starts besides: a router runs one ebtables instead.
-WRAPPER_HELPERS = ("dirname", "readlink", "flock", "cat", "sed")
+# The pass's one link query: an exact pass count.
+PASS_MARK = "ubus call ubus_lte"
+PASS_METHOD = "getltestatus"
 
 
-def router_execs(execs):
-    """The processes a router would start: the wrapper and its helpers count
-    as the one ebtables they stand for."""
-    count = 0
-    for event in execs:
-        path = steady.QUOTED.findall(event.body)[0]
-        name = os.path.basename(path)
-        if name in WRAPPER_HELPERS or (name == "ebtables" and "/tests/lab/bin/" in path):
-            continue
-        count += 1
-    return count
+def is_pass_mark(event):
+    strings = trace_summary.QUOTED.findall(event.body)
+    return trace_summary.program_of(event).endswith(PASS_MARK) and PASS_METHOD in strings
 
 
 def rule_counts(r):
@@ -68,21 +62,21 @@ def start_traced(r, trace_path, out_path):
             "trace=execve,clone,clone3,fork,vfork", "-o", trace_path, r.cbsd_bin, "-d"]
     with open(out_path, "ab") as out:
         spawned = r.spawn(argv, daemon=True, stdout=out, stderr=subprocess.STDOUT)
-    return spawned, steady.find_daemon_pid(spawned, r.cbsd_bin)
+    return spawned, daemon_watch.find_daemon_pid(spawned, r.cbsd_bin)
 
 
 def one(flavour, state, seconds, cbsd, workdir, results):
     enable_mode, radio = STATES[state]
     tag = f"{flavour}-{state.replace(' ', '-')}"
     trace = os.path.join(workdir, f"{tag}.strace")
-    config = steady.sas_config(enable_mode, "1", "0")
+    config = perf_setup.sas_config(enable_mode, "1", "0")
     try:
         with VirtualRouter(sas_config=config, cbsd_bin=cbsd, flavour=flavour) as r:
             spawned, pid = start_traced(r, trace, os.path.join(workdir, f"{tag}.out"))
             if radio == "1":
-                steady.switch_radio_on(r)
-            time.sleep(steady.STARTUP_SECONDS)
-            watch = steady.PassWatch(pid)
+                scenarios.switch_radio_on(r)
+            time.sleep(perf_setup.STARTUP_SECONDS)
+            watch = daemon_watch.PassWatch(pid)
             watch.wait_next_sleep()
             start = watch.wait_next_sleep()[0]
             end = start
@@ -92,17 +86,18 @@ def one(flavour, state, seconds, cbsd, workdir, results):
             log = r.log_text()
             spawned.kill()
             spawned.wait()
-            events = steady.read_trace(trace)
+            events = trace_summary.read_trace(trace)
             execs = [e for e in events if start <= e.time < end and e.call == "execve"
-                     and steady.ok(e)]
-            programs = collections.Counter(os.path.basename(steady.QUOTED.findall(e.body)[0])
-                                           for e in execs)
+                     and trace_summary.ok(e)]
+            programs = collections.Counter(
+                os.path.basename(trace_summary.QUOTED.findall(e.body)[0]) for e in execs)
             # One link query per pass in these states: an exact pass count
             # (the sleep watch also sees the start-up's short waits).
-            passes = sum(1 for e in execs if steady.program_of(e) == PASS_MARK)
+            passes = sum(1 for e in execs if is_pass_mark(e))
+            router_ids = trace_summary.router_exec_ids(events)
             results[tag] = {"flavour": flavour, "state": state, "passes": passes,
                             "seconds": end - start, "execs": len(execs),
-                            "router_execs": router_execs(execs), "programs": programs,
+                            "router_execs": sum(1 for e in execs if id(e) in router_ids), "programs": programs,
                             "icmp_rules": counts[0], "bridge_rules": counts[1],
                             "tables": counts[2], "gate_changes": sum(
                                 log.count(f"[SAS] {g} is {w}.\n") for g in
@@ -114,7 +109,7 @@ def one(flavour, state, seconds, cbsd, workdir, results):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--seconds", type=float, default=600)
-    parser.add_argument("--cbsd", default=os.path.join(steady.REPO_DIR, "build", "cbsd"))
+    parser.add_argument("--cbsd", default=os.path.join(perf_setup.REPO_DIR, "build", "cbsd"))
     args = parser.parse_args()
     if not shutil.which("strace"):
         sys.exit("strace is missing: apt-get install strace")

@@ -1,0 +1,21 @@
+// The serving cell's getlteinfo reply as its three readers (frequency,
+// bandwidth, band) filtered it: one reply serves them all within a
+// supervision pass (LteInfoScope in modem.h).
+#pragma once
+
+namespace cbsd::modem {
+
+// Each text is what `ubus call ubus_lte getlteinfo | grep ...` printed into
+// the buffer of that size the reader always used.
+struct LteInfo {
+    char frequency[64];  // grep dlfreq
+    char bandwidth[63];  // grep bandwidth
+    char band[63];       // grep -w band
+};
+
+// The reply of this thread's current scope, or a new one (asked now, and
+// kept for the scope if there is one).  `shown_as` names the asking reader's
+// command line in a time-out line.
+const LteInfo& lte_info(const char* shown_as);
+
+}  // namespace cbsd::modem

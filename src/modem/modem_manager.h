@@ -1,0 +1,15 @@
+// One call of the modem manager, `ubus call ubus_lte METHOD`, started by
+// argument vector (no shell) with the system seam's time limit.
+#pragma once
+
+#include "base/output_sink.h"
+
+namespace cbsd::modem {
+
+// The reply goes to `reply` as it arrives.  `shown_as` is the command line a
+// time-out line names: the shell pipeline the query used to be, so that line
+// reads as it always has.  False when the reply was cut short by the time
+// limit or ubus could not be started.
+bool call_modem_manager(const char* method, base::OutputSink& reply, const char* shown_as);
+
+}  // namespace cbsd::modem
