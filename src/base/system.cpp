@@ -94,17 +94,27 @@ bool collect_output(int fd, OutputSink& collector, uint32_t started_ms, int time
     }
 }
 
+// True when the wait is over: the child was reaped (*status its wait status)
+// or cannot be waited for, or the limit ran out (*status -1).  Otherwise
+// *left is what remains of the limit, in ms.
+bool exited_or_out_of_time(pid_t pid, uint32_t started_ms, int time_limit_s, int* status,
+                           int* left) {
+    pid_t done = waitpid(pid, status, WNOHANG);
+    if (done == pid) return true;
+    *status = -1;
+    if (done < 0 && errno != EINTR) return true;
+    *left = remaining_ms(started_ms, time_limit_s);
+    return *left == 0;
+}
+
 #ifdef SYS_pidfd_open
 // Waits for the child on a process descriptor, which becomes readable the
 // moment it exits; its wait status, or -1 once the limit ran out.
 int wait_on_descriptor(int pidfd, pid_t pid, uint32_t started_ms, int time_limit_s) {
     for (;;) {
         int status = 0;
-        pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid) return status;
-        if (done < 0 && errno != EINTR) return -1;
-        int left = remaining_ms(started_ms, time_limit_s);
-        if (left == 0) return -1;
+        int left = 0;
+        if (exited_or_out_of_time(pid, started_ms, time_limit_s, &status, &left)) return status;
         pollfd exited{pidfd, POLLIN, 0};
         if (poll(&exited, 1, left) < 0 && errno != EINTR) return -1;
     }
@@ -127,11 +137,8 @@ int wait_for_exit(pid_t pid, uint32_t started_ms, int time_limit_s) {
     int pause_ms = 1;
     for (;;) {
         int status = 0;
-        pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid) return status;
-        if (done < 0 && errno != EINTR) return -1;
-        int left = remaining_ms(started_ms, time_limit_s);
-        if (left == 0) return -1;
+        int left = 0;
+        if (exited_or_out_of_time(pid, started_ms, time_limit_s, &status, &left)) return status;
         int nap = pause_ms < left ? pause_ms : left;
         timespec rest{0, static_cast<long>(nap) * 1000000L};
         nanosleep(&rest, nullptr);
