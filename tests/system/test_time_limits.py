@@ -5,6 +5,7 @@ import os
 import time
 
 from lab import device_config
+from test_supervision_dp import wait_until_quiet
 
 ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
 TIME_LIMIT = 10
@@ -39,32 +40,17 @@ def process_exists(pid):
     return True
 
 
-def wait_until_quiet(r, quiet=1.5, timeout=20):
-    """Waits until the log has not grown for `quiet` seconds: the daemon is
-    between passes, so an edit now does not race with its own writes."""
-    deadline = time.monotonic() + timeout
-    size, since = len(r.log_text()), time.monotonic()
-    while time.monotonic() < deadline:
-        time.sleep(0.1)
-        now = len(r.log_text())
-        if now != size:
-            size, since = now, time.monotonic()
-        elif time.monotonic() - since >= quiet:
-            return
-    raise AssertionError("the daemon's log did not settle")
-
-
 def steady_dp_router(router, radio_on):
     """A daemon in DP mode with SAS on, past its first pass (which clears the
     proxy's flag), with the radio as asked and the gates following it."""
     r = router(sas_config=dp_config(radio_enable="0"))
     r.start_daemon()
     assert r.wait_for(lambda: r.log_text().count("[SAS] device has been unauthorized.") == 2, 15)
-    wait_until_quiet(r)
+    wait_until_quiet(r, timeout=20)
     if radio_on:
         r.uci_set("sasConfig", "RadioEnable", "1")
         assert r.wait_for(lambda: gates_open(r), 15), r.log_text()[-2000:]
-        wait_until_quiet(r)
+        wait_until_quiet(r, timeout=20)
     return r
 
 
