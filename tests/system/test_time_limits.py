@@ -2,7 +2,6 @@
 firewall tool that never answers is killed with its whole process group, the
 failure is logged once, and the supervision loop goes on."""
 import os
-import time
 
 from lab import device_config
 from test_supervision_dp import wait_until_quiet
