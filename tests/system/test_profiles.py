@@ -23,7 +23,9 @@ def start_and_settle(r, *args):
     """Starts the daemon and waits until start-up handed over to the loop."""
     mark = len(r.log_text())
     r.start_daemon(*args)
-    assert r.wait_for(lambda: STARTED in log_after(r, mark), 15), r.daemon_output()[-3000:]
+    settled = r.wait_for(lambda: STARTED in log_after(r, mark), 30)
+    assert settled, (f"daemon status {r.daemon.poll()}, log {len(r.log_text())} bytes "
+                     f"(mark {mark})\n{r.daemon_output()[-3000:]}")
     return mark
 
 
