@@ -30,6 +30,8 @@ namespace {
 constexpr const char* kCopyProvisionedCertificates =
     "mkdir -p /root/sas; cp -rf /tmp/logger/sas/cert /root/sas/";
 constexpr const char* kProvisionedDir = "/tmp/logger/sas";
+constexpr const char* kProvisionedCertificates = "/tmp/logger/sas/cert";
+constexpr const char* kCertificateHome = "/root/sas";
 
 constexpr uint8_t kAutoOn = 1;
 constexpr uint8_t kAutoOff = 2;
@@ -105,8 +107,14 @@ void migrate_operation_options() {
 
 void provision_certificates() {
     // Whatever the router left behind is taken as it is; failures show later
-    // when the certificates are used.
-    base::run_status(kCopyProvisionedCertificates);
+    // when the certificates are used.  With nothing left behind the copy
+    // would only print "cannot stat" on every start (a system-log line under
+    // procd): the home directory is made without it, the outcome the same.
+    struct stat drop {};
+    if (stat(kProvisionedCertificates, &drop) == 0)
+        base::run_status(kCopyProvisionedCertificates);
+    else
+        mkdir(kCertificateHome, 0755);
     base::remove_tree(kProvisionedDir);
 }
 

@@ -365,6 +365,17 @@ TEST_F(Profiles, ProvisioningWithNothingToCopyKeepsWhatIsThere) {
     EXPECT_EQ(test::read_file("/root/sas/cert/clientKey/key.pem"), "KEY");
 }
 
+TEST_F(Profiles, ProvisioningWithNothingToCopyPrintsNothingAndMakesTheHome) {
+    ASSERT_EQ(system("rm -rf /root/sas && mkdir -p /tmp/logger/sas/other"), 0);
+    testing::internal::CaptureStderr();
+    provision_certificates();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    struct stat home {};
+    EXPECT_EQ(stat("/root/sas", &home), 0);
+    EXPECT_TRUE(S_ISDIR(home.st_mode));
+    EXPECT_FALSE(test::file_exists("/tmp/logger/sas"));
+}
+
 class AutoEnable : public Profiles {
 protected:
     void SetUp() override {
