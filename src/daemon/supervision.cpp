@@ -94,6 +94,8 @@ bool react_to_sas_switch(SupervisionState& state) {
     if (current.sasEnable == state.previous.sasEnable) return false;
     if (!current.sasEnable) {
         base::notice_to_syslog("[SAS] sas disable.\n");
+        // The worker gives its grant back as it stops: not while transmitting.
+        gating::unauthorize_device(0);
         standalone::stop_standalone_worker();
         gating::clear_cbsd_state();
         gating::recover_network();
@@ -126,6 +128,16 @@ void react_to_configuration_change(const SupervisionState& state) {
     if (configuration_block_equal(state.current, state.previous)) return;
     base::notice("[SAS] sas configuration is changed.\n");
     restart_standalone_worker();
+}
+
+// The guard closes the gates whenever it is armed without a deadline.  When
+// it is about to be armed the loop closes them itself first (silently: its
+// own reaction in this pass announces it), so that the guard finds nothing
+// to do and the log keeps the loop's lines.
+void arm_guard_for(const SupervisionSnapshot& current) {
+    bool armed = current.sasEnable && !current.dpEnable;
+    if (armed && !transmit_guard_armed()) gating::unauthorize_device(0);
+    arm_transmit_guard(armed);
 }
 
 // In StandAlone mode RadioEnable "1" opens only with a transmit deadline
@@ -240,6 +252,8 @@ void report_snapshot_changes(const SupervisionSnapshot* previous, const Supervis
 }
 
 void restart_standalone_worker() {
+    // The worker gives its grant back as it stops: not while transmitting.
+    gating::unauthorize_device(0);
     standalone::stop_standalone_worker();
     base::sleep_seconds(1);
     gating::clear_cbsd_state();
@@ -266,7 +280,7 @@ PassOutcome run_supervision_pass(SupervisionState& state) {
     std::memset(&state.current, 0, sizeof state.current);
     load_snapshot(&state.current);
     g_lastSasEnabled.store(state.current.sasEnable != 0);
-    arm_transmit_guard(state.current.sasEnable && !state.current.dpEnable);
+    arm_guard_for(state.current);
     refresh_cell_frequency(state);
 
     if (snapshots_equal(state.current, state.previous)) {
