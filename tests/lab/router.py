@@ -299,8 +299,10 @@ class VirtualRouter:
     def set_modem(self, **fields):
         """Changes modem members (None removes one from the replies).  Special
         members: raw={method: bytes or text} prints exactly those bytes;
-        fail=True or [methods] makes `ubus` fail (fail_status, default 4);
-        hang=True or [methods] makes it never answer (see hung_pid("ubus"))."""
+        fail=True or [methods] makes those methods fail (fail_status, default 9);
+        hang=True or [methods] makes them never answer (see hung_pid("ubus"));
+        registered=False: no modem manager on the bus; ubusd=False: no bus at
+        all; cli="pre2022": the CLI's short error form (tests/lab/README.md)."""
         state = self.modem_state()
         for name, value in fields.items():
             if name == "raw" and value is not None:
