@@ -15,8 +15,8 @@ def procd_command(tmp_path):
     """The command line the init script hands to procd."""
     init = tmp_path / "cbsd"
     init.write_text(open(os.path.join(FILES, "cbsd.init")).read())
-    record = subprocess.run(["sh", STANDIN, str(init), "start"], capture_output=True, text=True,
-                            check=True).stdout
+    record = subprocess.run(["busybox", "sh", STANDIN, str(init), "start"], capture_output=True,
+                            text=True, check=True).stdout
     line = next(l for l in record.splitlines() if l.startswith("set_param|command|"))
     return line.split("|")[2:]
 
