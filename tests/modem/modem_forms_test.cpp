@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -132,6 +133,9 @@ struct Form {
     const char* stdout_text;  // of getlteinfo
     const char* stderr_text;
 };
+
+// Test names and failure messages show the form's name, not its bytes.
+void PrintTo(const Form& form, std::ostream* out) { *out << form.name; }
 
 class NoValueForms : public ModemForms, public ::testing::WithParamInterface<Form> {};
 
