@@ -141,8 +141,10 @@ def bus():
 
 
 def prepare(bus, state):
-    with open(bus.state_path, "w", encoding="utf-8") as state_file:
+    # Whole or not at all: the modem manager polls the file.
+    with open(bus.state_path + ".new", "w", encoding="utf-8") as state_file:
         json.dump(state, state_file)
+    os.replace(bus.state_path + ".new", bus.state_path)
     if state.get("ubusd") is False:
         bus.stop_ubusd()
         return
