@@ -18,7 +18,9 @@ import time
 
 TESTS_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 ROOT = os.path.dirname(TESTS_DIR)
-OPENWRT = os.path.normpath(os.path.join(ROOT, "..", "shared", "openwrt"))
+# $CBSD_OPENWRT_DIR names another copy (or none: a path that does not exist).
+OPENWRT = os.environ.get("CBSD_OPENWRT_DIR") or os.path.normpath(
+    os.path.join(ROOT, "..", "shared", "openwrt"))
 ENTER = os.path.join(OPENWRT, "enter")
 MODEM_MANAGER = os.path.join(TESTS_DIR, "lab", "ubus_lte.uc")
 STANDIN_DIR = os.path.join(TESTS_DIR, "lab", "bin")

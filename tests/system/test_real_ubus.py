@@ -19,6 +19,8 @@ import subprocess
 import tempfile
 import time
 import tty
+from importlib.machinery import SourceFileLoader
+from importlib.util import module_from_spec, spec_from_loader
 
 import pytest
 
@@ -46,6 +48,17 @@ class Row:
         self.name, self.args, self.state = name, args, state
         self.stdout, self.stderr, self.status = stdout, stderr, status
         self.tty, self.ubusd, self.seconds = tty, ubusd, seconds
+
+
+# The CLI's usage text (standard error), as the stand-in keeps it.
+def _standin_module():
+    loader = SourceFileLoader("lab_ubus_standin", STANDIN)
+    module = module_from_spec(spec_from_loader(loader.name, loader))
+    loader.exec_module(module)
+    return module
+
+
+USAGE = _standin_module().USAGE.encode()
 
 
 def call(method, *options):
@@ -111,6 +124,14 @@ ROWS = [
         **failure("call ubus_lte getlteinfo", "Request timed out", 7), seconds=30),
     Row("message that is no JSON", ["call", "ubus_lte", "getlteinfo", "{bad"], CELL,
         **failure("call ubus_lte getlteinfo {bad", "Parsing message data failed", 12)),
+    Row("no command", [], CELL, stderr=USAGE, status=1),
+    Row("unknown command", ["fetch"], CELL, stderr=USAGE, status=254),
+    Row("unknown option", ["-x", "call", "ubus_lte", "getlteinfo"], CELL,
+        stderr=b"ubus: invalid option -- 'x'\n" + USAGE, status=1),
+    Row("option without its value", ["call", "ubus_lte", "getlteinfo", "-t"], CELL,
+        stderr=b"ubus: option requires an argument -- 't'\n" + USAGE, status=1),
+    Row("too many arguments", ["call", "ubus_lte", "getlteinfo", "{}", "x"], CELL,
+        stderr=USAGE, status=254),
     Row("list", ["list"], CELL, b"ubus_lte\n"),
     Row("list, not registered", ["list", "ubus_lte"], {"registered": False},
         stderr=b"Command failed: Not found\n", status=4),
