@@ -139,6 +139,8 @@ ROWS = [
         stderr=b"Failed to connect to ubus\n", status=255, ubusd=False),
     Row("no ubusd, terminal", call("getlteinfo"), {"ubusd": False},
         stderr=b"Failed to connect to ubus\n", status=255, tty=True, ubusd=False),
+    Row("a socket that is not there", call("getlteinfo", "-s", "/var/run/ubus/none.sock"), CELL,
+        stderr=b"Failed to connect to ubus\n", status=255),
     Row("no ubusd, compact", call("getlteinfo", "-S"), {"ubusd": False}, status=255,
         ubusd=False),
 ]
