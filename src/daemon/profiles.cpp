@@ -37,7 +37,6 @@ constexpr uint8_t kAutoOn = 1;
 constexpr uint8_t kAutoOff = 2;
 constexpr uint8_t kInBand48 = 1;
 constexpr uint8_t kNotInBand48 = 2;
-constexpr uint8_t kBandUnknown = 3;
 constexpr int kBandQueryFailed = -1;
 
 AutoEnableState process_auto_state;
@@ -193,14 +192,16 @@ void auto_enable(AutoEnableState& state) {
 
     int queried = modem::get_band();
     // A failed query says nothing about the band: enableMode keeps what the
-    // last answer decided, so a modem hiccup never switches SAS off.
+    // last answer decided, so a modem hiccup never switches SAS off, and the
+    // same band told again afterwards is no news.
     if (queried == kBandQueryFailed) {
-        if (state.lastBand != kBandUnknown) {
+        if (!state.bandUnknown) {
             base::notice("[SAS] LTE band unknown, SAS stays as it was.\n");
-            state.lastBand = kBandUnknown;
+            state.bandUnknown = 1;
         }
         return;
     }
+    state.bandUnknown = 0;
     char band[8] = {};
     std::snprintf(band, sizeof band, "%d", queried);
     // enableMode is written on every pass while auto is on, not only on a change.
