@@ -7,6 +7,8 @@
 #include "base/files.h"
 #include "base/settings.h"
 #include "base/system.h"
+#include "daemon/modem_wait.h"
+#include "daemon/signals.h"
 #include "modem/modem.h"
 
 #include <cstdio>
@@ -58,13 +60,14 @@ void set_and_log(config::UciName name, const char* value, const char* format) {
     base::notice(format, value);
 }
 
-void write_serial_number() {
+void write_serial_number(const modem::ProductInfo& product) {
     char serial[256] = {};
     const char* override_sn = base::settings().sn;
     if (has_override(override_sn)) {
         copy_at_most(serial, sizeof serial, override_sn, 128);
     } else {
-        modem::get_serial_number(serial, sizeof serial - 1);
+        static_assert(sizeof serial == sizeof product.serial);
+        std::memcpy(serial, product.serial, sizeof serial);  // terminated by the query
         if (serial[0] == '\0') base::notice_to_syslog("[SAS] failed to get SN.");
     }
     set_and_log(config::schema::kSerialNumber, serial, "[SAS] set default SN: %s\n");
@@ -136,18 +139,16 @@ int check_first_run() {
     return 1;
 }
 
-void apply_profile_defaults() {
-    char model[32] = {};
-    modem::get_product_model(model, sizeof model - 1);
-    base::notice("[SAS] CPE Product Model: %s\n", model);
+void apply_profile_defaults(const modem::ProductInfo& product) {
+    base::notice("[SAS] CPE Product Model: %s\n", product.model);
 
-    const DeviceProfile& row = find_device_profile(model);
+    const DeviceProfile& row = find_device_profile(product.model);
     if (is_catch_all_profile(row)) base::notice_to_syslog("[SAS] this product model does not support SAS.\n");
 
     bool first_run = check_first_run() == 1;
     const base::ProcessSettings& overrides = base::settings();
 
-    write_serial_number();
+    write_serial_number(product);
     write_overridable(config::schema::kFccId, overrides.fccId, 128, row.fccId, sizeof row.fccId - 1,
                       "[SAS] set default fccId: %s\n");
     write_overridable(config::schema::kCbsdCategory, overrides.category, 4, row.cbsdCategory,
@@ -171,6 +172,14 @@ void apply_profile_defaults() {
     set_and_log(config::schema::kAntennaBeamwidth, row.antennaBeamwidth,
                 "[SAS] set default antennaBeamwidth: %s\n");
     migrate_operation_options();
+}
+
+bool apply_profile_defaults(void (*while_waiting)()) {
+    modem::ProductInfo product{};
+    if (!wait_for_product_info(product, ModemWaitHooks{stop_requested, while_waiting}))
+        return false;
+    apply_profile_defaults(product);
+    return true;
 }
 
 void auto_enable(AutoEnableState& state) {

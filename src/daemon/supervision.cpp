@@ -298,6 +298,8 @@ PassOutcome run_supervision_pass(SupervisionState& state) {
 
 bool last_sas_enabled() { return g_lastSasEnabled.load(); }
 
+void set_last_sas_enabled(bool enabled) { g_lastSasEnabled.store(enabled); }
+
 bool supervision_loop() {
     SupervisionState state;
     init_supervision_state(state);
