@@ -16,6 +16,9 @@ namespace cbsd::standalone {
 namespace {
 
 constexpr int64_t kNoDeadline = INT64_MIN;
+// No deadline, and none may be held until the fence is lifted: the state of
+// a worker that outlived its stop.  Lies before every instant, like none.
+constexpr int64_t kFenced = INT64_MIN + 1;
 constexpr long kLongestLeadSeconds = 86400;
 
 std::atomic<int64_t> g_deadlineMs{kNoDeadline};
@@ -53,13 +56,29 @@ uint32_t max_transmit_lead_seconds() {
     return static_cast<uint32_t>(seconds);
 }
 
-void hold_transmit_deadline(int64_t deadlineMs) { g_deadlineMs.store(deadlineMs); }
+namespace {
 
-void drop_transmit_deadline() { g_deadlineMs.store(kNoDeadline); }
+// Replaces the deadline unless it is fenced; one atomic step, so a fence
+// set at any moment is never overwritten.
+void store_unless_fenced(int64_t value) {
+    int64_t current = g_deadlineMs.load();
+    while (current != kFenced && !g_deadlineMs.compare_exchange_weak(current, value)) {
+    }
+}
+
+}  // namespace
+
+void hold_transmit_deadline(int64_t deadlineMs) { store_unless_fenced(deadlineMs); }
+
+void drop_transmit_deadline() { store_unless_fenced(kNoDeadline); }
+
+void fence_transmit_deadline() { g_deadlineMs.store(kFenced); }
+
+void lift_transmit_deadline_fence() { g_deadlineMs.store(kNoDeadline); }
 
 bool transmit_deadline_held(int64_t nowMs) {
     int64_t deadline = g_deadlineMs.load();
-    return deadline != kNoDeadline && nowMs < deadline;
+    return deadline != kNoDeadline && deadline != kFenced && nowMs < deadline;
 }
 
 }  // namespace cbsd::standalone

@@ -33,8 +33,14 @@ int64_t lead_reference(int64_t wallSeconds, const int64_t* sasSeconds);
 // transmitExpireTime parses; any other text holds nothing.
 void hold_deadline_of_reply(const char* transmitExpireTime);
 
+// Neither holds nor drops while the deadline is fenced.
 void hold_transmit_deadline(int64_t deadlineMs);
 void drop_transmit_deadline();
+// Drops the deadline and refuses every hold until the fence is lifted: for a
+// worker that outlived its stop, and for the process's end.  A new worker's
+// start lifts it.
+void fence_transmit_deadline();
+void lift_transmit_deadline_fence();
 // True while a deadline is held and nowMs lies before it.
 bool transmit_deadline_held(int64_t nowMs);
 
