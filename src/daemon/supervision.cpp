@@ -79,12 +79,28 @@ void enter_dp_mode() {
     gating::clear_cbsd_state();
 }
 
+// A start that waits for a stopped worker's end (main thread only).
+bool g_startDeferred = false;
+
+// A stopped worker that is still ending blocks the start: it happens once
+// that one has ended (settle_stopped_worker).
+void start_worker() {
+    g_startDeferred =
+        !standalone::start_standalone_worker() && standalone::stopped_worker_still_ending();
+}
+
+// The stop's wait ends early on SIGTERM: the process's own stop then waits.
+bool stop_worker() {
+    g_startDeferred = false;
+    return standalone::stop_standalone_worker(standalone::kWorkerStopWaitSeconds, stop_requested);
+}
+
 // The fresh worker starts from the current configuration, so the
 // configuration-change check of the same pass must not restart it.
 void enter_standalone_mode(SupervisionState& state) {
     base::notice_to_syslog("[SAS] CPE is communicating with SAS using StandAlone.\n");
     gating::clear_cbsd_state();
-    standalone::start_standalone_worker();
+    start_worker();
     copy_configuration_block(state.previous, state.current);
 }
 
@@ -94,7 +110,7 @@ bool react_to_sas_switch(SupervisionState& state) {
     if (current.sasEnable == state.previous.sasEnable) return false;
     if (!current.sasEnable) {
         base::notice_to_syslog("[SAS] sas disable.\n");
-        standalone::stop_standalone_worker();
+        stop_worker();
         gating::clear_cbsd_state();
         gating::recover_network();
         return true;
@@ -114,7 +130,7 @@ void react_to_mode_switch(SupervisionState& state) {
     gating::unauthorize_device(1);
     if (state.current.dpEnable) {
         base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
-        standalone::stop_standalone_worker();
+        stop_worker();
         gating::clear_cbsd_state();
     } else {
         enter_standalone_mode(state);
@@ -129,14 +145,25 @@ void react_to_configuration_change(const SupervisionState& state) {
 }
 
 // In StandAlone mode RadioEnable "1" opens only with a transmit deadline
-// held: a stale "1" left in an unwritable store must not open the gates.
-bool may_open() { return transmit_allowed(base::monotonic_ms64()); }
+// held: a stale "1" left in an unwritable store must not open the gates.  In
+// any mode, a stopped worker that is still ending may have written the "1".
+bool may_open() {
+    return !standalone::stopped_worker_still_ending() && transmit_allowed(base::monotonic_ms64());
+}
+
+void report_closed_radio() {
+    if (standalone::stopped_worker_still_ending())
+        base::notice("[SAS] RadioEnable=1 while a stopped StandAlone thread still ends, "
+                     "traffic stays stopped.\n");
+    else
+        base::notice("[SAS] RadioEnable=1 without a transmit deadline, traffic stays stopped.\n");
+}
 
 void react_to_radio_switch(SupervisionState& state) {
     const SupervisionSnapshot& current = state.current;
     if (current.radioEnable == state.previous.radioEnable) return;
     if (current.radioEnable && !may_open()) {
-        base::notice("[SAS] RadioEnable=1 without a transmit deadline, traffic stays stopped.\n");
+        report_closed_radio();
         gating::unauthorize_device(0);
     } else if (current.radioEnable) {
         base::notice_to_syslog("[SAS] sas radio enable.\n");
@@ -239,12 +266,38 @@ void report_snapshot_changes(const SupervisionSnapshot* previous, const Supervis
     report_text("bandwidth", p.bandwidth, c.bandwidth);
 }
 
+// A worker that did not stop in time is fenced and its exchanges aborted;
+// the gates close now rather than at the guard's next look, and the new
+// worker starts once the old one has ended.  After SIGTERM nothing starts.
 void restart_standalone_worker() {
-    standalone::stop_standalone_worker();
+    bool ended = stop_worker();
+    if (stop_requested()) return;
+    if (!ended) {
+        gating::unauthorize_device(0);
+        g_startDeferred = true;
+        return;
+    }
     base::sleep_seconds(1);
     gating::clear_cbsd_state();
-    standalone::start_standalone_worker();
+    if (!stop_requested()) start_worker();
 }
+
+namespace {
+
+// Once per pass: a stopped worker that has ended since is joined, what it
+// wrote after its stop is cleared, and a start that waited for it is made
+// when the configuration still asks for StandAlone mode.
+void settle_stopped_worker(const SupervisionSnapshot& current) {
+    if (!standalone::collect_stopped_worker()) return;
+    gating::clear_cbsd_state();
+    bool wanted = g_startDeferred && current.sasEnable && !current.dpEnable;
+    g_startDeferred = false;
+    if (wanted && !stop_requested()) start_worker();
+}
+
+}  // namespace
+
+bool worker_start_deferred() { return g_startDeferred; }
 
 void init_supervision_state(SupervisionState& state) {
     std::memset(&state.current, 0, sizeof state.current);
@@ -252,6 +305,7 @@ void init_supervision_state(SupervisionState& state) {
     std::memset(&state.previous, 0xFF, sizeof state.previous);
     state.pass = 0;
     state.unreadable = false;
+    g_startDeferred = false;
 }
 
 PassOutcome run_supervision_pass(SupervisionState& state) {
@@ -267,6 +321,7 @@ PassOutcome run_supervision_pass(SupervisionState& state) {
     load_snapshot(&state.current);
     g_lastSasEnabled.store(state.current.sasEnable != 0);
     arm_transmit_guard(state.current.sasEnable && !state.current.dpEnable);
+    settle_stopped_worker(state.current);
     refresh_cell_frequency(state);
 
     if (snapshots_equal(state.current, state.previous)) {
