@@ -66,7 +66,7 @@ protected:
     }
 
 private:
-    standalone::QuietLogger quiet_;
+    test::QuietLogger quiet_;
     int32_t logSize_ = 0;
 };
 

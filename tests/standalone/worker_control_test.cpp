@@ -173,7 +173,7 @@ TEST_F(WorkerControl, TheFinalStopOnAnotherThreadWinsOverAConcurrentStart) {
     test::sim_set_default("registration", R"({"responseCode":200})");
     // The worker's pass sleeps go by a hundred times faster: only the race counts.
     base::set_clock({nullptr, nullptr, [](uint32_t ms) { usleep(ms * 10); }});
-    QuietLogger quiet;
+    test::QuietLogger quiet;
     for (int round = 0; round < 40; ++round) {
         allow_worker_starts(true);
         bool ended = false;

@@ -42,24 +42,6 @@ inline std::string status() {
     return value;
 }
 
-// While alive, the system-log copies go to a logger that only exits: the
-// lab's stand-in starts Python for each one, which would dominate a test that
-// starts and stops workers by the hundred.
-class QuietLogger {
-public:
-    QuietLogger() : path_(getenv("PATH")) {
-        test::shell("mkdir -p /tmp/quiet-bin && printf '#!/bin/sh\\nexit 0\\n' > "
-                    "/tmp/quiet-bin/logger && chmod +x /tmp/quiet-bin/logger");
-        setenv("PATH", ("/tmp/quiet-bin:" + path_).c_str(), 1);
-    }
-    ~QuietLogger() { setenv("PATH", path_.c_str(), 1); }
-    QuietLogger(const QuietLogger&) = delete;
-    QuietLogger& operator=(const QuietLogger&) = delete;
-
-private:
-    std::string path_;
-};
-
 class WorkerControl : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
