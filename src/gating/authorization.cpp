@@ -108,6 +108,11 @@ bool close_open_gates() {
     return open;
 }
 
+void unauthorize_device_within_bounds(uint8_t announce) {
+    close_open_gates();
+    if (announce) base::notice_to_syslog("[SAS] device has been unauthorized.\n\n");
+}
+
 void recover_network() {
     GateHold hold(g_gateLock);
     open_all_gates();
