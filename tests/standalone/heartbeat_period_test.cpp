@@ -59,10 +59,16 @@ TEST_P(GrantPeriod, AGrantWithoutAUsablePeriodHeartbeatsEverySixtySeconds) {
     EXPECT_EQ(heartbeats(), 3u);
 }
 
+std::string grant_reply_name(const ::testing::TestParamInfo<const char*>& info) {
+    static const char* const kNames[] = {"Zero", "Absent", "Negative"};
+    return kNames[info.index];
+}
+
 INSTANTIATE_TEST_SUITE_P(
     StandaloneThread, GrantPeriod,
     ::testing::Values(R"({"set":{"heartbeatInterval":0}})", R"({"remove":["heartbeatInterval"]})",
-                      R"({"set":{"heartbeatInterval":-5}})"));
+                      R"({"set":{"heartbeatInterval":-5}})"),
+    grant_reply_name);
 
 // Authorized on a 10 s grant; every heartbeat reply is `reply`.
 class HeartbeatPeriod : public QuickPasses {
