@@ -11,7 +11,9 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace cbsd::base {
 
@@ -68,7 +70,33 @@ void send_to_syslog(int32_t level, const char* text) {
     run_program(argv);
 }
 
+// "[uptime, local time]" of this moment.
+void line_prefix(char* out, size_t size) {
+    timespec mono{};
+    clock_gettime(CLOCK_MONOTONIC, &mono);
+    timespec wall{};
+    clock_gettime(CLOCK_REALTIME, &wall);
+    tm local{};
+    localtime_r(&wall.tv_sec, &local);
+    char stamp[64] = {};
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(out, size, "[%ld, %s]", static_cast<long>(mono.tv_sec), stamp);
+}
+
 }  // namespace
+
+void last_words(const char* text) {
+    if (settings().logLevel < static_cast<int32_t>(Level::Notice)) return;
+    char line[512] = {};
+    line_prefix(line, sizeof line);
+    size_t used = std::strlen(line);
+    std::snprintf(line + used, sizeof line - used, "%s", text);
+    int fd = open(settings().logFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) return;
+    ssize_t written = write(fd, line, std::strlen(line));
+    (void)written;  // nothing more can be done about a failed last line
+    close(fd);
+}
 
 void vlog(int32_t level, uint8_t to_syslog, const char* format, va_list args) {
     const ProcessSettings& s = settings();
@@ -80,15 +108,8 @@ void vlog(int32_t level, uint8_t to_syslog, const char* format, va_list args) {
         return;
     }
     FILE* file = open_log_file(s);
-
-    timespec mono{};
-    clock_gettime(CLOCK_MONOTONIC, &mono);
-    timespec wall{};
-    clock_gettime(CLOCK_REALTIME, &wall);
-    tm local{};
-    localtime_r(&wall.tv_sec, &local);
-    char stamp[64] = {};
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    char prefix[96] = {};
+    line_prefix(prefix, sizeof prefix);
 
     std::memset(message.get(), 0, kMessageCapacity);
     std::vsnprintf(message.get(), kMessageCapacity, format, args);
@@ -99,16 +120,15 @@ void vlog(int32_t level, uint8_t to_syslog, const char* format, va_list args) {
         separate_newline = true;
         ++text;
     }
-    long uptime = static_cast<long>(mono.tv_sec);
 
     if (file) {
         if (separate_newline) std::fputc('\n', file);
-        std::fprintf(file, "[%ld, %s]%s", uptime, stamp, text);
+        std::fprintf(file, "%s%s", prefix, text);
         std::fclose(file);
     }
     if (s.debug) {
         if (separate_newline) std::putchar('\n');
-        std::printf("[%ld, %s]%s", uptime, stamp, text);
+        std::printf("%s%s", prefix, text);
         std::fflush(stdout);
     }
     if (to_syslog) send_to_syslog(level, text);

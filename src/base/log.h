@@ -24,4 +24,9 @@ void notice_to_syslog(const char* format, ...) __attribute__((format(printf, 1, 
 void error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void error_to_syslog(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// Appends "[uptime, local time]text" to the log file with plain system calls:
+// no stdio, no echo, no system-log copy, so nothing another thread holds can
+// keep it waiting.  For the last line of a process that must end now.
+void last_words(const char* text);
+
 }  // namespace cbsd::base

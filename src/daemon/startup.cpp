@@ -7,6 +7,7 @@
 #include "base/settings.h"
 #include "base/system.h"
 #include "daemon/signals.h"
+#include "daemon/stop_deadline.h"
 #include "daemon/supervision.h"
 #include "daemon/transmit_guard.h"
 #include "gating/authorization.h"
@@ -34,6 +35,11 @@ constexpr uint32_t kWorkerStopSeconds = 8;
 // so that the process still ends within 10 s of the signal.
 constexpr uint32_t kLoopStopGraceMs = 2000;
 constexpr uint32_t kWorkerStopSecondsForBlockedLoop = 6;
+// Every command the stop starts (firewall tools, logger) gets at most this
+// long, so that its steps fit in the 10 s however those tools behave.
+constexpr int kStopCommandLimitSeconds = 2;
+// Whatever the stop waits on, the process ends this long after the signal.
+constexpr uint32_t kStopDeadlineMs = 9000;
 
 // Whoever starts the stop first (the loop, or the guard for a blocked loop)
 // carries it out; the other only waits for the end of the process.
@@ -97,15 +103,21 @@ uint32_t seconds_left(uint32_t seconds, uint32_t spentMs) {
 // SIGTERM or SIGINT: with SAS enabled nobody holds an authorisation any more,
 // so the gates close first (they must not wait on the SAS), then the worker
 // gives its grant back and deregisters as on disable, within the time the
-// service manager allows.  Without SAS traffic stays as it is.
+// service manager allows.  Without SAS traffic stays as it is.  No worker
+// starts from here on, the deadline is fenced (a late success cannot hold it
+// again), and every step is bounded: the gate lock is waited for at most 2 s
+// and every command this thread starts gets at most 2 s.  The second caller
+// parks; the stop deadline ends the process should the first one hang.
 [[noreturn]] void shut_down(bool sasEnabled, uint32_t workerSeconds = kWorkerStopSeconds) {
     if (g_stopping.exchange(true))
         for (;;) pause();
-    base::notice_to_syslog("[SAS] stop requested.\n");
+    standalone::allow_worker_starts(false);
+    base::TimeLimitCap cap(kStopCommandLimitSeconds);
     uint32_t startedMs = base::monotonic_ms();
+    base::notice_to_syslog("[SAS] stop requested.\n");
     if (sasEnabled) {
-        standalone::drop_transmit_deadline();
-        gating::unauthorize_device(1);
+        standalone::fence_transmit_deadline();
+        gating::unauthorize_device_within_bounds(1);
     }
     if (!standalone::stop_standalone_worker_within(
             seconds_left(workerSeconds, base::monotonic_ms() - startedMs)))
@@ -132,6 +144,12 @@ void hold_traffic_while_waiting() {
     if (closed) gating::unauthorize_device(0);
 }
 
+// The stop deadline's last act: forwarding, the gate that matters most, off
+// with two plain writes when SAS was on.
+void close_forwarding_if_gated() {
+    if (last_sas_enabled()) gating::force_ip_forward_off();
+}
+
 }  // namespace
 
 int run_daemon() {
@@ -155,6 +173,7 @@ int run_daemon() {
     // Unarmed until the first pass, the guard is silent; it runs from here so
     // that a stop during the wait for the modem manager (a query can take its
     // whole time limit) still ends the process within 10 s.
+    start_stop_deadline(kStopDeadlineMs, close_forwarding_if_gated);
     start_transmit_guard(shut_down_for_blocked_loop, kLoopStopGraceMs);
     if (!apply_profile_defaults(hold_traffic_while_waiting)) shut_down(last_sas_enabled());
 

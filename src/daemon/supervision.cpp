@@ -82,15 +82,32 @@ void react_to_lte_link(const SupervisionState& state) {
     }
 }
 
-// The worker gives its grant back as it stops: not while transmitting.
-void stop_worker_after_closing() {
-    if (standalone::worker_running.load() != 0) gating::unauthorize_device(0);
-    standalone::stop_standalone_worker();
-}
-
 void enter_dp_mode() {
     base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
     gating::clear_cbsd_state();
+}
+
+// A start that waits for a stopped worker's end (main thread only).
+bool g_startDeferred = false;
+
+// A stopped worker that is still ending blocks the start: it happens once
+// that one has ended (settle_stopped_worker).
+void start_worker() {
+    g_startDeferred =
+        !standalone::start_standalone_worker() && standalone::stopped_worker_still_ending();
+}
+
+// The stop's wait ends early on SIGTERM: the process's own stop then waits.
+bool stop_worker() {
+    g_startDeferred = false;
+    return standalone::stop_standalone_worker(standalone::kWorkerStopWaitSeconds, stop_requested);
+}
+
+// The worker gives its grant back as it stops: not while transmitting.  A
+// worker that outlives its stop is fenced; the gates are closed already.
+bool stop_worker_after_closing() {
+    if (standalone::worker_running.load() != 0) gating::unauthorize_device(0);
+    return stop_worker();
 }
 
 // The fresh worker starts from the current configuration, so the
@@ -98,7 +115,7 @@ void enter_dp_mode() {
 void enter_standalone_mode(SupervisionState& state) {
     base::notice_to_syslog("[SAS] CPE is communicating with SAS using StandAlone.\n");
     gating::clear_cbsd_state();
-    standalone::start_standalone_worker();
+    start_worker();
     copy_configuration_block(state.previous, state.current);
 }
 
@@ -128,7 +145,7 @@ void react_to_mode_switch(SupervisionState& state) {
     gating::unauthorize_device(1);
     if (state.current.dpEnable) {
         base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
-        standalone::stop_standalone_worker();
+        stop_worker();
         gating::clear_cbsd_state();
     } else {
         enter_standalone_mode(state);
@@ -146,16 +163,26 @@ void react_to_configuration_change(const SupervisionState& state) {
 bool guarded(const SupervisionSnapshot& s) { return s.sasEnable && !s.dpEnable; }
 
 // In StandAlone mode RadioEnable "1" opens only with a transmit deadline
-// held: a stale "1" left in an unwritable store must not open the gates.
+// held: a stale "1" left in an unwritable store must not open the gates.  In
+// any mode, a stopped worker that is still ending may have written the "1".
 bool may_open(const SupervisionSnapshot& s) {
+    if (standalone::stopped_worker_still_ending()) return false;
     return !guarded(s) || standalone::transmit_deadline_held(base::monotonic_ms64());
+}
+
+void report_closed_radio() {
+    if (standalone::stopped_worker_still_ending())
+        base::notice("[SAS] RadioEnable=1 while a stopped StandAlone thread still ends, "
+                     "traffic stays stopped.\n");
+    else
+        base::notice("[SAS] RadioEnable=1 without a transmit deadline, traffic stays stopped.\n");
 }
 
 void react_to_radio_switch(SupervisionState& state) {
     const SupervisionSnapshot& current = state.current;
     if (current.radioEnable == state.previous.radioEnable) return;
     if (current.radioEnable && !may_open(current)) {
-        base::notice("[SAS] RadioEnable=1 without a transmit deadline, traffic stays stopped.\n");
+        report_closed_radio();
         gating::unauthorize_device(0);
     } else if (current.radioEnable) {
         base::notice_to_syslog("[SAS] sas radio enable.\n");
@@ -228,6 +255,17 @@ PassOutcome finish_changed_pass(SupervisionState& state) {
     return PassOutcome::Changed;
 }
 
+// Once per pass: a stopped worker that has ended since is joined, what it
+// wrote after its stop is cleared, and a start that waited for it is made
+// when the configuration still asks for StandAlone mode.
+void settle_stopped_worker(const SupervisionSnapshot& current) {
+    if (!standalone::collect_stopped_worker()) return;
+    gating::clear_cbsd_state();
+    bool wanted = g_startDeferred && current.sasEnable && !current.dpEnable;
+    g_startDeferred = false;
+    if (wanted && !stop_requested()) start_worker();
+}
+
 // The guard is disarmed as soon as a pass reads SAS off or DP mode, and armed
 // only at the end of a pass that reads StandAlone mode: the pass that enables
 // it closes the gates itself first, with its own log lines, so the guard
@@ -244,6 +282,7 @@ PassOutcome react_to_fresh_snapshot(SupervisionState& state) {
     load_snapshot(&state.current);
     g_lastSasEnabled.store(state.current.sasEnable != 0);
     if (!guarded(state.current)) arm_transmit_guard(false);
+    settle_stopped_worker(state.current);
     refresh_cell_frequency(state);
 
     if (snapshots_equal(state.current, state.previous)) {
@@ -296,12 +335,23 @@ void report_snapshot_changes(const SupervisionSnapshot* previous, const Supervis
     report_text("bandwidth", p.bandwidth, c.bandwidth);
 }
 
+// A worker that did not stop in time is fenced and its exchanges aborted;
+// the gates were closed before the stop, and the new
+// worker starts once the old one has ended.  After SIGTERM nothing starts.
 void restart_standalone_worker() {
-    stop_worker_after_closing();
+    bool ended = stop_worker_after_closing();
+    if (stop_requested()) return;
+    if (!ended) {
+        g_startDeferred = true;
+        return;
+    }
     base::sleep_seconds(1);
     gating::clear_cbsd_state();
-    standalone::start_standalone_worker();
+    if (!stop_requested()) start_worker();
 }
+
+
+bool worker_start_deferred() { return g_startDeferred; }
 
 void init_supervision_state(SupervisionState& state) {
     std::memset(&state.current, 0, sizeof state.current);
@@ -309,6 +359,7 @@ void init_supervision_state(SupervisionState& state) {
     std::memset(&state.previous, 0xFF, sizeof state.previous);
     state.pass = 0;
     state.unreadable = false;
+    g_startDeferred = false;
 }
 
 PassOutcome run_supervision_pass(SupervisionState& state) {

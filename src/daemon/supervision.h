@@ -18,8 +18,12 @@ bool supervision_loop();
 bool last_sas_enabled();
 void set_last_sas_enabled(bool enabled);
 
-// Stops the worker, waits 1 s, clears the CBSD state and starts a fresh worker.
+// Stops the worker, waits 1 s, clears the CBSD state and starts a fresh
+// worker.  When the old worker does not end within its stop's bound, the
+// gates close and the start waits until a later pass finds it ended.
 void restart_standalone_worker();
+// True while a start waits for a stopped worker's end.
+bool worker_start_deferred();
 
 // The loop's own state; one pass at a time can be driven from outside the
 // loop (the loop itself only adds the 5 s sleep after an unchanged pass).

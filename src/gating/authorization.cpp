@@ -114,6 +114,18 @@ bool close_open_gates() {
     return open;
 }
 
+// As close_open_gates, but without its own look first: the stop's window
+// before the worker hears of it stays as short as unauthorize_device's.
+void unauthorize_device_within_bounds(uint8_t announce) {
+    set_ip_forward(false);
+    base::TimeLimitCap cap(kGuardCommandLimitSeconds);
+    std::unique_lock<std::recursive_mutex> hold(g_gateLock, std::defer_lock);
+    if (!lock_within(hold, kGuardLockWait))
+        base::error("[SAS] gate switch still busy, closing the gates alongside it.\n");
+    close_all_gates();
+    if (announce) base::notice_to_syslog("[SAS] device has been unauthorized.\n\n");
+}
+
 void recover_network() {
     GateHold hold(g_gateLock);
     open_all_gates();

@@ -12,6 +12,10 @@ void recover_network();
 // Closes every gate when any is open; returns whether one was.  Safe to call
 // from any thread: gate switches are serialised.
 bool close_open_gates();
+// unauthorize_device with close_open_gates' bounds (forwarding first, the
+// lock waited for at most 2 s, each command at most 2 s): for the process's
+// stop, which must end in time even while another switch hangs.
+void unauthorize_device_within_bounds(uint8_t announce);
 void clear_cbsd_state();
 int32_t compute_transmit_power();
 void apply_transmit_power(bool enable, int32_t power);

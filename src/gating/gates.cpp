@@ -87,6 +87,8 @@ void set_ip_forward(bool enable) {
     }
 }
 
+void force_ip_forward_off() { write_forward_switches(false); }
+
 void reset_ip_forward() {
     base::notice_to_syslog("[SAS] reset IP forward enable.\n");
     write_forward_switches(true);

@@ -35,6 +35,15 @@ int64_t g_replyDate = 0;
 
 constexpr const char* kResponseMarker = "Response";
 
+// Set for a worker that outlived its stop: its exchanges end at once.
+std::atomic<bool> g_abortExchanges{false};
+
+// libcurl calls this about once a second even while nothing moves (connect,
+// handshake, a SAS that holds its answer); non-zero ends the transfer.
+int abort_when_asked(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return g_abortExchanges.load() ? 1 : 0;
+}
+
 bool file_exists(const char* path) {
     struct stat st{};
     return path[0] != '\0' && stat(path, &st) == 0;
@@ -114,6 +123,8 @@ void set_transfer_options(CURL* curl, const char* url, const char* body, curl_sl
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 10L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 30L);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, abort_when_asked);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 }
 
 }  // namespace
@@ -169,6 +180,8 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
 }
 
 bool reply_dump_is_fresh() { return g_dumpFresh.load(); }
+
+void abort_exchanges(bool abort) { g_abortExchanges.store(abort); }
 
 bool reply_date(int64_t* epochSeconds) {
     if (!g_replyDated) return false;

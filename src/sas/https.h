@@ -22,6 +22,9 @@ bool reply_dump_is_fresh();
 // The SAS's clock when it answered the last exchange (its reply's Date
 // header), when the reply carried one that parses.
 bool reply_date(int64_t* epochSeconds);
+// While set, every exchange ends within about a second of its start or of
+// the call, with CURLE_ABORTED_BY_CALLBACK (a transport failure).
+void abort_exchanges(bool abort);
 size_t save_response(char* data, size_t size, size_t count, void* user);
 
 }  // namespace cbsd::sas

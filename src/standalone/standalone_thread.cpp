@@ -490,7 +490,6 @@ bool run_pass(Worker& w) {
 std::atomic<uint8_t> thread_entered{0};
 
 int standalone_thread() {
-    standalone::worker_running.store(1);
     drop_transmit_deadline();  // a new worker holds no authorisation yet
     thread_entered.store(1);
     base::notice("[SAS] standalone_thread is running.\n");

@@ -19,6 +19,9 @@ namespace cbsd::standalone {
 namespace {
 
 constexpr int64_t kNoDeadline = INT64_MIN;
+// No deadline, and none may be held until the fence is lifted: the state of
+// a worker that outlived its stop.  Lies before every instant, like none.
+constexpr int64_t kFenced = INT64_MIN + 1;
 constexpr long kLongestLeadSeconds = 86400;
 
 std::atomic<int64_t> g_deadlineMs{kNoDeadline};
@@ -75,15 +78,35 @@ uint32_t max_transmit_lead_seconds() {
     return static_cast<uint32_t>(seconds);
 }
 
-void hold_transmit_deadline(int64_t deadlineMs) { store_deadline(deadlineMs); }
+namespace {
 
-void drop_transmit_deadline() { store_deadline(kNoDeadline); }
+// Replaces the deadline unless it is fenced; one atomic step, so a fence
+// set at any moment is never overwritten.
+void store_unless_fenced(int64_t value) {
+    int64_t current = g_deadlineMs.load();
+    while (current != kFenced && !g_deadlineMs.compare_exchange_weak(current, value)) {
+    }
+    signal_change();
+}
+
+}  // namespace
+
+void hold_transmit_deadline(int64_t deadlineMs) { store_unless_fenced(deadlineMs); }
+
+void drop_transmit_deadline() { store_unless_fenced(kNoDeadline); }
+
+void fence_transmit_deadline() {
+    g_deadlineMs.store(kFenced);
+    signal_change();
+}
+
+void lift_transmit_deadline_fence() { store_deadline(kNoDeadline); }
 
 void end_transmission_within(int64_t nowMs, uint32_t withinMs) {
     int64_t latest = nowMs + withinMs;
     int64_t held = g_deadlineMs.load();
-    // A drop by the stop in between must stay a drop.
-    while (held != kNoDeadline && held > latest) {
+    // A drop or a fence in between must stay as it is.
+    while (held != kNoDeadline && held != kFenced && held > latest) {
         if (g_deadlineMs.compare_exchange_weak(held, latest)) {
             signal_change();
             return;
@@ -93,7 +116,7 @@ void end_transmission_within(int64_t nowMs, uint32_t withinMs) {
 
 int64_t transmit_deadline_ms_left(int64_t nowMs) {
     int64_t deadline = g_deadlineMs.load();
-    if (deadline == kNoDeadline) return -1;
+    if (deadline == kNoDeadline || deadline == kFenced) return -1;
     return deadline > nowMs ? deadline - nowMs : 0;
 }
 
@@ -114,7 +137,7 @@ void wait_for_deadline_change(uint32_t timeoutMs) {
 
 bool transmit_deadline_held(int64_t nowMs) {
     int64_t deadline = g_deadlineMs.load();
-    return deadline != kNoDeadline && nowMs < deadline;
+    return deadline != kNoDeadline && deadline != kFenced && nowMs < deadline;
 }
 
 }  // namespace cbsd::standalone

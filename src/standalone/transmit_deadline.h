@@ -37,6 +37,7 @@ int64_t lead_reference(int64_t wallSeconds, const int64_t* sasSeconds);
 // transmitExpireTime parses; any other text holds nothing.
 void hold_deadline_of_reply(const char* transmitExpireTime);
 
+// Neither holds nor drops while the deadline is fenced.
 void hold_transmit_deadline(int64_t deadlineMs);
 void drop_transmit_deadline();
 // Brings a held deadline forward to nowMs + withinMs at the latest; holds
@@ -47,6 +48,11 @@ int64_t transmit_deadline_ms_left(int64_t nowMs);
 // Waits at most timeoutMs (real time) for the deadline to be held, dropped
 // or moved; the transmit guard sleeps here, so it acts on a change at once.
 void wait_for_deadline_change(uint32_t timeoutMs);
+// Drops the deadline and refuses every hold until the fence is lifted: for a
+// worker that outlived its stop, and for the process's end.  A new worker's
+// start lifts it.
+void fence_transmit_deadline();
+void lift_transmit_deadline_fence();
 // True while a deadline is held and nowMs lies before it.
 bool transmit_deadline_held(int64_t nowMs);
 

@@ -116,6 +116,24 @@ inline bool wait_until(const std::function<bool()>& condition, double timeout_s 
     return condition();
 }
 
+// While alive, the system-log copies go to a logger that only exits: the
+// lab's stand-in starts Python for each one, which would dominate a test that
+// starts and stops workers by the hundred.
+class QuietLogger {
+public:
+    QuietLogger() : path_(getenv("PATH")) {
+        test::shell("mkdir -p /tmp/quiet-bin && printf '#!/bin/sh\\nexit 0\\n' > "
+                    "/tmp/quiet-bin/logger && chmod +x /tmp/quiet-bin/logger");
+        setenv("PATH", ("/tmp/quiet-bin:" + path_).c_str(), 1);
+    }
+    ~QuietLogger() { setenv("PATH", path_.c_str(), 1); }
+    QuietLogger(const QuietLogger&) = delete;
+    QuietLogger& operator=(const QuietLogger&) = delete;
+
+private:
+    std::string path_;
+};
+
 // One JSON command line to the simulator's control socket; the parsed answer
 // (caller frees) or nullptr.
 inline json_t* sim_call(const std::string& command) {

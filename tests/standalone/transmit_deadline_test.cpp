@@ -113,6 +113,24 @@ TEST(TransmitDeadline, WithoutAChangeTheWaitLastsItsTime) {
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(140));
 }
 
+// A worker that outlived its stop may still receive a success: once fenced,
+// neither its hold nor its drop changes anything, until a start lifts it.
+TEST(TransmitDeadline, AFenceRefusesEveryHoldUntilItIsLifted) {
+    hold_transmit_deadline(kReceived + 1000);
+    fence_transmit_deadline();
+    EXPECT_FALSE(transmit_deadline_held(kReceived));
+    hold_transmit_deadline(kReceived + 1000);
+    EXPECT_FALSE(transmit_deadline_held(kReceived));
+    drop_transmit_deadline();  // must not lift the fence
+    hold_transmit_deadline(kReceived + 1000);
+    EXPECT_FALSE(transmit_deadline_held(kReceived));
+    lift_transmit_deadline_fence();
+    EXPECT_FALSE(transmit_deadline_held(kReceived));
+    hold_transmit_deadline(kReceived + 1000);
+    EXPECT_TRUE(transmit_deadline_held(kReceived));
+    drop_transmit_deadline();
+}
+
 TEST(TransmitDeadline, MaximumLeadFromTheConfiguration) {
     ASSERT_TRUE(test::write_file(config::kSasConfigPath, "config sas 'config'\n"));
     EXPECT_EQ(max_transmit_lead_seconds(), 240u);

@@ -4,8 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include "standalone/transmit_deadline.h"
+
 #include <chrono>
+#include <fcntl.h>
 #include <string>
+#include <sys/file.h>
+#include <thread>
+#include <unistd.h>
 
 namespace cbsd::standalone {
 namespace {
@@ -88,6 +94,102 @@ TEST_F(WorkerControl, StopOfAnAuthorizedWorkerGivesTheGrantBack) {
     ASSERT_GE(seen.size(), 2u);
     EXPECT_EQ(std::vector<std::string>(seen.end() - 2, seen.end()),
               (std::vector<std::string>{"relinquishment", "deregistration"}));
+}
+
+// Holds /etc/config/sas under an exclusive lock, as another process's
+// commit would, so that the worker blocks on its next store access: a wait
+// that no exchange time-out ends.
+class StoreLockHolder {
+public:
+    StoreLockHolder() : fd_(open(config::kSasConfigPath, O_RDONLY | O_CLOEXEC)) {
+        if (fd_ >= 0) flock(fd_, LOCK_EX);
+    }
+    ~StoreLockHolder() { release(); }
+    void release() {
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_;
+};
+
+double seconds_since(std::chrono::steady_clock::time_point begin) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+// The stop gives up after its bound; the worker is fenced (a success can
+// hold no deadline), no other worker starts while it lives, its exchanges
+// end at once when it goes on, and a later start runs normally again.
+TEST_F(WorkerControl, StopThatRunsOutOfTimeLeavesAFencedWorkerAndNoSecondOne) {
+    test::sim_push("registration", R"({"delay":1})");
+    ASSERT_TRUE(start_standalone_worker());
+    ASSERT_TRUE(test::wait_until([] { return test::sim_endpoints().size() == 1; })) << log_text();
+    StoreLockHolder lock;  // the reply's "Registered" waits for this lock
+    auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(stop_standalone_worker(2));
+    EXPECT_GE(seconds_since(begin), 1.9);
+    EXPECT_LT(seconds_since(begin), 3.0);
+    EXPECT_TRUE(stopped_worker_still_ending());
+    EXPECT_EQ(live_standalone_workers(), 1u);
+    EXPECT_FALSE(collect_stopped_worker());
+    EXPECT_FALSE(start_standalone_worker());
+    EXPECT_EQ(live_standalone_workers(), 1u);
+    hold_transmit_deadline(base::monotonic_ms64() + 60000);
+    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64()));
+
+    lock.release();
+    begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(test::wait_until([] { return live_standalone_workers() == 0; }, 5));
+    EXPECT_LT(seconds_since(begin), 3.0);
+    // Registered when it went on: its deregistration was cut short at once.
+    EXPECT_EQ(status(), "Registered");
+    EXPECT_NE(log_text().find("[SAS] libcurl: (42)"), std::string::npos) << log_text();
+    EXPECT_NE(log_text().find("did not stop within 2 s"), std::string::npos);
+    EXPECT_TRUE(collect_stopped_worker());
+    EXPECT_FALSE(stopped_worker_still_ending());
+
+    test::sim_clear();
+    config::config_set(config::kSasConfigPath, "operation", "status", "Unregistered");
+    ASSERT_TRUE(start_standalone_worker());
+    ASSERT_TRUE(test::wait_until([] { return status() == "Authorized"; })) << log_text();
+    EXPECT_TRUE(transmit_deadline_held(base::monotonic_ms64()));
+}
+
+TEST_F(WorkerControl, NoWorkerStartsOnceTheProcessStopBegan) {
+    allow_worker_starts(false);
+    EXPECT_FALSE(start_standalone_worker());
+    EXPECT_EQ(live_standalone_workers(), 0u);
+    EXPECT_EQ(worker_running.load(), 0);
+    EXPECT_EQ(log_text().find("create standalone thread"), std::string::npos);
+    allow_worker_starts(true);
+    EXPECT_TRUE(start_standalone_worker());
+}
+
+// The process's stop may run on another thread while the main thread starts
+// a worker: either the start is refused, or the stop sees the worker and
+// ends it; a "running" stored after the stop's first clear never stands.
+TEST_F(WorkerControl, TheFinalStopOnAnotherThreadWinsOverAConcurrentStart) {
+    test::sim_set_default("registration", R"({"responseCode":200})");
+    // The worker's pass sleeps go by a hundred times faster: only the race counts.
+    base::set_clock({nullptr, nullptr, [](uint32_t ms) { usleep(ms * 10); }});
+    test::QuietLogger quiet;
+    for (int round = 0; round < 40; ++round) {
+        allow_worker_starts(true);
+        bool ended = false;
+        std::thread stopper([&ended, round] {
+            usleep(static_cast<useconds_t>(round % 8) * 250);
+            allow_worker_starts(false);
+            ended = stop_standalone_worker_within(3);
+        });
+        start_standalone_worker();
+        stopper.join();
+        ASSERT_TRUE(ended) << "round " << round << "\n" << log_text();
+        ASSERT_EQ(live_standalone_workers(), 0u) << "round " << round;
+        ASSERT_TRUE(stop_standalone_worker());  // joins what the final stop left
+    }
+    allow_worker_starts(true);
+    base::set_clock({});
 }
 
 }  // namespace

@@ -157,6 +157,32 @@ def test_recover_option_ignores_earlier_overrides(router, cbsd_bin):
     assert not r.exists("/tmp/cbsd_lock")  # runs without the lock
 
 
+def regular_files(r, *folders):
+    listed = r.run("find " + " ".join(folders) + " -xdev -type f 2>/dev/null").stdout.split()
+    return {path: r.read_file(path, binary=True) for path in listed}
+
+
+def test_recover_option_leaves_no_trace_of_an_earlier_serial_number(router, cbsd_bin):
+    configured = CONFIGURED.replace("\toption callSign 'CALL'\n",
+                                    "\toption callSign 'CALL'\n\toption serialNumber 'SN-LAB-7'\n")
+    r = router(sas_config=configured)
+    r.set_ip_forward("0")
+    r.run("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP", check=True)
+    before = regular_files(r, "/etc/config", "/tmp", "/root")
+    result = r.run_daemon("-S", "123", "-n")
+    assert result.returncode == 0
+    assert "123" not in result.stdout + result.stderr
+    # -n did its job: every gate open, no rule left, no daemon.
+    assert r.ip_forward() == ("1", "1")
+    assert not any("DROP" in rule for rule in r.iptables_rules())
+    assert not daemon_pids(r)
+    assert r.read_file("/etc/config/sas", binary=True) == before["/etc/config/sas"]
+    assert r.uci_get("config", "serialNumber") == "SN-LAB-7"
+    after = regular_files(r, "/etc/config", "/tmp", "/root")
+    written = {path: text for path, text in after.items() if before.get(path) != text}
+    assert not [path for path, text in written.items() if b"123" in text], written
+
+
 def test_debug_mode_stays_in_foreground_and_prints_given_overrides(router, cbsd_bin):
     r = router()
     r.start_daemon("-S", "SN-42", "-M", "30")

@@ -6,11 +6,13 @@ off traffic stays as it is.  After SIGKILL nothing runs; a restart with SAS on
 does not open traffic first, and closes what the killed daemon left open."""
 import signal
 import time
+from random import Random
 
 import pytest
 
 from test_standalone import (ONE_PASS, authorized, endpoints, gates_closed,  # noqa: F401
-                             gates_open, lab, pki_dir, start_disabled, start_enabled)
+                             gates_open, lab, pki_dir, sas_config, set_option, start_disabled,
+                             start_enabled)
 from test_standalone_flow import wait_status
 
 STOP_LIMIT = 10
@@ -117,3 +119,61 @@ def test_sigkill_then_restart(lab, state):
     while time.monotonic() < restarted + 2 * ONE_PASS:
         assert gates_closed(r)
         time.sleep(0.5)
+
+
+ENDPOINTS = ("registration", "spectrumInquiry", "grant", "heartbeat", "relinquishment",
+             "deregistration")
+
+
+# What the SAS does during one run of the random SIGTERM test.
+def sas_holds_one_exchange(sim, random):
+    sim.set_default(random.choice(["registration", "spectrumInquiry", "grant", "heartbeat"]),
+                    delay=25)
+
+
+def sas_holds_the_give_back(sim):
+    sim.set_default("relinquishment", delay=25)
+    sim.set_default("deregistration", delay=25)
+
+
+def one_random_stop(lab, random, run):
+    """Starts the daemon with SAS on, lets it run a random while (with a
+    configuration change that restarts the worker in some runs, a SAS that
+    holds an exchange or the give-back in others) and sends SIGTERM."""
+    r, sim = lab
+    sim.clear()
+    for endpoint in ENDPOINTS:
+        sim.set_default(endpoint, {})
+    fault = random.choice(["none", "none", "exchange", "give-back"])
+    if fault == "exchange":
+        sas_holds_one_exchange(sim, random)
+    elif fault == "give-back":
+        sas_holds_the_give_back(sim)
+    r.write_file("/etc/config/sas", sas_config(sim.url))
+    r.start_daemon()
+    assert r.wait_for_log("[SAS] create standalone thread[", 15), r.log_text()[-2000:]
+    restart = random.random() < 0.5
+    time.sleep(random.uniform(0, 5))
+    if restart:
+        set_option(r, "config", "callSign", f"CALL{run}")
+        time.sleep(random.uniform(0, 2))
+    mark = len(r.log_text())
+    status, took = terminate(r)
+    r.stop_daemon()  # forgets the ended process
+    return fault, restart, status, took, r.log_text()[mark:]
+
+
+def test_sigterm_at_random_moments_ends_within_10_s_with_the_gates_closed(lab):
+    r, sim = lab
+    random = Random(20261125)
+    longest = 0.0
+    for run in range(8):
+        fault, restart, status, took, log = one_random_stop(lab, random, run)
+        what = f"run {run}: {fault}, restart {restart}"
+        print(f"\nMEASURE SIGTERM at a random moment, {what} -> exit {status} after {took:.1f} s")
+        longest = max(longest, took)
+        assert status == 0, what
+        assert took < STOP_LIMIT, what
+        assert "[SAS] stop requested.\n" in log, what + "\n" + log
+        assert gates_closed(r), what
+    print(f"\nMEASURE SIGTERM at random moments: 8 runs, longest {longest:.1f} s")

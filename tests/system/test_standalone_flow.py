@@ -49,6 +49,22 @@ def test_inquiry_power_cap_reaches_grant_and_power_spectral_density(lab):
     assert r.uci_get("sasConfig", "powerSpectralDensity") == str(cap)
 
 
+def test_inquiry_without_max_eirp_keeps_the_configured_power(lab):
+    r, sim = lab
+    start_disabled(r)
+    configured = r.uci_get("sasConfig", "maxEirp")
+    assert configured, "the profile sets a maxEirp at start"
+    sim.push("spectrumInquiry", set={"availableChannel": [{
+        "frequencyRange": {"lowFrequency": 3550000000, "highFrequency": 3700000000},
+        "channelType": "GAA", "ruleApplied": "FCC_PART_96"}]})
+    enable(r)
+    assert wait_status(r, "Authorized", 30)
+    grant = sim.requests("grant")[0]["json"]["grantRequest"][0]
+    assert grant["operationParam"]["maxEirp"] == int(configured)
+    assert r.uci_get("sasConfig", "maxEirp") == configured
+    assert r.uci_get("sasConfig", "powerSpectralDensity") == configured
+
+
 def test_renewal_window_marks_grant_renew_and_heartbeat_asks_for_it(lab):
     r, sim = lab
     sim.push("grant", set={"grantExpireTime": relative(3600)})
