@@ -1,0 +1,62 @@
+"""Samples of a device's traffic gates and radio permission, taken by the
+simulator itself when it runs inside the virtual router: what the device
+looked like at the moment a request arrived, or in the seconds after a reply
+(a SAS answer that withdraws the grant).  Inside the router the simulator sees
+the router's forwarding switches, firewall and /etc/config/sas directly."""
+import re
+import subprocess
+import threading
+import time
+
+ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
+BRIDGE_DROPS = ("-o eth1.112+ -j DROP", "-o usb0.112+ -j DROP")
+SAS_CONFIG = "/etc/config/sas"
+_RADIO_ENABLE = re.compile(r"^\s*option\s+RadioEnable\s+'?([^'\s]*)'?\s*$", re.M)
+
+
+def _read(path):
+    try:
+        with open(path) as f:
+            return f.read()
+    except OSError:
+        return None
+
+
+def _listing(argv):
+    try:
+        done = subprocess.run(argv, capture_output=True, text=True, timeout=5)
+    except (OSError, subprocess.TimeoutExpired):
+        return None
+    return done.stdout if done.returncode == 0 else None
+
+
+def sample():
+    """{"time", "forwarding": [ipv4, ipv6], "icmp_drop", "bridge_drops",
+    "radio_enable", "closed"}; a listing that fails reads as not closed."""
+    forwarding = [(_read(p) or "?").strip() for p in
+                  ("/proc/sys/net/ipv4/ip_forward", "/proc/sys/net/ipv6/conf/all/forwarding")]
+    iptables = _listing(["iptables", "-S", "OUTPUT"])
+    ebtables = _listing(["ebtables", "-L", "BRIDGE_FORWARD"]) or ""
+    radio = _RADIO_ENABLE.search(_read(SAS_CONFIG) or "")
+    found = {
+        "time": time.time(), "forwarding": forwarding,
+        "icmp_drop": iptables is not None and ICMP_DROP in iptables.splitlines(),
+        "bridge_drops": all(rule in ebtables for rule in BRIDGE_DROPS),
+        "radio_enable": radio.group(1) if radio else None,
+    }
+    found["closed"] = (forwarding == ["0", "0"] and found["icmp_drop"] and found["bridge_drops"]
+                       and found["radio_enable"] == "0")
+    return found
+
+
+def watch(entry, seconds, period=0.05):
+    """Samples for `seconds` in the background into entry["gate_watch"]."""
+    entry["gate_watch"] = []
+
+    def run():
+        end = time.time() + float(seconds)
+        while time.time() < end:
+            entry["gate_watch"].append(sample())
+            time.sleep(period)
+
+    threading.Thread(target=run, daemon=True).start()
