@@ -38,6 +38,8 @@ def sample():
     iptables = _listing(["iptables", "-S", "OUTPUT"])
     ebtables = _listing(["ebtables", "-L", "BRIDGE_FORWARD"]) or ""
     radio = _RADIO_ENABLE.search(_read(SAS_CONFIG) or "")
+    # Stamped when the sample is complete: a gate that closed while it was
+    # taken then counts as closed no earlier than it could have been seen.
     found = {
         "time": time.time(), "forwarding": forwarding,
         "icmp_drop": iptables is not None and ICMP_DROP in iptables.splitlines(),
@@ -50,13 +52,15 @@ def sample():
 
 
 def watch(entry, seconds, period=0.05):
-    """Samples for `seconds` in the background into entry["gate_watch"]."""
-    entry["gate_watch"] = []
+    """Samples for `seconds` in the background into entry["gate_watch"];
+    entry["gate_watch_done"] turns true after the last one."""
+    entry["gate_watch"], entry["gate_watch_done"] = [], False
 
     def run():
         end = time.time() + float(seconds)
         while time.time() < end:
             entry["gate_watch"].append(sample())
             time.sleep(period)
+        entry["gate_watch_done"] = True
 
     threading.Thread(target=run, daemon=True).start()
