@@ -9,6 +9,7 @@
 #include "daemon/transmit_guard.h"
 #include "base/clock.h"
 #include "base/log.h"
+#include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
 #include "gating/authorization.h"
 #include "modem/modem.h"
@@ -74,6 +75,12 @@ void react_to_lte_link(const SupervisionState& state) {
     }
 }
 
+// The worker gives its grant back as it stops: not while transmitting.
+void stop_worker_after_closing() {
+    if (standalone::worker_running.load() != 0) gating::unauthorize_device(0);
+    standalone::stop_standalone_worker();
+}
+
 void enter_dp_mode() {
     base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
     gating::clear_cbsd_state();
@@ -94,7 +101,7 @@ bool react_to_sas_switch(SupervisionState& state) {
     if (current.sasEnable == state.previous.sasEnable) return false;
     if (!current.sasEnable) {
         base::notice_to_syslog("[SAS] sas disable.\n");
-        standalone::stop_standalone_worker();
+        stop_worker_after_closing();
         gating::clear_cbsd_state();
         gating::recover_network();
         return true;
@@ -128,14 +135,19 @@ void react_to_configuration_change(const SupervisionState& state) {
     restart_standalone_worker();
 }
 
+// In StandAlone mode the transmit deadline alone lets the gates be open.
+bool guarded(const SupervisionSnapshot& s) { return s.sasEnable && !s.dpEnable; }
+
 // In StandAlone mode RadioEnable "1" opens only with a transmit deadline
 // held: a stale "1" left in an unwritable store must not open the gates.
-bool may_open() { return transmit_allowed(base::monotonic_ms64()); }
+bool may_open(const SupervisionSnapshot& s) {
+    return !guarded(s) || standalone::transmit_deadline_held(base::monotonic_ms64());
+}
 
 void react_to_radio_switch(SupervisionState& state) {
     const SupervisionSnapshot& current = state.current;
     if (current.radioEnable == state.previous.radioEnable) return;
-    if (current.radioEnable && !may_open()) {
+    if (current.radioEnable && !may_open(current)) {
         base::notice("[SAS] RadioEnable=1 without a transmit deadline, traffic stays stopped.\n");
         gating::unauthorize_device(0);
     } else if (current.radioEnable) {
@@ -162,7 +174,7 @@ void react_to_power_change(const SupervisionState& state) {
 // The gate operations inspect the system first, so this repairs rules that
 // were changed behind the daemon's back.
 void reassert_traffic_state(const SupervisionSnapshot& current) {
-    if (!current.sasEnable || (current.radioEnable && may_open()))
+    if (!current.sasEnable || (current.radioEnable && may_open(current)))
         gating::authorize_device(0);
     else
         gating::unauthorize_device(0);
@@ -209,6 +221,44 @@ PassOutcome finish_changed_pass(SupervisionState& state) {
     return PassOutcome::Changed;
 }
 
+// The guard is disarmed as soon as a pass reads SAS off or DP mode, and armed
+// only at the end of a pass that reads StandAlone mode: the pass that enables
+// it closes the gates itself first, with its own log lines, so the guard
+// finds nothing to do.  Until then the loop's own openings obey the same
+// rule (may_open).
+PassOutcome react_to_fresh_snapshot(SupervisionState& state) {
+    // The pass asks the modem's getlteinfo once: the band, frequency and
+    // bandwidth readers below all take that reply.
+    modem::LteInfoScope lte_info_of_this_pass;
+    auto_enable();
+
+    ++state.pass;
+    std::memset(&state.current, 0, sizeof state.current);
+    load_snapshot(&state.current);
+    g_lastSasEnabled.store(state.current.sasEnable != 0);
+    if (!guarded(state.current)) arm_transmit_guard(false);
+    refresh_cell_frequency(state);
+
+    if (snapshots_equal(state.current, state.previous)) {
+        reassert_traffic_state(state.current);
+        return PassOutcome::Unchanged;
+    }
+
+    if (state.pass != 1) {
+        report_snapshot_changes(&state.previous, &state.current);
+        base::notice("\n[SAS] sas will run with lasted configuration.\n");
+        react_to_lte_link(state);
+    }
+
+    if (react_to_sas_switch(state) || !state.current.sasEnable) return finish_changed_pass(state);
+
+    react_to_mode_switch(state);
+    react_to_configuration_change(state);
+    react_to_radio_switch(state);
+    react_to_power_change(state);
+    return finish_changed_pass(state);
+}
+
 }  // namespace
 
 void report_snapshot_changes(const SupervisionSnapshot* previous, const SupervisionSnapshot* current) {
@@ -240,7 +290,7 @@ void report_snapshot_changes(const SupervisionSnapshot* previous, const Supervis
 }
 
 void restart_standalone_worker() {
-    standalone::stop_standalone_worker();
+    stop_worker_after_closing();
     base::sleep_seconds(1);
     gating::clear_cbsd_state();
     standalone::start_standalone_worker();
@@ -257,36 +307,9 @@ void init_supervision_state(SupervisionState& state) {
 PassOutcome run_supervision_pass(SupervisionState& state) {
     if (!config::sas_config_readable()) return keep_last_decision(state);
     note_readable_again(state);
-    // The pass asks the modem's getlteinfo once: the band, frequency and
-    // bandwidth readers below all take that reply.
-    modem::LteInfoScope lte_info_of_this_pass;
-    auto_enable();
-
-    ++state.pass;
-    std::memset(&state.current, 0, sizeof state.current);
-    load_snapshot(&state.current);
-    g_lastSasEnabled.store(state.current.sasEnable != 0);
-    arm_transmit_guard(state.current.sasEnable && !state.current.dpEnable);
-    refresh_cell_frequency(state);
-
-    if (snapshots_equal(state.current, state.previous)) {
-        reassert_traffic_state(state.current);
-        return PassOutcome::Unchanged;
-    }
-
-    if (state.pass != 1) {
-        report_snapshot_changes(&state.previous, &state.current);
-        base::notice("\n[SAS] sas will run with lasted configuration.\n");
-        react_to_lte_link(state);
-    }
-
-    if (react_to_sas_switch(state) || !state.current.sasEnable) return finish_changed_pass(state);
-
-    react_to_mode_switch(state);
-    react_to_configuration_change(state);
-    react_to_radio_switch(state);
-    react_to_power_change(state);
-    return finish_changed_pass(state);
+    PassOutcome outcome = react_to_fresh_snapshot(state);
+    arm_transmit_guard(guarded(state.current));
+    return outcome;
 }
 
 bool last_sas_enabled() { return g_lastSasEnabled.load(); }

@@ -13,7 +13,8 @@ namespace cbsd::daemon {
 
 namespace {
 
-// The guard's period bounds how late it closes after the deadline.
+// The guard looks at least this often; it also wakes at the deadline itself
+// and whenever the worker holds, moves or drops it.
 constexpr uint32_t kGuardPeriodMs = 1000;
 constexpr uint32_t kStopPollMs = 250;
 
@@ -27,13 +28,22 @@ void take_over_a_stuck_stop(void (*onStop)(), uint32_t stopGraceMs, uint32_t& st
     if (base::monotonic_ms() - stopSeenMs >= stopGraceMs) onStop();
 }
 
+// Until the next look: the period, or less when the deadline comes first.
+uint32_t next_look_ms(int64_t nowMs) {
+    uint32_t wait = stop_requested() ? kStopPollMs : kGuardPeriodMs;
+    int64_t left = standalone::transmit_deadline_ms_left(nowMs);
+    // A deadline already past was acted on by the look just made.
+    if (left > 0 && left < wait) wait = static_cast<uint32_t>(left) + 1;
+    return wait;
+}
+
 [[noreturn]] void guard_thread(void (*onStop)(), uint32_t stopGraceMs) {
     bool closed = false;
     uint32_t stopSeenMs = 0;
     for (;;) {
         run_guard_check(closed, base::monotonic_ms64());
         take_over_a_stuck_stop(onStop, stopGraceMs, stopSeenMs);
-        base::sleep_ms(stop_requested() ? kStopPollMs : kGuardPeriodMs);
+        standalone::wait_for_deadline_change(next_look_ms(base::monotonic_ms64()));
     }
 }
 

@@ -3,6 +3,7 @@
 #include "config/accessors.h"
 #include "config/uci_store.h"
 #include "base/cbsd_state.h"
+#include "base/gate_state.h"
 #include "base/log.h"
 #include "gating/gates.h"
 #include "modem/modem.h"
@@ -57,6 +58,7 @@ const char* reset_state_name() {
 }
 
 void open_all_gates() {
+    base::publish_gates_closed(false);
     set_ip_forward(true);
     set_firewall_icmp(true);
     set_bridge_forward(true);
@@ -77,6 +79,9 @@ void unauthorize_device(uint8_t announce) {
     GateHold hold(g_gateLock);
     close_all_gates();
     if (announce) base::notice_to_syslog("[SAS] device has been unauthorized.\n\n");
+    // After the announcement: the worker's relinquishment, which waits on
+    // this, is logged after it.
+    base::publish_gates_closed(true);
 }
 
 // Polls for the lock rather than taking it with a time-out: ThreadSanitizer
@@ -105,6 +110,7 @@ bool close_open_gates() {
         base::error("[SAS] gate switch still busy, closing the gates alongside it.\n");
     bool open = forwarding || is_firewall_icmp_open() || is_bridge_forward_open();
     if (open) close_all_gates();
+    base::publish_gates_closed(true);
     return open;
 }
 

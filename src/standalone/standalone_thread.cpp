@@ -4,6 +4,7 @@
 #include "config/device_record.h"
 #include "base/cbsd_state.h"
 #include "base/clock.h"
+#include "base/gate_state.h"
 #include "base/log.h"
 #include "base/settings.h"
 #include "base/text.h"
@@ -37,6 +38,11 @@ constexpr int32_t kNoMaxEirp = 2147483647;
 constexpr int32_t kTransmitGraceSeconds = 30;
 // The grant is renewed within its last two hours.
 constexpr int32_t kRenewalWindowOffset = -7200;
+// Once RadioEnable "0" is written, the supervision loop closes the gates;
+// this is its turn before the transmit guard closes them instead.
+constexpr uint32_t kLoopCloseTurnMs = 700;
+// A grant is given back once the gates are closed, or after this long.
+constexpr uint32_t kGatesClosedWaitMs = 3000;
 
 // The message records; later requests are built from the replies kept here.
 struct Records {
@@ -81,6 +87,8 @@ struct Worker {
     uint32_t refusals = 0;
     // The transmit time whose expiry was acted on, until the next success.
     char expiredTransmit[32] = {};
+    // The grant time whose expiry was acted on, should the store keep it.
+    char expiredGrant[32] = {};
     // Successes in a row whose transmit time was already past on arrival.
     uint32_t pastOnArrival = 0;
     // Decisions the store could not take, used until a write lands.
@@ -107,11 +115,24 @@ void write_transmit_time(Worker& w, const char* text) {
     write_or_hold(w.heldTransmit, set_transmit_expire_time, text);
 }
 
-// The deadline goes before the flag: whoever reads RadioEnable "0" may close
-// at once, and the gates must not outlive the authorisation either way.
+// RadioEnable "0" first: the loop reads it and closes the gates with its
+// usual log lines.  The deadline is brought forward to the end of the loop's
+// turn, so the guard closes them only when the loop could not; when the
+// store did not take the "0" nobody will read it, and the guard closes now.
 void withdraw_radio() {
-    drop_transmit_deadline();
-    config::set_radio_enable("0");
+    if (config::set_radio_enable("0") == 1)
+        end_transmission_within(base::monotonic_ms64(), kLoopCloseTurnMs);
+    else
+        drop_transmit_deadline();
+}
+
+// A device stops transmitting before it gives its grant back: relinquishment
+// and deregistration leave only once the gates are closed.  Not waited for
+// without end: a gate that cannot be closed must not keep the grant either.
+void cease_transmission() {
+    withdraw_radio();
+    if (!base::wait_until_gates_closed(kGatesClosedWaitMs))
+        base::notice("[SAS] traffic is not stopped yet, giving the grant back anyway.\n");
 }
 
 // A refusal that the procedure answers by starting over.  The first of a
@@ -134,10 +155,12 @@ void log_refusal(const char* exchange, int32_t code) {
 }
 
 void relinquish(Worker& w) {
+    cease_transmission();
     sas::relinquishment_request(w.serverUrl, w.cbsdId, w.grantId, w.records.relinquishment.get());
 }
 
 void deregister(Worker& w) {
+    cease_transmission();
     sas::deregistration_request(w.serverUrl, w.cbsdId, w.records.deregistration.get());
 }
 
@@ -162,17 +185,25 @@ void check_transmit_expiry(Worker& w) {
     }
 }
 
-void check_grant_expiry(Worker& w) {
+// True when the grant has expired: the pass then ends, since a heartbeat
+// on an expired grant could only be refused, or wrongly answered with an
+// authorisation the SAS no longer holds.  The next pass follows at once.
+bool check_grant_expiry(Worker& w) {
     get_grant_expire_time(w.timeText, sizeof w.timeText);
+    // One event per expired time, as for the transmit time: a store that
+    // cannot clear it must not end every pass here.
+    if (std::strcmp(w.timeText, w.expiredGrant) == 0) return false;
     if (is_time_expired(w.timeText, 0)) {
+        base::copy_text(w.expiredGrant, sizeof w.expiredGrant, w.timeText);
         base::notice_to_syslog("[SAS] grantExpireTime[%s] is expired.\n", w.timeText);
         write_status(w, base::kRegistered);
         withdraw_radio();
         set_grant_expire_time("");
         oper_timer_reset(&w.operTimer);
-    } else if (is_time_expired(w.timeText, kRenewalWindowOffset)) {
-        set_grant_renew("1");
+        return true;
     }
+    if (is_time_expired(w.timeText, kRenewalWindowOffset)) set_grant_renew("1");
+    return false;
 }
 
 // A change of LTE connectivity while waiting ends the wait.
@@ -234,7 +265,7 @@ bool inquire_spectrum(Worker& w) {
         return true;
     }
     log_refusal("SpectrumInquiry", reply->responseCode);
-    if (reply->responseCode == 105) {
+    if (reply->responseCode == sas::kDeregister) {
         deregister(w);
         write_status(w, base::kUnregistered);
         start_over_after_refusal(w);
@@ -270,15 +301,16 @@ void request_grant(Worker& w) {
             set_power_spectral_density(device->maxEirp);
             oper_timer_reset(&w.operTimer);
             return;
-        case 105:
+        case sas::kDeregister:
             log_refusal("Grant", reply->responseCode);
             deregister(w);
             write_status(w, base::kUnregistered);
             start_over_after_refusal(w);
             return;
-        case 401:
+        case sas::kGrantConflict:
             // The SAS names the conflicting grant; drop it and ask again at once.
             log_refusal("Grant", reply->responseCode);
+            cease_transmission();
             sas::relinquishment_request(w.serverUrl, w.cbsdId, reply->responseData,
                                         w.records.relinquishment.get());
             write_status(w, base::kRegistered);
@@ -350,16 +382,16 @@ void run_granted(Worker& w) {
         return;
     }
     log_refusal("Heartbeat", code);
-    if (code == 105) {
+    if (code == sas::kDeregister) {
         relinquish(w);
         deregister(w);
         write_status(w, base::kUnregistered);
         start_over_after_refusal(w);
-    } else if (code == 500 || code == 502) {
+    } else if (code == sas::kTerminatedGrant || code == sas::kUnsyncOpParam) {
         relinquish(w);
         write_status(w, base::kRegistered);
         start_over_after_refusal(w);
-    } else if (code == 501) {
+    } else if (code == sas::kSuspendedGrant) {
         oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
     } else {
         oper_timer_start(&w.operTimer, RESPONSE_ERROR);
@@ -380,32 +412,30 @@ void run_authorized(Worker& w) {
         return;
     }
     log_refusal("Heartbeat", code);
+    // Every refusal of an authorised heartbeat ends the authorisation: the
+    // SAS has withdrawn or suspended the grant (500, 501, 105) or the device
+    // is out of step with it.  Transmission stops at once, whatever the last
+    // transmitExpireTime allowed, and before anything is given back.
+    withdraw_radio();
     switch (code) {
-        case 105:
+        case sas::kDeregister:
             relinquish(w);
             deregister(w);
             write_status(w, base::kUnregistered);
             start_over_after_refusal(w);
             break;
-        case 500:
-            // RadioEnable stays as it is here; only 502 withdraws it.
+        case sas::kTerminatedGrant:
+        case sas::kUnsyncOpParam:
             relinquish(w);
             write_status(w, base::kRegistered);
             start_over_after_refusal(w);
             break;
-        case 501:
+        case sas::kSuspendedGrant:
             write_status(w, base::kGranted);
             oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
             break;
-        case 502:
-            relinquish(w);
-            withdraw_radio();
-            write_status(w, base::kRegistered);
-            start_over_after_refusal(w);
-            break;
         default:
             // Back to Granted; the GRANTED heartbeat is paced like any refusal.
-            withdraw_radio();
             write_status(w, base::kGranted);
             start_over_after_refusal(w);
             break;
@@ -443,7 +473,7 @@ bool run_pass(Worker& w) {
         return false;
     }
     check_transmit_expiry(w);
-    check_grant_expiry(w);
+    if (check_grant_expiry(w)) return true;
     if (base::settings().debug) print_timer_line(w.operTimer);
     if (oper_timer_waiting(&w.operTimer, base::monotonic_seconds())) {
         watch_connectivity(w);

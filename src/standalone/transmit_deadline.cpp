@@ -10,6 +10,9 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace cbsd::standalone {
 
@@ -19,6 +22,25 @@ constexpr int64_t kNoDeadline = INT64_MIN;
 constexpr long kLongestLeadSeconds = 86400;
 
 std::atomic<int64_t> g_deadlineMs{kNoDeadline};
+
+// Counts changes of the deadline for whoever waits on them; -1 when the
+// kernel gave none, and the waiter then sleeps its whole time out.
+int change_signal() {
+    static const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return fd;
+}
+
+void signal_change() {
+    uint64_t one = 1;
+    if (change_signal() >= 0 && write(change_signal(), &one, sizeof one) < 0) {
+        // The counter is full only when nobody waits: nothing to wake.
+    }
+}
+
+void store_deadline(int64_t deadlineMs) {
+    g_deadlineMs.store(deadlineMs);
+    signal_change();
+}
 
 }  // namespace
 
@@ -53,9 +75,42 @@ uint32_t max_transmit_lead_seconds() {
     return static_cast<uint32_t>(seconds);
 }
 
-void hold_transmit_deadline(int64_t deadlineMs) { g_deadlineMs.store(deadlineMs); }
+void hold_transmit_deadline(int64_t deadlineMs) { store_deadline(deadlineMs); }
 
-void drop_transmit_deadline() { g_deadlineMs.store(kNoDeadline); }
+void drop_transmit_deadline() { store_deadline(kNoDeadline); }
+
+void end_transmission_within(int64_t nowMs, uint32_t withinMs) {
+    int64_t latest = nowMs + withinMs;
+    int64_t held = g_deadlineMs.load();
+    // A drop by the stop in between must stay a drop.
+    while (held != kNoDeadline && held > latest) {
+        if (g_deadlineMs.compare_exchange_weak(held, latest)) {
+            signal_change();
+            return;
+        }
+    }
+}
+
+int64_t transmit_deadline_ms_left(int64_t nowMs) {
+    int64_t deadline = g_deadlineMs.load();
+    if (deadline == kNoDeadline) return -1;
+    return deadline > nowMs ? deadline - nowMs : 0;
+}
+
+void wait_for_deadline_change(uint32_t timeoutMs) {
+    int fd = change_signal();
+    if (fd < 0) {
+        usleep(timeoutMs * 1000u);
+        return;
+    }
+    pollfd waiting{fd, POLLIN, 0};
+    if (poll(&waiting, 1, static_cast<int>(timeoutMs)) > 0) {
+        uint64_t count = 0;
+        if (read(fd, &count, sizeof count) < 0) {
+            // Another waiter took it: the change was seen.
+        }
+    }
+}
 
 bool transmit_deadline_held(int64_t nowMs) {
     int64_t deadline = g_deadlineMs.load();

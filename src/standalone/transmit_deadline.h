@@ -10,8 +10,12 @@
 
 namespace cbsd::standalone {
 
-// Transmission may go on this long past transmitExpireTime.
-inline constexpr int64_t kTransmitGraceMs = 30000;
+// Transmission may go on this long past transmitExpireTime.  The worker
+// acts on an expired transmitExpireTime once it lies more than 30 s past,
+// looking every second, and writes RadioEnable "0", which the loop obeys;
+// the deadline lies a few seconds later, so that on the normal path the
+// worker's "0" closes the gates and the guard only backs it up.
+inline constexpr int64_t kTransmitGraceMs = 33000;
 // A transmitExpireTime further ahead than this counts only this far.
 inline constexpr uint32_t kDefaultMaxTransmitLeadSeconds = 240;
 
@@ -35,6 +39,14 @@ void hold_deadline_of_reply(const char* transmitExpireTime);
 
 void hold_transmit_deadline(int64_t deadlineMs);
 void drop_transmit_deadline();
+// Brings a held deadline forward to nowMs + withinMs at the latest; holds
+// nothing when nothing was held.
+void end_transmission_within(int64_t nowMs, uint32_t withinMs);
+// Milliseconds from nowMs to the held deadline, or -1 when none is held.
+int64_t transmit_deadline_ms_left(int64_t nowMs);
+// Waits at most timeoutMs (real time) for the deadline to be held, dropped
+// or moved; the transmit guard sleeps here, so it acts on a change at once.
+void wait_for_deadline_change(uint32_t timeoutMs);
 // True while a deadline is held and nowMs lies before it.
 bool transmit_deadline_held(int64_t nowMs);
 

@@ -117,6 +117,15 @@ def hide_firewall_tools(workdir):
           f"lowerdir=/usr/sbin,upperdir={upper},workdir={work}")
 
 
+def lay_openwrt_userland(usr):
+    """OpenWrt's own programs and libraries (ubusd, the `ubus` CLI, ucode)
+    laid over /usr, read-only, as `../shared/openwrt/enter` does; a private
+    /run holds ubusd's socket (/var/run/ubus/ubus.sock)."""
+    mount("overlay", "/usr", "overlay", 0, f"lowerdir={usr}:/usr")
+    mount("tmpfs", "/run", "tmpfs", 0, "mode=0755")
+    os.makedirs("/run/ubus", exist_ok=True)
+
+
 def build_router(workdir, setup):
     check(libc.unshare(CLONE_NEWNS | CLONE_NEWNET), "unshare")
     mount(None, "/", None, MS_REC | MS_PRIVATE, None)
@@ -124,6 +133,8 @@ def build_router(workdir, setup):
     os.makedirs(upper, exist_ok=True)
     os.makedirs(work, exist_ok=True)
     mount("overlay", "/etc", "overlay", 0, f"lowerdir=/etc,upperdir={upper},workdir={work}")
+    if setup.get("openwrt_usr"):
+        lay_openwrt_userland(setup["openwrt_usr"])
     if setup.get("hide_firewall_tools"):
         hide_firewall_tools(workdir)
     kept = open_kept_directories(setup.get("keep", []))

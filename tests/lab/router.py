@@ -16,7 +16,7 @@ import subprocess
 import tempfile
 import time
 
-from . import nft_view, uci
+from . import nft_view, openwrt_bus, uci
 
 LAB_DIR = os.path.dirname(os.path.abspath(__file__))
 STANDIN_DIR = os.path.join(LAB_DIR, "bin")
@@ -82,8 +82,14 @@ class VirtualRouter:
     """One virtual router; use it as a context manager (or call close())."""
 
     def __init__(self, interfaces=DEFAULT_INTERFACES, modem=None, tz="UTC0", sas_config=None,
-                 provision_certs=None, bridge_chain=True, cbsd_bin=None, flavour=None):
+                 provision_certs=None, bridge_chain=True, cbsd_bin=None, flavour=None,
+                 ubus=None):
         self.interfaces = tuple(interfaces)
+        self.ubus = ubus or os.environ.get("CBSD_LAB_UBUS") or "standin"
+        if self.ubus not in ("standin", "real"):
+            raise RouterError(f"unknown ubus {self.ubus!r}")
+        if self.ubus == "real" and not openwrt_bus.available():
+            raise RouterError("ubus='real' needs ../shared/openwrt")
         self.flavour = flavour or os.environ.get("CBSD_LAB_FLAVOUR") or "legacy"
         if self.flavour not in FLAVOURS:
             raise RouterError(f"unknown firewall flavour {self.flavour!r}")
@@ -101,6 +107,8 @@ class VirtualRouter:
                 self._link_nft_standins()
             self.write_file("/etc/TZ", tz + "\n")
             self._write_modem(dict(DEFAULT_MODEM) if modem is None else dict(modem))
+            if self.ubus == "real":
+                self._start_real_ubus()
             if sas_config is not None:
                 self.write_file(SAS_CONFIG, sas_config)
             if provision_certs is not None:
@@ -115,8 +123,10 @@ class VirtualRouter:
         keep = [REPO_DIR, os.path.dirname(self.cbsd_bin)]
         if os.environ.get("CBSD_BINARY_DIR"):
             keep.append(os.environ["CBSD_BINARY_DIR"])
+        usr = os.path.join(openwrt_bus.OPENWRT, "rootfs", "usr") if self.ubus == "real" else None
         setup = json.dumps({"interfaces": list(self.interfaces), "bridge_chain": bridge_chain,
-                            "keep": keep, "hide_firewall_tools": self.flavour == "nftables"})
+                            "keep": keep, "hide_firewall_tools": self.flavour == "nftables",
+                            "openwrt_usr": usr})
         # Own session: a Ctrl-C meant for pytest does not skip the tear-down.
         self._holder = subprocess.Popen(
             ["/usr/bin/python3", HOLDER, self._workdir, setup], stdin=subprocess.PIPE,
@@ -129,7 +139,20 @@ class VirtualRouter:
     def _link_nft_standins(self):
         os.makedirs(self.host_path(NFT_STANDIN_DIR), exist_ok=True)
         for name in NFT_STANDINS:
-            os.symlink(os.path.join(STANDIN_DIR, name), self.host_path(f"{NFT_STANDIN_DIR}/{name}"))
+            target = os.path.join(STANDIN_DIR, name)
+            if name == "ubus" and self.ubus == "real":
+                target = "/usr/bin/ubus"
+            os.symlink(target, self.host_path(f"{NFT_STANDIN_DIR}/{name}"))
+
+    def _start_real_ubus(self):
+        """OpenWrt's ubusd with the lab's ucode modem manager serving the modem
+        state; the real `ubus` CLI first on every PATH of the router."""
+        os.symlink("/usr/bin/ubus", self.host_path(f"{OVERRIDE_DIR}/ubus"))
+        self.spawn(["ubusd"])
+        self.spawn(["ucode", openwrt_bus.MODEM_MANAGER])
+        if self.modem_state().get("registered") is not False and not self.wait_for(
+                lambda: self.run("ubus -S list ubus_lte", timeout=10).returncode == 0, 10):
+            raise RouterError("the ucode modem manager did not register ubus_lte")
 
     def close(self):
         """Kills everything in the router; leaves no mount, process or file."""
@@ -299,8 +322,10 @@ class VirtualRouter:
     def set_modem(self, **fields):
         """Changes modem members (None removes one from the replies).  Special
         members: raw={method: bytes or text} prints exactly those bytes;
-        fail=True or [methods] makes `ubus` fail (fail_status, default 4);
-        hang=True or [methods] makes it never answer (see hung_pid("ubus"))."""
+        fail=True or [methods] makes those methods fail (fail_status, default 9);
+        hang=True or [methods] makes them never answer (see hung_pid("ubus"));
+        registered=False: no modem manager on the bus; ubusd=False: no bus at
+        all; cli="pre2022": the CLI's short error form (tests/lab/README.md)."""
         state = self.modem_state()
         for name, value in fields.items():
             if name == "raw" and value is not None:
@@ -453,6 +478,8 @@ class VirtualRouter:
 
     def restore_tool(self, name):
         self.remove_file(f"{OVERRIDE_DIR}/{name}")
+        if name == "ubus" and self.ubus == "real":
+            os.symlink("/usr/bin/ubus", self.host_path(f"{OVERRIDE_DIR}/ubus"))
 
 
 def _sh_quote(text):

@@ -5,6 +5,7 @@
 #include "standalone/standalone_thread.h"
 
 #include "base/clock.h"
+#include "base/gate_state.h"
 #include "config/uci_store.h"
 #include "standalone/worker_control.h"
 #include "thread_harness.h"
@@ -61,6 +62,8 @@ protected:
                                      test::sas_config_text(url_, "Unregistered")));
         PassGate::instance().reset(false);
         base::set_clock({nullptr, PassGate::now, [](uint32_t ms) { PassGate::sleep(ms / 1000); }});
+        // No gates here: they stand closed, so nothing given back waits.
+        base::publish_gates_closed(true);
     }
 
     void TearDown() override {

@@ -3,6 +3,7 @@
 #include "base/clock.h"
 #include "config/uci_store.h"
 #include "base/settings.h"
+#include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
 #include "standalone_fixture.h"
 #include "thread_harness.h"
@@ -204,7 +205,7 @@ protected:
     }
 };
 
-TEST_F(AuthorizedHeartbeat, Code500KeepsRadioEnableAndAsksForANewGrant) {
+TEST_F(AuthorizedHeartbeat, Code500AsksForANewGrant) {
     refuse_next_heartbeat(R"({"responseCode":500})");
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "relinquishment"}));
     ASSERT_TRUE(PassGate::instance().steps(4));
@@ -215,13 +216,16 @@ TEST_F(AuthorizedHeartbeat, Code500KeepsRadioEnableAndAsksForANewGrant) {
     EXPECT_TRUE(has(log_text(), "[SAS] Heartbeat unsuccessfully, responseCode:500("));
 }
 
-TEST_F(AuthorizedHeartbeat, Code500LeavesRadioEnableAsItWas) {
+// The SAS terminated the grant: transmission stops at once, whatever the
+// last transmitExpireTime allowed.
+TEST_F(AuthorizedHeartbeat, Code500WithdrawsRadioEnable) {
     authorize();
     sim_push("heartbeat", R"({"responseCode":500})");
     sim_push("grant", R"({"responseCode":400})");  // hold the thread in Registered
     ASSERT_TRUE(PassGate::instance().steps(60));
     EXPECT_EQ(stored("operation", "status"), "Registered");
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
 }
 
 TEST_F(AuthorizedHeartbeat, Code502WithdrawsRadioEnable) {
@@ -238,7 +242,9 @@ TEST_F(AuthorizedHeartbeat, Code501SuspendsToGrantedForOneMinute) {
     refuse_next_heartbeat(R"({"responseCode":501})");
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat"}));
     EXPECT_EQ(stored("operation", "status"), "Granted");
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+    // Suspended: no transmission until a heartbeat authorises it again.
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
     ASSERT_TRUE(PassGate::instance().steps(60));
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "heartbeat"}));
     EXPECT_TRUE(has(sim_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
@@ -262,6 +268,7 @@ TEST_F(AuthorizedHeartbeat, OtherCodeFallsBackToGrantedAndHeartbeatsAfterFiveSec
 TEST_F(AuthorizedHeartbeat, Code105RelinquishesDeregistersAndRegistersAgain) {
     refuse_next_heartbeat(R"({"responseCode":105})");
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "relinquishment", "deregistration"}));
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
     ASSERT_TRUE(PassGate::instance().steps(5));
     Endpoints seen = after_authorization();
     ASSERT_GE(seen.size(), 4u);
@@ -314,13 +321,15 @@ TEST_F(StandaloneThread, GrantExpiryActsInAnyState) {
     run_to_first_sleep();
     ASSERT_EQ(stored("operation", "status"), "Unregistered");
     store("sasConfig", "grantExpireTime", "2020-01-01T00:00:00Z");
+    size_t registrations = count_of(sim_endpoints(), "registration");
     ASSERT_TRUE(PassGate::instance().step());
     EXPECT_TRUE(has(log_text(), "[SAS] grantExpireTime[2020-01-01T00:00:00Z] is expired.\n"));
     EXPECT_EQ(stored("sasConfig", "grantExpireTime"), "");
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
-    // The pass still acted on the status it had read: it registered again,
-    // and the grant that followed was refused.
+    // The expiring pass sends nothing; the next one goes on from Registered
+    // at once, and the grant it asked for was refused.
     Endpoints seen = sim_endpoints();
+    EXPECT_EQ(count_of(seen, "registration"), registrations);
     EXPECT_EQ(seen.back(), "grant");
     EXPECT_EQ(stored("operation", "status"), "Registered");
 }
@@ -393,12 +402,15 @@ TEST_F(StandaloneThread, StopWhileGrantedRelinquishesThenDeregisters) {
     EXPECT_EQ(stored("operation", "status"), "Granted");  // the stop writes no state
 }
 
-TEST_F(StandaloneThread, StopWhileAuthorizedRelinquishesThenDeregisters) {
+// The stop gives the grant back only after RadioEnable "0": the radio does
+// not transmit on a grant the SAS no longer counts as held.
+TEST_F(StandaloneThread, StopWhileAuthorizedWithdrawsTheRadioThenRelinquishesAndDeregisters) {
     authorize();
     stop_thread();
     EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
                                           "relinquishment", "deregistration"}));
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
+    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64()));
 }
 
 TEST_F(StandaloneThread, DebugModePrintsTheTimerLineEveryPass) {

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
+#include <thread>
 #include <string>
 
 namespace cbsd::standalone {
@@ -16,16 +18,16 @@ constexpr int64_t kReceived = 5000000;  // monotonic ms at receipt
 
 TEST(TransmitDeadline, ReceiptPlusLeadPlusGrace) {
     EXPECT_EQ(transmit_deadline_from(kWall + 120, kWall, kReceived, 240),
-              kReceived + 120000 + 30000);
+              kReceived + 120000 + kTransmitGraceMs);
 }
 
 TEST(TransmitDeadline, LeadIsCapped) {
     EXPECT_EQ(transmit_deadline_from(kWall + 3600, kWall, kReceived, 240),
-              kReceived + 240000 + 30000);
+              kReceived + 240000 + kTransmitGraceMs);
 }
 
 TEST(TransmitDeadline, TimeAlreadyPastLeavesOnlyWhatRemainsOfTheGrace) {
-    EXPECT_EQ(transmit_deadline_from(kWall - 10, kWall, kReceived, 240), kReceived + 20000);
+    EXPECT_EQ(transmit_deadline_from(kWall - 10, kWall, kReceived, 240), kReceived + kTransmitGraceMs - 10000);
     EXPECT_LT(transmit_deadline_from(kWall - 3600, kWall, kReceived, 240), kReceived);
 }
 
@@ -34,8 +36,8 @@ TEST(TransmitDeadline, TimeAlreadyPastLeavesOnlyWhatRemainsOfTheGrace) {
 TEST(TransmitDeadline, FarFutureAndPast2038StayInRange) {
     int64_t after2038 = int64_t{2222121600};
     EXPECT_EQ(transmit_deadline_from(after2038 + 60, after2038, kReceived, 240),
-              kReceived + 90000);
-    EXPECT_EQ(transmit_deadline_from(after2038, 0, kReceived, 240), kReceived + 270000);
+              kReceived + 60000 + kTransmitGraceMs);
+    EXPECT_EQ(transmit_deadline_from(after2038, 0, kReceived, 240), kReceived + 240000 + kTransmitGraceMs);
 }
 
 TEST(TransmitDeadline, LeadIsMeasuredFromTheLaterOfTheTwoClocks) {
@@ -52,9 +54,9 @@ TEST(TransmitDeadline, AWallClockBehindTheSasDoesNotLengthenTheLead) {
     int64_t sas = kWall;
     int64_t behind = kWall - 3600;
     EXPECT_EQ(transmit_deadline_from(kWall + 20, lead_reference(behind, &sas), kReceived, 240),
-              kReceived + 20000 + 30000);
+              kReceived + 20000 + kTransmitGraceMs);
     EXPECT_EQ(transmit_deadline_from(kWall + 20, lead_reference(behind, nullptr), kReceived, 240),
-              kReceived + 240000 + 30000);
+              kReceived + 240000 + kTransmitGraceMs);
 }
 
 TEST(TransmitDeadline, HeldUntilItPassesAndDroppedAtOnce) {
@@ -67,6 +69,48 @@ TEST(TransmitDeadline, HeldUntilItPassesAndDroppedAtOnce) {
     hold_transmit_deadline(kReceived + 1000);
     drop_transmit_deadline();
     EXPECT_FALSE(transmit_deadline_held(kReceived));
+}
+
+// The worker's own check (more than 30 s past transmitExpireTime, every
+// second) comes first on the normal path; the deadline only backs it up.
+TEST(TransmitDeadline, GraceLeavesTheWorkersExpiryCheckItsTurn) {
+    EXPECT_GE(kTransmitGraceMs, 32000);
+    EXPECT_LE(kTransmitGraceMs, 40000);  // far inside the minute past expiry
+}
+
+TEST(TransmitDeadline, EndingWithinBringsTheDeadlineForwardOnly) {
+    hold_transmit_deadline(kReceived + 60000);
+    end_transmission_within(kReceived, 700);
+    EXPECT_EQ(transmit_deadline_ms_left(kReceived), 700);
+    end_transmission_within(kReceived, 5000);  // never later again
+    EXPECT_EQ(transmit_deadline_ms_left(kReceived), 700);
+    EXPECT_EQ(transmit_deadline_ms_left(kReceived + 900), 0);
+    drop_transmit_deadline();
+    end_transmission_within(kReceived, 700);  // nothing held: nothing to end
+    EXPECT_EQ(transmit_deadline_ms_left(kReceived), -1);
+}
+
+// The guard sleeps on the change: a drop wakes it at once, not a period later.
+TEST(TransmitDeadline, AChangeWakesTheWaiterAtOnce) {
+    hold_transmit_deadline(kReceived + 60000);
+    wait_for_deadline_change(0);  // take the change just made
+    auto started = std::chrono::steady_clock::now();
+    std::thread dropper([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        drop_transmit_deadline();
+    });
+    wait_for_deadline_change(5000);
+    auto waited = std::chrono::steady_clock::now() - started;
+    dropper.join();
+    EXPECT_GE(waited, std::chrono::milliseconds(90));
+    EXPECT_LT(waited, std::chrono::milliseconds(2000));
+}
+
+TEST(TransmitDeadline, WithoutAChangeTheWaitLastsItsTime) {
+    wait_for_deadline_change(0);
+    auto started = std::chrono::steady_clock::now();
+    wait_for_deadline_change(150);
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(140));
 }
 
 TEST(TransmitDeadline, MaximumLeadFromTheConfiguration) {

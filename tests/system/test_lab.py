@@ -134,15 +134,16 @@ def test_router_without_bridge_chain(router):
 
 # ----- ubus stand-in ----------------------------------------------------------
 
-def test_ubus_prints_one_member_per_line_with_commas(router):
-    r = router(modem={"productmodule": "RG500Q-NA", "SN": "SN42", "netstat": 4,
-                      "dlfreq": 3625000, "bandwidth": 20, "band": 48})
+def test_ubus_prints_members_as_the_real_cli_does(router):
+    r = router(modem={"productmodule": "QX7710-NA", "SN": "SN42", "netstat": 4,
+                      "dlfreq": 3625000, "bandwidth": 20, "band": 48, "sinr": 18.5})
     assert r.run("ubus call  ubus_lte getproductinfo").stdout == \
-        '{\n\t"productmodule": "RG500Q-NA",\n\t"SN": "SN42",\n}\n'
-    assert r.run("ubus call ubus_lte getltestatus").stdout == '{\n\t"netstat": 4,\n}\n'
+        '{\n\t"productmodule": "QX7710-NA",\n\t"SN": "SN42"\n}\n'
+    assert r.run("ubus call ubus_lte getltestatus").stdout == '{\n\t"netstat": 4\n}\n'
     assert r.run("ubus call ubus_lte getlteinfo").stdout == \
-        '{\n\t"dlfreq": 3625000,\n\t"bandwidth": 20,\n\t"band": 48,\n}\n'
+        '{\n\t"dlfreq": 3625000,\n\t"bandwidth": 20,\n\t"band": 48,\n\t"sinr": 18.500000\n}\n'
     assert r.run("ubus call ubus_lte getlteinfo | grep -w band").stdout == '\t"band": 48,\n'
+    assert r.run("ubus -S call ubus_lte getltestatus").stdout == '{"netstat":4}\n'
 
 
 def test_ubus_default_modem_is_an_attached_band_48_device(router):
@@ -156,7 +157,8 @@ def test_ubus_default_modem_is_an_attached_band_48_device(router):
 def test_ubus_follows_modem_edits_while_running(router):
     r = router()
     r.set_modem(netstat=2, bandwidth=10, SN=None)
-    assert r.run("ubus call ubus_lte getltestatus | grep netstat").stdout == '\t"netstat": 2,\n'
+    # The status's only member is its last: no comma.
+    assert r.run("ubus call ubus_lte getltestatus | grep netstat").stdout == '\t"netstat": 2\n'
     assert r.run("ubus call ubus_lte getlteinfo | grep bandwidth").stdout == \
         '\t"bandwidth": 10,\n'
     assert r.run("ubus call ubus_lte getproductinfo | grep SN").stdout == ""
@@ -178,13 +180,40 @@ def test_ubus_can_fail(router):
     r = router()
     r.set_modem(fail=["getlteinfo"])
     failed = r.run("ubus call ubus_lte getlteinfo")
-    assert failed.returncode == 4 and failed.stdout == ""
+    assert (failed.returncode, failed.stdout, failed.stderr) == \
+        (247, "", "Command failed: ubus call ubus_lte getlteinfo (Unknown error)\n")
     assert r.run("ubus call ubus_lte getltestatus").returncode == 0
-    r.set_modem(fail=True, fail_status=7)
-    assert r.run("ubus call ubus_lte getproductinfo").returncode == 7
-    r.set_modem(fail=None)
+    r.set_modem(fail=True, fail_status=5)
+    assert r.run("ubus call ubus_lte getproductinfo").returncode == 251
+    r.set_modem(cli="pre2022")
+    failed = r.run("ubus call ubus_lte getproductinfo")
+    assert (failed.returncode, failed.stderr) == (5, "Command failed: No response\n")
+    r.set_modem(fail=None, cli=None)
     assert r.run("ubus call ubus_lte getproductinfo").returncode == 0
-    assert r.run("ubus call ubus_lte nosuchmethod").returncode == 4
+    assert r.run("ubus call ubus_lte nosuchmethod").returncode == 253
+
+
+def test_ubus_models_a_modem_manager_that_is_away(router):
+    r = router()
+    r.set_modem(registered=False)
+    away = r.run("ubus call ubus_lte getlteinfo")
+    assert (away.returncode, away.stdout, away.stderr) == (4, "", "Command failed: Not found\n")
+    r.set_modem(registered=None, ubusd=False)
+    away = r.run("ubus call ubus_lte getlteinfo")
+    assert (away.returncode, away.stdout, away.stderr) == (255, "", "Failed to connect to ubus\n")
+    r.set_modem(ubusd=None, nodata=["getlteinfo"])
+    quiet = r.run("ubus call ubus_lte getlteinfo")
+    assert (quiet.returncode, quiet.stdout, quiet.stderr) == (0, "", "")
+
+
+def test_ubus_times_out_as_told(router):
+    r = router()
+    r.set_modem(hang=True)
+    started = time.monotonic()
+    late = r.run("ubus -t 1 call ubus_lte getltestatus")
+    assert 1 <= time.monotonic() - started < 2.5
+    assert (late.returncode, late.stderr) == \
+        (249, "Command failed: ubus call ubus_lte getltestatus (Request timed out)\n")
 
 
 # ----- logger, TZ, files --------------------------------------------------------
@@ -271,7 +300,8 @@ def test_two_routers_are_independent(router):
     a.set_modem(band=5)
     assert b.ip_forward() == ("0", "0")
     assert b.ebtables_rules() == []
-    assert b.run("ubus call ubus_lte getlteinfo | grep -w band").stdout == '\t"band": 48,\n'
+    # The default modem's band is its cell's last member: no comma, as the real CLI prints it.
+    assert b.run("ubus call ubus_lte getlteinfo | grep -w band").stdout == '\t"band": 48\n'
     assert sorted(b.links()) == ["lo", "usb0.112"]
 
 

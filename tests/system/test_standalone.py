@@ -9,6 +9,7 @@ import os
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 import pytest
@@ -18,7 +19,7 @@ sys.path.insert(0, os.path.join(TESTS_DIR, "sas_sim"))
 
 import pki  # noqa: E402
 from client import SasSim, relative  # noqa: E402
-from fail_closed import FailClosedSampler, StandAloneAuthority  # noqa: E402
+from fail_closed import FailClosedSampler, StandAloneAuthority, open_gates  # noqa: E402
 from lab import device_config  # noqa: E402
 
 ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
@@ -143,6 +144,10 @@ def test_enable_registers_grants_authorizes_and_opens_gates(lab):
     r, sim = lab
     seconds = authorized(lab)
     print(f"\nMEASURE enable -> all gates open: {seconds:.1f} s")
+    # The enabling pass closes the gates itself before it arms the guard.
+    log = r.log_text()
+    assert "no valid transmit authorization" not in log
+    assert log.index("[SAS] device has been unauthorized.\n", log.index("[SAS] sas enable.\n"))
     assert endpoints(sim)[:4] == ["registration", "spectrumInquiry", "grant", "heartbeat"]
     first = sim.requests()[:3]
     # Registration, inquiry and grant follow each other without waiting.
@@ -191,13 +196,44 @@ def test_transmit_expiry_closes_gates(lab):
     assert r.wait_for(lambda: gates_closed(r), ONE_PASS + 2)
 
 
+class StopSamples:
+    """Samples the gates and RadioEnable from outside while the grant is given
+    back, to tell whether each request left while the device transmitted."""
+
+    def __init__(self, r):
+        self.r, self.samples, self._stop = r, [], threading.Event()
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        while not self._stop.is_set():
+            stopped = not open_gates(self.r) and self.r.uci_get("sasConfig", "RadioEnable") == "0"
+            self.samples.append((time.time(), stopped))
+            time.sleep(0.05)
+
+    def stopped_before(self, moment, since):
+        """True when a sample between `since` and `moment` saw the gates
+        closed and "0" written (they stay so until the grant is back)."""
+        self._stop.set()
+        self._thread.join()
+        return any(stopped for at, stopped in self.samples if since <= at < moment)
+
+
+def assert_given_back_after_stopping(sim, samples, since):
+    for request in sim.requests()[-2:]:
+        assert request["endpoint"] in ("relinquishment", "deregistration")
+        assert samples.stopped_before(request["time"], since), (request["endpoint"], samples.samples)
+
+
 def test_disable_relinquishes_deregisters_and_recovers_network(lab):
     r, sim = lab
     authorized(lab)
     mark = len(r.log_text())
+    samples, since = StopSamples(r), time.time()
     disable(r)
     assert r.wait_for(lambda: "[SAS] sas disable.\n" in r.log_text()[mark:], ONE_PASS + 2)
     assert r.wait_for(lambda: endpoints(sim)[-2:] == ["relinquishment", "deregistration"], 10)
+    assert_given_back_after_stopping(sim, samples, since)
     # The loop clears the state after joining the worker, then recovers the network.
     assert r.wait_for(lambda: r.uci_get("operation", "status") == "Unregistered", 5)
     assert r.wait_for(lambda: gates_open(r), 5)
@@ -208,8 +244,13 @@ def test_configuration_change_restarts_worker(lab):
     r, sim = lab
     authorized(lab)
     registrations = len(sim.requests("registration"))
+    samples, since = StopSamples(r), time.time()
     set_option(r, "config", "callSign", "CALL2")
     assert r.wait_for_log("[SAS] sas configuration is changed.\n", ONE_PASS + 2)
+    assert r.wait_for(lambda: len(sim.requests("deregistration")) > 0, 15)
+    given_back = [q for q in sim.requests() if q["endpoint"] in ("relinquishment", "deregistration")]
+    for request in given_back:
+        assert samples.stopped_before(request["time"], since), (request["endpoint"], samples.samples)
     assert r.wait_for(lambda: len(sim.requests("registration")) > registrations, 15)
     seen = endpoints(sim)
     restart = seen.index("registration", 1)
