@@ -4,6 +4,7 @@ looked like at the moment a request arrived, or in the seconds after a reply
 (a SAS answer that withdraws the grant).  Inside the router the simulator sees
 the router's forwarding switches, firewall and /etc/config/sas directly."""
 import re
+import shutil
 import subprocess
 import threading
 import time
@@ -22,26 +23,42 @@ def _read(path):
         return None
 
 
-def _listing(argv):
+# The nf_tables ebtables itself: the lab's router-format wrapper around it
+# takes several times longer, and a sample must be quick.
+EBTABLES = shutil.which("ebtables-nft") or "ebtables"
+
+
+def _listings(*commands):
+    """Runs the listings at once; the text of each, None for one that failed."""
     try:
-        done = subprocess.run(argv, capture_output=True, text=True, timeout=5)
-    except (OSError, subprocess.TimeoutExpired):
-        return None
-    return done.stdout if done.returncode == 0 else None
+        running = [subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                    text=True) for argv in commands]
+    except OSError:
+        return [None] * len(commands)
+    texts = []
+    for process in running:
+        try:
+            out, _ = process.communicate(timeout=5)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            out = None
+        texts.append(out if process.returncode == 0 else None)
+    return texts
 
 
 def sample():
-    """{"time", "forwarding": [ipv4, ipv6], "icmp_drop", "bridge_drops",
+    """{"started", "time", "forwarding": [ipv4, ipv6], "icmp_drop", "bridge_drops",
     "radio_enable", "closed"}; a listing that fails reads as not closed."""
+    started = time.time()
     forwarding = [(_read(p) or "?").strip() for p in
                   ("/proc/sys/net/ipv4/ip_forward", "/proc/sys/net/ipv6/conf/all/forwarding")]
-    iptables = _listing(["iptables", "-S", "OUTPUT"])
-    ebtables = _listing(["ebtables", "-L", "BRIDGE_FORWARD"]) or ""
+    iptables, ebtables = _listings(["iptables", "-S", "OUTPUT"], [EBTABLES, "-L", "BRIDGE_FORWARD"])
+    ebtables = ebtables or ""
     radio = _RADIO_ENABLE.search(_read(SAS_CONFIG) or "")
     # Stamped when the sample is complete: a gate that closed while it was
     # taken then counts as closed no earlier than it could have been seen.
     found = {
-        "time": time.time(), "forwarding": forwarding,
+        "started": started, "time": time.time(), "forwarding": forwarding,
         "icmp_drop": iptables is not None and ICMP_DROP in iptables.splitlines(),
         "bridge_drops": all(rule in ebtables for rule in BRIDGE_DROPS),
         "radio_enable": radio.group(1) if radio else None,
