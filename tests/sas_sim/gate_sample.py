@@ -28,21 +28,27 @@ def _read(path):
 EBTABLES = shutil.which("ebtables-nft") or "ebtables"
 
 
-def _listings(*commands):
-    """Runs the listings at once; the text of each, None for one that failed."""
+def _listings(*commands, attempts=3):
+    """Runs the listings at once; the text of each, None for one that failed.
+    nf_tables refuses a listing that races with a rule change: such a listing
+    is taken again, a few times, before it counts as failed."""
     try:
         running = [subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                                     text=True) for argv in commands]
     except OSError:
         return [None] * len(commands)
     texts = []
-    for process in running:
+    for argv, process in zip(commands, running):
         try:
             out, _ = process.communicate(timeout=5)
         except subprocess.TimeoutExpired:
             process.kill()
             out = None
-        texts.append(out if process.returncode == 0 else None)
+        if process.returncode != 0 and attempts > 1:
+            out = _listings(argv, attempts=attempts - 1)[0]
+        elif process.returncode != 0:
+            out = None
+        texts.append(out)
     return texts
 
 
@@ -68,7 +74,7 @@ def sample():
     return found
 
 
-def watch(entry, seconds, period=0.05):
+def watch(entry, seconds, period=0.1):
     """Samples for `seconds` in the background into entry["gate_watch"];
     entry["gate_watch_done"] turns true after the last one."""
     entry["gate_watch"], entry["gate_watch_done"] = [], False

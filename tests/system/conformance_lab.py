@@ -5,7 +5,7 @@ outside the daemon.
 The simulator runs in the router's own namespaces, so it records the gates
 (forwarding, the ICMP drop, the bridge drops) and sasConfig.RadioEnable itself
 the moment a relinquishment or a deregistration arrives, and, for a scripted
-answer that withdraws the grant, every 50 ms for a few seconds after it sent
+answer that withdraws the grant, every 0.1 s or so for a few seconds after it sent
 that answer (tests/sas_sim/gate_sample.py).  The fail-closed sampler
 (fail_closed.py) watches every case as well."""
 import fcntl
@@ -30,7 +30,7 @@ TRANSMIT_LEAD = 20
 # A withdrawn grant: every gate closed and RadioEnable "0" within this of the answer.
 WITHDRAWAL_LIMIT = 1.0
 # How long the simulator samples the gates after such an answer.
-WATCH_SECONDS = 3
+WATCH_SECONDS = 5
 SAMPLED = "relinquishment,deregistration"
 
 
@@ -163,8 +163,24 @@ def closed_after_answer(answered):
         f"the simulator's {len(samples)} samples end too soon"
     for index, sample in enumerate(samples):
         if all(later["closed"] for later in samples[index:]):
+            # The sample's end: the gates may have closed while it was taken.
             return sample["time"] - answered["replied"]
     return None
+
+
+def closing_steps(answered):
+    """(seconds after the answer, what changed) for each change the simulator
+    saw: when RadioEnable, forwarding, the ICMP drop and the bridge drops went."""
+    steps, previous = [], None
+    for sample in answered.get("gate_watch") or []:
+        state = (sample["radio_enable"], "".join(sample["forwarding"]), sample["icmp_drop"],
+                 sample["bridge_drops"])
+        if state != previous:
+            steps.append((round(sample["time"] - answered["replied"], 2),
+                          dict(zip(("RadioEnable", "forwarding", "icmp_drop", "bridge_drops"),
+                                   state))))
+            previous = state
+    return steps
 
 
 def gates_when_asked(case, endpoint):
