@@ -2,6 +2,9 @@
 // in the daemon starts a process, runs a shell or detaches itself.  Every start has a
 // time limit: a command still running when it runs out is killed with its
 // whole process group, counts as failed and is logged once at level 3.
+// A child's standard error never reaches the daemon's: it goes to a pipe, and
+// a tool that fails with a message there is logged once when it starts
+// failing and once when it works again (base/failure_streaks.h).
 #pragma once
 
 #include "base/output_sink.h"

@@ -28,7 +28,8 @@ bool is_catch_all_profile(const DeviceProfile& profile);
 // Both start at 0, which is neither value, so the first pass always logs.
 struct AutoEnableState {
     uint8_t lastAuto = 0;  // 1 On, 2 Off
-    uint8_t lastBand = 0;  // 1 in Band 48, 2 not, 3 unknown (the query failed)
+    uint8_t lastBand = 0;  // 1 in Band 48, 2 not: the last band the modem told
+    uint8_t bandUnknown = 0;  // 1 while band queries fail (logged once per streak)
 };
 
 }  // namespace cbsd::config

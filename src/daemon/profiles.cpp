@@ -7,6 +7,8 @@
 #include "base/files.h"
 #include "base/settings.h"
 #include "base/system.h"
+#include "daemon/modem_wait.h"
+#include "daemon/signals.h"
 #include "modem/modem.h"
 
 #include <cstdio>
@@ -37,7 +39,6 @@ constexpr uint8_t kAutoOn = 1;
 constexpr uint8_t kAutoOff = 2;
 constexpr uint8_t kInBand48 = 1;
 constexpr uint8_t kNotInBand48 = 2;
-constexpr uint8_t kBandUnknown = 3;
 constexpr int kBandQueryFailed = -1;
 
 AutoEnableState process_auto_state;
@@ -59,13 +60,14 @@ void set_and_log(config::UciName name, const char* value, const char* format) {
     base::notice(format, value);
 }
 
-void write_serial_number() {
+void write_serial_number(const modem::ProductInfo& product) {
     char serial[256] = {};
     const char* override_sn = base::settings().sn;
     if (has_override(override_sn)) {
         copy_at_most(serial, sizeof serial, override_sn, 128);
     } else {
-        modem::get_serial_number(serial, sizeof serial - 1);
+        static_assert(sizeof serial == sizeof product.serial);
+        std::memcpy(serial, product.serial, sizeof serial);  // terminated by the query
         if (serial[0] == '\0') base::notice_to_syslog("[SAS] failed to get SN.");
     }
     set_and_log(config::schema::kSerialNumber, serial, "[SAS] set default SN: %s\n");
@@ -137,18 +139,16 @@ int check_first_run() {
     return 1;
 }
 
-void apply_profile_defaults() {
-    char model[32] = {};
-    modem::get_product_model(model, sizeof model - 1);
-    base::notice("[SAS] CPE Product Model: %s\n", model);
+void apply_profile_defaults(const modem::ProductInfo& product) {
+    base::notice("[SAS] CPE Product Model: %s\n", product.model);
 
-    const DeviceProfile& row = find_device_profile(model);
+    const DeviceProfile& row = find_device_profile(product.model);
     if (is_catch_all_profile(row)) base::notice_to_syslog("[SAS] this product model does not support SAS.\n");
 
     bool first_run = check_first_run() == 1;
     const base::ProcessSettings& overrides = base::settings();
 
-    write_serial_number();
+    write_serial_number(product);
     write_overridable(config::schema::kFccId, overrides.fccId, 128, row.fccId, sizeof row.fccId - 1,
                       "[SAS] set default fccId: %s\n");
     write_overridable(config::schema::kCbsdCategory, overrides.category, 4, row.cbsdCategory,
@@ -174,6 +174,14 @@ void apply_profile_defaults() {
     migrate_operation_options();
 }
 
+bool apply_profile_defaults(void (*while_waiting)()) {
+    modem::ProductInfo product{};
+    if (!wait_for_product_info(product, ModemWaitHooks{stop_requested, while_waiting}))
+        return false;
+    apply_profile_defaults(product);
+    return true;
+}
+
 void auto_enable(AutoEnableState& state) {
     char value[8] = {};
     if (!config::config_get(config::kSasConfigPath, config::schema::kAuto, value, sizeof value - 1))
@@ -193,14 +201,16 @@ void auto_enable(AutoEnableState& state) {
 
     int queried = modem::get_band();
     // A failed query says nothing about the band: enableMode keeps what the
-    // last answer decided, so a modem hiccup never switches SAS off.
+    // last answer decided, so a modem hiccup never switches SAS off, and the
+    // same band told again afterwards is no news.
     if (queried == kBandQueryFailed) {
-        if (state.lastBand != kBandUnknown) {
+        if (!state.bandUnknown) {
             base::notice("[SAS] LTE band unknown, SAS stays as it was.\n");
-            state.lastBand = kBandUnknown;
+            state.bandUnknown = 1;
         }
         return;
     }
+    state.bandUnknown = 0;
     char band[8] = {};
     std::snprintf(band, sizeof band, "%d", queried);
     // enableMode is written on every pass while auto is on, not only on a change.

@@ -54,6 +54,12 @@ void load_snapshot(SupervisionSnapshot* record) {
 
     std::snprintf(s.frequency, sizeof s.frequency, "%d", modem::get_dl_frequency());
     std::snprintf(s.bandwidth, sizeof s.bandwidth, "%d", modem::get_bandwidth());
+    // A refused query says nothing about the cell: both stay empty, and the
+    // pass keeps the cell it knew (refresh_cell_frequency).
+    if (modem::lte_info_refused()) {
+        std::memset(s.frequency, 0, sizeof s.frequency);
+        std::memset(s.bandwidth, 0, sizeof s.bandwidth);
+    }
 }
 
 bool snapshots_equal(const SupervisionSnapshot& a, const SupervisionSnapshot& b) {

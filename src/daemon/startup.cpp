@@ -121,6 +121,17 @@ void shut_down_for_blocked_loop() {
     shut_down(last_sas_enabled(), kWorkerStopSecondsForBlockedLoop);
 }
 
+// While start-up waits for the modem manager no loop runs and no worker
+// exists, so nothing opens a gate.  With SAS enabled (or an unreadable
+// configuration) each unanswered query re-asserts them closed: SAS switched
+// on meanwhile, or a rule removed behind the daemon's back, meets closed
+// gates within one query.  Without SAS traffic stays as start-up left it.
+void hold_traffic_while_waiting() {
+    bool closed = !config::sas_config_readable() || config::is_sas_enabled();
+    set_last_sas_enabled(closed);  // what a stop during the wait must close
+    if (closed) gating::unauthorize_device(0);
+}
+
 }  // namespace
 
 int run_daemon() {
@@ -141,10 +152,13 @@ int run_daemon() {
     set_initial_traffic_state();
 
     provision_certificates();
-    apply_profile_defaults();
+    // Unarmed until the first pass, the guard is silent; it runs from here so
+    // that a stop during the wait for the modem manager (a query can take its
+    // whole time limit) still ends the process within 10 s.
+    start_transmit_guard(shut_down_for_blocked_loop, kLoopStopGraceMs);
+    if (!apply_profile_defaults(hold_traffic_while_waiting)) shut_down(last_sas_enabled());
 
     base::notice("[SAS] wait for LTE accessing network...\n");
-    start_transmit_guard(shut_down_for_blocked_loop, kLoopStopGraceMs);
     shut_down(supervision_loop());
 }
 

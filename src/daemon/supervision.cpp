@@ -15,6 +15,7 @@
 #include "modem/modem.h"
 
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
@@ -50,10 +51,16 @@ void report_number(const char* name, int old_value, int new_value) {
 bool is_empty(const char* text) { return text[0] == '\0'; }
 
 // Keeps the last known cell, or follows a new one (blocking until the modem
-// reports a plausible cell, deliberately without a time limit).
+// reports a plausible cell, deliberately without a time limit).  A cell the
+// modem manager did not tell (empty) is the last known one; on the first
+// pass there is none, and it reads as a failed query always did.
 void refresh_cell_frequency(SupervisionState& state) {
     SupervisionSnapshot& current = state.current;
     const SupervisionSnapshot& previous = state.previous;
+    if ((is_empty(current.frequency) || is_empty(current.bandwidth)) && state.pass == 1) {
+        std::snprintf(current.frequency, sizeof current.frequency, "%d", 0);
+        std::snprintf(current.bandwidth, sizeof current.bandwidth, "%d", -1);
+    }
     if (is_empty(current.frequency) || is_empty(current.bandwidth)) {
         std::memcpy(current.frequency, previous.frequency, sizeof current.frequency);
         std::memcpy(current.bandwidth, previous.bandwidth, sizeof current.bandwidth);
@@ -313,6 +320,8 @@ PassOutcome run_supervision_pass(SupervisionState& state) {
 }
 
 bool last_sas_enabled() { return g_lastSasEnabled.load(); }
+
+void set_last_sas_enabled(bool enabled) { g_lastSasEnabled.store(enabled); }
 
 bool supervision_loop() {
     SupervisionState state;

@@ -13,8 +13,10 @@ void report_snapshot_changes(const SupervisionSnapshot* previous,
 // Runs until SIGTERM or SIGINT; returns whether SAS was enabled in the last
 // snapshot read.
 bool supervision_loop();
-// SAS enabled as the last pass read it (false before the first pass).
+// SAS enabled as the last pass read it (false before the first pass; while
+// start-up waits for the modem manager, what start-up last read).
 bool last_sas_enabled();
+void set_last_sas_enabled(bool enabled);
 
 // Stops the worker, waits 1 s, clears the CBSD state and starts a fresh worker.
 void restart_standalone_worker();

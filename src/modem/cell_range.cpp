@@ -66,6 +66,12 @@ int wait_and_store_cell_range(int timeout_s) {
 void store_cell_range() {
     int bandwidth = get_bandwidth();
     int frequency = get_dl_frequency();
+    // A modem manager that refused says nothing about the cell: the range
+    // stored for it stays.
+    if (lte_info_refused()) {
+        base::notice("[SAS] the modem manager did not answer, the cell range stays.\n");
+        return;
+    }
     write_cell_range(frequency, bandwidth);
 }
 

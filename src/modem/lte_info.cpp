@@ -49,7 +49,9 @@ thread_local LteInfo t_reply;
 void ask(LteInfo& info, const char* shown_as) {
     std::memset(&info, 0, sizeof info);
     LteInfoFilters filters(info);
-    if (!call_modem_manager("getlteinfo", filters, shown_as)) filters.cut_short();
+    ModemCall call = call_modem_manager("getlteinfo", filters, shown_as);
+    if (call == ModemCall::CutShort) filters.cut_short();
+    info.call = call;
     // Every text ends within its buffer, as each reader has always relied on.
     info.frequency[sizeof info.frequency - 1] = '\0';
     info.bandwidth[sizeof info.bandwidth - 1] = '\0';
@@ -74,5 +76,7 @@ LteInfoScope::~LteInfoScope() {
 }
 
 void renew_lte_info() { t_have_reply = false; }
+
+bool lte_info_refused() { return t_reply.call == ModemCall::Refused; }
 
 }  // namespace cbsd::modem

@@ -3,6 +3,8 @@
 // supervision pass (LteInfoScope in modem.h).
 #pragma once
 
+#include "modem/modem_manager.h"
+
 namespace cbsd::modem {
 
 // Each text is what `ubus call ubus_lte getlteinfo | grep ...` printed into
@@ -11,6 +13,7 @@ struct LteInfo {
     char frequency[64];  // grep dlfreq
     char bandwidth[63];  // grep bandwidth
     char band[63];       // grep -w band
+    ModemCall call;      // how the query ended
 };
 
 // The reply of this thread's current scope, or a new one (asked now, and

@@ -12,6 +12,21 @@ namespace cbsd::modem {
 // failure the buffer is left unchanged.
 void get_product_model(char* buffer, size_t length);
 void get_serial_number(char* buffer, size_t length);
+
+// The product model and the serial number from one getproductinfo reply,
+// each as the two queries above read it (cleared first).  True only when the
+// modem manager answered (ubus ended with status 0); otherwise (not
+// registered yet, no ubusd, a failure, the time limit) the values say nothing.
+struct ProductInfo {
+    char model[32];
+    char serial[256];
+};
+bool read_product_info(ProductInfo& info);
+
+// The attachment (netstat 4).  A query the modem manager refuses (it is
+// restarting, ubusd is gone) reports the attachment last seen, false before
+// any: a modem that cannot be asked has not changed its link.  A query killed
+// at its time limit reads as not attached.
 bool is_lte_connected();
 // The attachment the last is_lte_connected() of any thread saw, when that was
 // at most max_age_ms ago; otherwise the modem is asked now (an answer only
@@ -36,6 +51,9 @@ public:
 // Within a scope, the next reader asks again: a poll that waits for the
 // cell to change needs each round's own reply.
 void renew_lte_info();
+// True when the modem manager refused this thread's latest getlteinfo query:
+// its frequency, bandwidth and band then say nothing about the cell.
+bool lte_info_refused();
 
 int wait_for_lte(int timeout_s);               // 0, or -1 on time-out (timeout_s <= 0: no limit)
 int wait_and_store_cell_range(int timeout_s);  // 0, or -1 on time-out

@@ -2,11 +2,15 @@
 
 #include "base/system.h"
 
+#include <sys/wait.h>
+
 namespace cbsd::modem {
 
-bool call_modem_manager(const char* method, base::OutputSink& reply, const char* shown_as) {
+ModemCall call_modem_manager(const char* method, base::OutputSink& reply, const char* shown_as) {
     const char* const argv[] = {"ubus", "call", "ubus_lte", method, nullptr};
-    return base::run_stream(argv, reply, shown_as) != -1;
+    int status = base::run_stream(argv, reply, shown_as);
+    if (status == -1) return ModemCall::CutShort;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? ModemCall::Answered : ModemCall::Refused;
 }
 
 }  // namespace cbsd::modem

@@ -6,10 +6,16 @@
 
 namespace cbsd::modem {
 
+enum class ModemCall {
+    Answered,  // ubus ended with status 0: the reply is the modem manager's
+    Refused,   // ubus ended with a failure status, nothing on standard output:
+               // `ubus_lte` not registered, no ubusd, a method that failed
+    CutShort,  // killed at the time limit, or ubus could not be started
+};
+
 // The reply goes to `reply` as it arrives.  `shown_as` is the command line a
 // time-out line names: the shell pipeline the query used to be, so that line
-// reads as it always has.  False when the reply was cut short by the time
-// limit or ubus could not be started.
-bool call_modem_manager(const char* method, base::OutputSink& reply, const char* shown_as);
+// reads as it always has.
+ModemCall call_modem_manager(const char* method, base::OutputSink& reply, const char* shown_as);
 
 }  // namespace cbsd::modem

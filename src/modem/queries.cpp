@@ -33,12 +33,40 @@ constexpr const char* kBandCommand = "ubus call ubus_lte getlteinfo | grep -w ba
 
 // Runs the query into a cleared buffer; a modem manager that cannot be
 // started leaves it empty, which every query treats as its failure case.
-void run_query(const Query& query, char* output, int capacity) {
+ModemCall run_query(const Query& query, char* output, int capacity) {
     std::memset(output, 0, static_cast<size_t>(capacity));
     LineFilter filter(query.pattern, false, output, capacity);
-    if (!call_modem_manager(query.method, filter, query.shown_as)) filter.cut_short();
+    ModemCall call = call_modem_manager(query.method, filter, query.shown_as);
+    if (call == ModemCall::CutShort) filter.cut_short();
     output[capacity - 1] = '\0';
+    return call;
 }
+
+// Both product filters read one reply side by side.
+class ProductFilters : public base::OutputSink {
+public:
+    ProductFilters(char* model_lines, char* serial_lines, int capacity)
+        : model_(kProductModelQuery.pattern, false, model_lines, capacity),
+          serial_(kSerialNumberQuery.pattern, false, serial_lines, capacity) {}
+
+    bool feed(const char* data, size_t size) override {
+        model_.feed(data, size);
+        serial_.feed(data, size);
+        return true;
+    }
+    void finish() override {
+        model_.finish();
+        serial_.finish();
+    }
+    void cut_short() {
+        model_.cut_short();
+        serial_.cut_short();
+    }
+
+private:
+    LineFilter model_;
+    LineFilter serial_;
+};
 
 void get_quoted(const Query& query, char* buffer, size_t length) {
     char output[1024];
@@ -46,16 +74,24 @@ void get_quoted(const Query& query, char* buffer, size_t length) {
     parse_quoted_value(output, buffer, length);
 }
 
-bool query_attachment() {
-    char output[1024];
-    run_query(kNetworkStatusQuery, output, sizeof output);
-    return shows_attached(output);
-}
-
 // The last attachment seen and when, in one word so that a reader in another
 // thread never pairs a state with the wrong time: (ms << 1) | attached; -1
 // before the first query.
 std::atomic<int64_t> last_lte_observation{-1};
+
+bool last_attachment() {
+    int64_t seen = last_lte_observation.load();
+    return seen >= 0 && (seen & 1) != 0;
+}
+
+// A refusal (the modem manager restarting, ubusd gone) keeps the attachment
+// last seen; a killed query reads as not attached, as it always has.
+bool query_attachment() {
+    char output[1024];
+    if (run_query(kNetworkStatusQuery, output, sizeof output) == ModemCall::Refused)
+        return last_attachment();
+    return shows_attached(output);
+}
 
 }  // namespace
 
@@ -65,6 +101,21 @@ void get_product_model(char* buffer, size_t length) {
 
 void get_serial_number(char* buffer, size_t length) {
     get_quoted(kSerialNumberQuery, buffer, length);
+}
+
+bool read_product_info(ProductInfo& info) {
+    info = ProductInfo{};
+    char model_lines[1024] = {};
+    char serial_lines[1024] = {};
+    ProductFilters filters(model_lines, serial_lines, sizeof model_lines);
+    ModemCall call = call_modem_manager(kProductModelQuery.method, filters,
+                                        kProductModelQuery.shown_as);
+    if (call == ModemCall::CutShort) filters.cut_short();
+    model_lines[sizeof model_lines - 1] = '\0';
+    serial_lines[sizeof serial_lines - 1] = '\0';
+    parse_quoted_value(model_lines, info.model, sizeof info.model - 1);
+    parse_quoted_value(serial_lines, info.serial, sizeof info.serial - 1);
+    return call == ModemCall::Answered;
 }
 
 bool is_lte_connected() {

@@ -436,6 +436,23 @@ TEST_F(AutoEnable, FailingBandQueryKeepsTheLastDecision) {
     EXPECT_EQ(get("config", "enableMode"), "0");
 }
 
+// A modem manager that restarts: the unknown band is logged once per
+// streak, and the same band told again afterwards is no news.
+TEST_F(AutoEnable, TheSameBandAfterAFailureStreakIsNoNews) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    for (int streak = 0; streak < 2; ++streak) {
+        test::set_lab_modem(R"({"registered": false, "band": 48})");
+        auto_enable(state_);
+        auto_enable(state_);
+        test::set_lab_modem(R"({"band": 48})");
+        auto_enable(state_);
+    }
+    EXPECT_EQ(get("config", "enableMode"), "1");
+    EXPECT_EQ(count("LTE is in Band 48"), 1);
+    EXPECT_EQ(count("[SAS] LTE band unknown, SAS stays as it was.\n"), 2);
+}
+
 TEST_F(AutoEnable, FailingBandQueryOnTheFirstPassWritesNothing) {
     test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
     auto_enable(state_);
