@@ -99,6 +99,15 @@ bool is_radio_enabled() {
     return flag_is_set<256>(schema::kSasRadioEnable, "[SAS] RadioEnable no value");
 }
 
+// Operators' hardening options: absent is the usual case, so no message.
+bool is_sas_host_verified() {
+    return flag_is_set<8>(schema::kVerifySasHost, nullptr);
+}
+
+bool is_sas_ca_required() {
+    return flag_is_set<8>(schema::kRequireSasCa, nullptr);
+}
+
 unsigned set_radio_enable(const char* value) {
     return write_sas_option(schema::kSasRadioEnable, value);
 }

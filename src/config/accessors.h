@@ -15,6 +15,8 @@ bool is_sas_enabled();               // config.enableMode == 1  ("[SAS] enableMo
 bool is_dp_enabled();                // config.usedp == 1       ("[SAS] usedp no value")
 bool is_single_step_registration();  // config.sasStepChoice == 1
 bool is_radio_enabled();             // sasConfig.RadioEnable == 1 ("[SAS] RadioEnable no value")
+bool is_sas_host_verified();         // config.verifySasHost == 1 (absent: off, no message)
+bool is_sas_ca_required();           // config.requireSasCa == 1  (absent: off, no message)
 // Writes one option of /etc/config/sas and reads it back: 1 when the file now
 // holds the value.  A failing store is logged once when the failures start
 // ("[SAS] /etc/config/sas cannot be written (...)") and once when a write

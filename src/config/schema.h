@@ -29,6 +29,11 @@ inline constexpr UciName kFccId{"config", "fccId"};
 inline constexpr UciName kFirewallBackend{"config", "firewallBackend"};
 // Seconds a transmitExpireTime may lie ahead and still count in full (default 240).
 inline constexpr UciName kMaxTransmitLead{"config", "maxTransmitLead"};
+// Flag, default "0": "1" makes the SAS's certificate name the host of config.address.
+inline constexpr UciName kVerifySasHost{"config", "verifySasHost"};
+// Flag, default "0": "1" sends nothing to a SAS whose CA is not configured or not present,
+// where "0" talks to it unverified when no CA name is configured.
+inline constexpr UciName kRequireSasCa{"config", "requireSasCa"};
 inline constexpr UciName kRadioTechnology{"config", "radioTechnology"};
 inline constexpr UciName kSasStepChoice{"config", "sasStepChoice"};
 inline constexpr UciName kSerialNumber{"config", "serialNumber"};

@@ -9,8 +9,10 @@
 
 #include "config/device_record.h"
 #include "base/log.h"
+#include "config/accessors.h"
 #include "config/certificate_paths.h"
 #include "sas/reply_date.h"
+#include "sas/tls_profile.h"
 
 #include <curl/curl.h>
 #include <sys/stat.h>
@@ -94,8 +96,9 @@ void log_transfer_error(CURLcode result, const char* errorText) {
 }
 
 // The options in the order the transfer relies on; the CRL only when it can
-// be read, and peer verification only when a CA path was given at all.
-void set_transfer_options(CURL* curl, const char* url, const char* body, curl_slist* headers,
+// be read, and peer verification only when a CA path was given at all.  False
+// when libcurl cannot hold the TLS profile: then nothing may be sent.
+bool set_transfer_options(CURL* curl, const char* url, const char* body, curl_slist* headers,
                           const char* caPath, const char* certPath, const char* keyPath,
                           const char* crlPath, char* errorText) {
     curl_easy_setopt(curl, CURLOPT_URL, url);
@@ -112,7 +115,7 @@ void set_transfer_options(CURL* curl, const char* url, const char* body, curl_sl
     if (crlPath && file_readable(crlPath)) curl_easy_setopt(curl, CURLOPT_CRLFILE, crlPath);
     curl_easy_setopt(curl, CURLOPT_SSLKEY, keyPath);
     curl_easy_setopt(curl, CURLOPT_SSLKEYTYPE, "PEM");
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+    bool profiled = apply_tls_options(curl, tls_options(config::is_sas_host_verified()));
     bool caSet = caPath != nullptr && caPath[0] != '\0';
     if (caSet) curl_easy_setopt(curl, CURLOPT_CAINFO, caPath);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, caSet ? 1L : 0L);
@@ -125,6 +128,30 @@ void set_transfer_options(CURL* curl, const char* url, const char* body, curl_sl
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 30L);
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, abort_when_asked);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    return profiled;
+}
+
+void perform(CURL* curl, char* errorText, int32_t* result) {
+    CURLcode code = curl_easy_perform(curl);
+    if (code != CURLE_OK) log_transfer_error(code, errorText);
+    else judge_reply(curl);
+    note_tls_result(code, errorText[0] != '\0' ? errorText : curl_easy_strerror(code));
+    *result = static_cast<int32_t>(code);
+}
+
+// With config.requireSasCa "1" a SAS is talked to only when its CA is there;
+// otherwise a missing CA is announced and, when none is named, not checked.
+bool ca_allows_exchange(const char* caPath) {
+    bool present = file_exists(caPath);
+    if (config::is_sas_ca_required()) {
+        if (!present) note_missing_ca(caPath);
+        else note_ca_present();
+        return present;
+    }
+    if (!present)
+        base::notice_to_syslog("[SAS] server CA file(%s) is not exist, will not verify server.\n",
+                               caPath);
+    return true;
 }
 
 }  // namespace
@@ -165,12 +192,11 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
                                    : nullptr;
         if (both) {
             headers = both;
-            set_transfer_options(curl, url, body, headers, caPath, certPath, keyPath, crlPath,
-                                 errorText);
-            CURLcode code = curl_easy_perform(curl);
-            if (code != CURLE_OK) log_transfer_error(code, errorText);
-            else judge_reply(curl);
-            result = static_cast<int32_t>(code);
+            if (set_transfer_options(curl, url, body, headers, caPath, certPath, keyPath,
+                                     crlPath, errorText))
+                perform(curl, errorText, &result);
+            else
+                note_profile_unsupported();
         }
     }
     curl_slist_free_all(headers);
@@ -202,10 +228,7 @@ int32_t https_post(const char* url, const char* body) {
         base::notice_to_syslog("[SAS] client key file(%s) is not exist.\n", paths.clientKey);
         return -1;
     }
-    if (!file_exists(paths.serverCA)) {
-        base::notice_to_syslog("[SAS] server CA file(%s) is not exist, will not verify server.\n",
-                  paths.serverCA);
-    }
+    if (!ca_allows_exchange(paths.serverCA)) return -1;
     int32_t result = post_json(url, body, paths.serverCA, paths.clientCert, paths.clientKey,
                                paths.crlFile);
     base::notice("[SAS] https_post() return %d\n", result);

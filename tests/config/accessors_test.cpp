@@ -64,6 +64,29 @@ TEST_F(AccessorsTest, AbsentFlagsAreOffWithoutAMessage) {
     EXPECT_EQ(log_text(), "");
 }
 
+TEST_F(AccessorsTest, TlsHardeningOptionsAreOnOnlyForTheIntegerOne) {
+    write_sas("\toption verifySasHost '1'\n\toption requireSasCa '1'\n", "");
+    EXPECT_TRUE(is_sas_host_verified());
+    EXPECT_TRUE(is_sas_ca_required());
+    write_sas("\toption verifySasHost '0'\n\toption requireSasCa 'yes'\n", "");
+    EXPECT_FALSE(is_sas_host_verified());
+    EXPECT_FALSE(is_sas_ca_required());
+    write_sas("\toption verifySasHost '2'\n\toption requireSasCa ''\n", "");
+    EXPECT_FALSE(is_sas_host_verified());
+    EXPECT_FALSE(is_sas_ca_required());
+    EXPECT_EQ(log_text(), "");
+}
+
+TEST_F(AccessorsTest, TlsHardeningOptionsAreOffWhenAbsentOrUnreadableWithoutAMessage) {
+    write_sas("", "");
+    EXPECT_FALSE(is_sas_host_verified());
+    EXPECT_FALSE(is_sas_ca_required());
+    unlink(kSas);
+    EXPECT_FALSE(is_sas_host_verified());
+    EXPECT_FALSE(is_sas_ca_required());
+    EXPECT_EQ(log_text(), "");
+}
+
 TEST_F(AccessorsTest, UnreadableFileLogsTheNoValueMessages) {
     EXPECT_FALSE(is_sas_enabled());
     EXPECT_FALSE(is_dp_enabled());

@@ -38,7 +38,8 @@ inline std::string pki_dir() {
     const std::string lock_path = std::string(CBSD_BINARY_DIR) + "/sas_sim_pki.lock";
     int lock = open(lock_path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
     if (lock >= 0) flock(lock, LOCK_EX);
-    if (!std::filesystem::exists(dir + "/cpi_ec.p12")) {
+    // corrupt.pem: the newest file of the PKI, so an older tree is made anew.
+    if (!std::filesystem::exists(dir + "/corrupt.pem")) {
         const std::string command =
             std::string(kPython) + " " + source_path("tests/sas_sim/pki.py") + " " + dir + " >/dev/null";
         if (std::system(command.c_str()) != 0) std::fprintf(stderr, "sim_support: pki.py failed\n");
@@ -105,7 +106,10 @@ struct Request {
 // The simulator as a child process on the sandbox's loopback.
 class Simulator {
 public:
-    explicit Simulator(const std::string& basePath = "/v1.2", bool clientAuth = true)
+    // `extra`: more command-line arguments (e.g. "--ciphers", "AES128-SHA"; a
+    // later "--cert"/"--key" replaces the usual server certificate).
+    explicit Simulator(const std::string& basePath = "/v1.2", bool clientAuth = true,
+                       const std::vector<std::string>& extra = {})
         : basePath_(basePath) {
         static int instance = 0;
         controlDir_ = "/tmp/sas_sim_" + std::to_string(getpid()) + "_" + std::to_string(instance++);
@@ -120,6 +124,7 @@ public:
             args.push_back("--client-ca");
             args.push_back(pki + "/ca.pem");
         }
+        args.insert(args.end(), extra.begin(), extra.end());
         pid_ = fork();
         if (pid_ == 0) {
             std::vector<char*> argv;
@@ -200,6 +205,24 @@ public:
         }
         json_decref(answer);
         return found;
+    }
+    // The cipher suites (OpenSSL names, in the client's order) of every
+    // ClientHello the simulator received, oldest first.
+    std::vector<std::vector<std::string>> offered_suites() const {
+        std::vector<std::vector<std::string>> hellos;
+        json_t* answer = parse(call(R"({"cmd":"requests"})"));
+        size_t index = 0;
+        json_t* hello = nullptr;
+        json_array_foreach(json_object_get(answer, "client_hellos"), index, hello) {
+            std::vector<std::string> suites;
+            size_t at = 0;
+            json_t* suite = nullptr;
+            json_array_foreach(json_object_get(hello, "cipher_suites"), at, suite)
+                suites.push_back(text(suite));
+            hellos.push_back(suites);
+        }
+        json_decref(answer);
+        return hellos;
     }
     // TCP connections accepted so far (also those that never got to a request).
     long connections() const { return number("connections"); }

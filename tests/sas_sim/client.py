@@ -146,6 +146,11 @@ class SasSim:
         """{"connections": n, "handshake_failures": [...], "requests": [...]}"""
         return self.call({"cmd": "requests"})
 
+    def client_hellos(self):
+        """What each client offered in its ClientHello, oldest first: {"time",
+        "cipher_suites" (OpenSSL names, the client's order), "versions"}."""
+        return self.stats()["client_hellos"]
+
     def transmit_expire(self):
         """Seconds since the epoch of the transmitExpireTime in the latest
         heartbeat success the simulator sent (HTTP 200), or None."""

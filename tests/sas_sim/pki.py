@@ -15,15 +15,19 @@ creates in OUT_DIR (all PEM, keys unencrypted unless said otherwise):
     crl_other.pem               CRL of the CA revoking other.pem only (server stays valid)
     crl_server.pem              CRL of the CA revoking server.pem
     other_ca.pem, other_ca.key  an unrelated CA (for "wrong CA" tests)
+    wronghost.pem, wronghost.key  a server certificate of the test CA for another host
+                                (SAN DNS:sas.elsewhere.example only)
+    expired.pem, expired.key    a server certificate that expired (needs libfaketime)
+    corrupt.pem                 server.pem with a flipped signature bit (key: server.key)
     cpi.key                     CPI RSA 2048 key, PEM
     cpi.p12                     the same key and a certificate as PKCS#12, password CPI_PASSWORD
     cpi_ec.p12                  an EC (non-RSA) key as PKCS#12, same password
 """
 import os
 import shutil
+import ssl
 import subprocess
 import sys
-import tempfile
 
 CPI_PASSWORD = "cpi-test-pass"
 CLIENT_SUBJECT = "/O=CBSD Test/CN=cbsd-test-client"
@@ -31,7 +35,7 @@ SERVER_SUBJECT = "/O=SAS Simulator/CN=sas-sim"
 OPENSSL = shutil.which("openssl") or "/usr/bin/openssl"
 
 _FILES = ("ca.pem", "server.pem", "server.key", "client.pem", "client.key", "crl_other.pem",
-          "crl_server.pem", "other_ca.pem", "cpi.key", "cpi.p12", "cpi_ec.p12")
+          "crl_server.pem", "other_ca.pem", "wronghost.pem", "expired.pem", "corrupt.pem", "cpi.key", "cpi.p12", "cpi_ec.p12")
 
 
 # Everything is made as if two days ago, so that a device whose wall clock is
@@ -41,8 +45,10 @@ _FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"
 BACKDATED = {"LD_PRELOAD": _FAKETIME, "FAKETIME": "-2d"} if os.path.exists(_FAKETIME) else {}
 
 
-def _run(*args, cwd):
-    subprocess.run([OPENSSL, *args], cwd=cwd, check=True, env={**os.environ, **BACKDATED},
+def _run(*args, cwd, shift=None):
+    # shift: another libfaketime offset than BACKDATED's (e.g. "-400d")
+    env = {**os.environ, **BACKDATED, **({"FAKETIME": shift} if shift and BACKDATED else {})}
+    subprocess.run([OPENSSL, *args], cwd=cwd, check=True, env=env,
                    stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
 
 
@@ -68,15 +74,24 @@ default_crl_days = 3650
     return conf, db
 
 
-def _leaf(workdir, name, subject, ca="ca", extensions=""):
+def _leaf(workdir, name, subject, ca="ca", extensions="", days=3650, shift=None):
     _run("req", "-newkey", "rsa:2048", "-nodes", "-keyout", f"{name}.key", "-out", f"{name}.csr",
          "-subj", subject, cwd=workdir)
     ext_file = os.path.join(workdir, f"{name}.ext")
     with open(ext_file, "w") as f:
         f.write("basicConstraints=CA:FALSE\n" + extensions)
     _run("x509", "-req", "-in", f"{name}.csr", "-CA", f"{ca}.pem", "-CAkey", f"{ca}.key",
-         "-CAcreateserial", "-days", "3650", "-sha256", "-extfile", ext_file,
-         "-out", f"{name}.pem", cwd=workdir)
+         "-CAcreateserial", "-days", str(days), "-sha256", "-extfile", ext_file,
+         "-out", f"{name}.pem", cwd=workdir, shift=shift)
+
+
+def _corrupt(workdir, source, out):
+    """A copy of a certificate with one bit of its signature flipped."""
+    with open(os.path.join(workdir, source)) as f:
+        der = bytearray(ssl.PEM_cert_to_DER_cert(f.read()))
+    der[-1] ^= 0x01
+    with open(os.path.join(workdir, out), "w") as f:
+        f.write(ssl.DER_cert_to_PEM_cert(bytes(der)))
 
 
 def _crl(workdir, revoked, out):
@@ -100,6 +115,13 @@ def generate(out_dir):
              "-addext", "keyUsage=critical,keyCertSign,cRLSign", cwd=w)
     _leaf(w, "server", SERVER_SUBJECT,
           extensions="subjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth\n")
+    _leaf(w, "wronghost", "/O=SAS Simulator/CN=sas.elsewhere.example",
+          extensions="subjectAltName=DNS:sas.elsewhere.example\nextendedKeyUsage=serverAuth\n")
+    # Server certificates of the simulator that a device must refuse: expired
+    # (valid for a day, 400 days ago) and with a broken signature.
+    server_ext = "subjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth\n"
+    _leaf(w, "expired", SERVER_SUBJECT, extensions=server_ext, days=1, shift="-400d")
+    _corrupt(w, "server.pem", "corrupt.pem")
     _leaf(w, "client", CLIENT_SUBJECT, extensions="extendedKeyUsage=clientAuth\n")
     _leaf(w, "other", "/O=CBSD Test/CN=revoked-other", extensions="extendedKeyUsage=clientAuth\n")
     _crl(w, "other", "crl_other.pem")

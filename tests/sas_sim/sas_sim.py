@@ -10,7 +10,6 @@ as long as it sees that directory.  See README.md for the control protocol.
 import argparse
 import calendar
 import copy
-import datetime
 import json
 import os
 import signal
@@ -22,44 +21,12 @@ import threading
 import time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
+import gate_sample
+from replies import build_body
+from sim_tls import VERSIONS, make_context, subject_text
+
 ENDPOINTS = ("registration", "spectrumInquiry", "grant", "heartbeat", "relinquishment",
              "deregistration")
-TIME_FORMAT = "%Y-%m-%dT%H:%M:%SZ"
-HTML_ERROR_PAGE = ("<html><head><title>500 Internal Server Error</title></head>"
-                   "<body><h1>Internal Server Error</h1></body></html>\n")
-
-
-def sas_time(offset_seconds=0.0):
-    now = datetime.datetime.now(datetime.timezone.utc)
-    return (now + datetime.timedelta(seconds=offset_seconds)).strftime(TIME_FORMAT)
-
-
-def expand_times(value):
-    """Replaces every {"$time": N} with the UTC time text N seconds from now."""
-    if isinstance(value, dict):
-        if set(value) == {"$time"}:
-            return sas_time(float(value["$time"]))
-        return {k: expand_times(v) for k, v in value.items()}
-    if isinstance(value, list):
-        return [expand_times(v) for v in value]
-    return value
-
-
-def _number(value):
-    return int(value) if float(value).is_integer() else value
-
-
-def subject_text(cert):
-    """'O=...,CN=...' from ssl.getpeercert()'s subject tuples; '' without a certificate."""
-    if not cert:
-        return ""
-    parts = []
-    for rdn in cert.get("subject", ()):
-        for key, value in rdn:
-            short = {"commonName": "CN", "organizationName": "O", "countryName": "C",
-                     "organizationalUnitName": "OU"}.get(key, key)
-            parts.append(f"{short}={value}")
-    return ",".join(parts)
 
 
 class SimState:
@@ -79,6 +46,7 @@ class SimState:
         self.down = False
         self.transmit_expire = None  # of the latest heartbeat success sent
         self.authorizations = 0
+        self.client_hellos = []  # what each client offered: {"time", "cipher_suites", "versions"}
         self.record_path = os.path.join(options.control_dir, "requests.jsonl")
 
     def next_id(self, prefix):
@@ -92,6 +60,10 @@ class SimState:
                 if self.queues.get(key):
                     return self.queues[key].pop(0)
             return copy.deepcopy(self.defaults.get(endpoint, {}))
+
+    def note_hello(self, hello):
+        with self.lock:
+            self.client_hellos.append({"time": time.time(), **hello})
 
     def take_connection_action(self):
         with self.lock:
@@ -135,70 +107,6 @@ def transmit_expire_of(body):
     return None
 
 
-def default_element(endpoint, request, state):
-    """The plausible success element of <endpoint>Response for one request object."""
-    req = request if isinstance(request, dict) else {}
-    opts = state.options
-    element = {}
-    if endpoint == "registration":
-        serial = req.get("cbsdSerialNumber") or "unknown"
-        element["cbsdId"] = f"sim/{req.get('fccId', 'fcc')}/{serial}"
-    else:
-        element["cbsdId"] = req.get("cbsdId", "")
-    if endpoint == "spectrumInquiry":
-        ranges = [r for r in req.get("inquiredSpectrum", []) if isinstance(r, dict)]
-        if not ranges:
-            ranges = [{"lowFrequency": 3550000000, "highFrequency": 3700000000}]
-        element["availableChannel"] = [
-            {"frequencyRange": {"lowFrequency": r.get("lowFrequency"),
-                                "highFrequency": r.get("highFrequency")},
-             "channelType": "GAA", "ruleApplied": "FCC_PART_96", "maxEirp": _number(opts.max_eirp)}
-            for r in ranges]
-    elif endpoint == "grant":
-        element["grantId"] = state.next_id("grant-")
-        element["grantExpireTime"] = sas_time(opts.grant_seconds)
-        element["heartbeatInterval"] = opts.heartbeat_interval
-        element["channelType"] = "GAA"
-    elif endpoint == "heartbeat":
-        element["grantId"] = req.get("grantId", "")
-        element["transmitExpireTime"] = sas_time(opts.transmit_seconds)
-        element["heartbeatInterval"] = opts.heartbeat_interval
-    elif endpoint == "relinquishment":
-        element["grantId"] = req.get("grantId", "")
-    element["response"] = {"responseCode": 0}
-    return element
-
-
-def build_body(endpoint, request_json, spec, state):
-    """Reply body text for a reply spec (see README.md)."""
-    if "body" in spec:
-        return spec["body"]
-    if spec.get("html_error"):
-        return HTML_ERROR_PAGE
-    if "json" in spec:
-        return json.dumps(expand_times(spec["json"]), indent=2)
-    requests = []
-    if isinstance(request_json, dict):
-        requests = request_json.get(f"{endpoint}Request")
-    if not isinstance(requests, list) or not requests:
-        requests = [{}]
-    elements = [default_element(endpoint, r, state) for r in requests]
-    first = elements[0]
-    if "responseCode" in spec:
-        first["response"]["responseCode"] = spec["responseCode"]
-    if "responseData" in spec:
-        first["response"]["responseData"] = spec["responseData"]
-    if spec.get("responseCode", 0) != 0 and not spec.get("keep_fields"):
-        # A refusal carries only the ids and the response object.
-        first = {k: v for k, v in first.items() if k in ("cbsdId", "grantId", "response")}
-        elements[0] = first
-    first.update(expand_times(spec.get("set", {})))
-    for name in spec.get("remove", []):
-        first.pop(name, None)
-    elements.extend(expand_times(spec.get("append_elements", [])))
-    return json.dumps({f"{endpoint}Response": elements}, indent=2)
-
-
 class SasHandler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     server_version = "SasSim/1.0"
@@ -224,16 +132,22 @@ class SasHandler(BaseHTTPRequestHandler):
         endpoint = None
         if path.startswith(base + "/") and path[len(base) + 1:] in ENDPOINTS:
             endpoint = path[len(base) + 1:]
-        state.record({
+        entry = {
             "time": time.time(), "endpoint": endpoint, "path": self.path, "method": "POST",
             "headers": {k: v for k, v in self.headers.items()}, "body": text, "json": parsed,
             "client_subject": subject_text(self.connection.getpeercert()),
-        })
+        }
+        if endpoint in state.options.sample_gates.split(","):
+            entry["gates"] = gate_sample.sample()  # how the device stood as it asked
+        state.record(entry)
         if endpoint is None:
             self._reply_plain(404, "no such endpoint\n")
             return
         spec = state.take_reply(endpoint)
         self._play(endpoint, parsed, spec)
+        entry["replied"] = time.time()
+        if spec.get("watch_gates"):
+            gate_sample.watch(entry, spec["watch_gates"])
 
     def _reply_plain(self, status, text):
         data = text.encode()
@@ -410,7 +324,8 @@ class ControlServer(socketserver.ThreadingUnixStreamServer):
                 return {"ok": True, "requests": state.requests,
                         "connections": state.connections,
                         "connection_times": state.connection_times,
-                        "handshake_failures": state.handshake_failures}
+                        "handshake_failures": state.handshake_failures,
+                        "client_hellos": state.client_hellos}
             if cmd == "set_down":
                 state.down = bool(command.get("down"))
                 return {"ok": True}
@@ -426,6 +341,7 @@ class ControlServer(socketserver.ThreadingUnixStreamServer):
                 state.connection_actions.clear()
                 state.requests.clear()
                 state.handshake_failures.clear()
+                state.client_hellos.clear()
                 state.connections = 0
                 state.connection_times.clear()
                 open(state.record_path, "w").close()
@@ -434,15 +350,6 @@ class ControlServer(socketserver.ThreadingUnixStreamServer):
                 threading.Thread(target=self.http_server.shutdown, daemon=True).start()
                 return {"ok": True}
         return {"ok": False, "error": f"unknown command {cmd!r}"}
-
-
-def make_context(options):
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(options.cert, options.key)
-    if options.client_ca:
-        context.load_verify_locations(options.client_ca)
-        context.verify_mode = ssl.CERT_REQUIRED
-    return context
 
 
 def parse_args(argv):
@@ -460,6 +367,11 @@ def parse_args(argv):
     p.add_argument("--transmit-seconds", type=float, default=240)
     p.add_argument("--grant-seconds", type=float, default=7 * 24 * 3600)
     p.add_argument("--max-eirp", type=float, default=37.0)
+    p.add_argument("--ciphers", help="OpenSSL cipher string of the suites offered up to TLS 1.2 "
+                                     "(e.g. AES128-SHA, or AES128-SHA:@SECLEVEL=0)")
+    p.add_argument("--tls-version", choices=sorted(VERSIONS), help="the only TLS version offered")
+    p.add_argument("--sample-gates", default="", help="endpoints (comma-separated) whose "
+                   "requests record the router's gates as they arrive (inside the router only)")
     p.add_argument("--verbose", action="store_true")
     return p.parse_args(argv)
 
@@ -473,7 +385,8 @@ def main(argv=None):
     os.makedirs(options.control_dir, exist_ok=True)
     state = SimState(options)
     open(state.record_path, "w").close()
-    http_server = SasServer((options.host, options.port), state, make_context(options))
+    context = make_context(options, state.note_hello)
+    http_server = SasServer((options.host, options.port), state, context)
     sock_path = os.path.join(options.control_dir, "control.sock")
     if os.path.exists(sock_path):
         os.remove(sock_path)
