@@ -108,7 +108,7 @@ TEST(ProfileTable, KnownModelsHaveTheirOwnRows) {
 }
 
 TEST(ProfileTable, UnknownEmptyAndNullModelsGetTheCatchAllRow) {
-    for (const char* model : {"RG500Q-NA", "", "unknow_model", "rq5518l", "RQ5518L "}) {
+    for (const char* model : {"ZX7700-NA", "", "unknow_model", "rq5518l", "RQ5518L "}) {
         const DeviceProfile& row = find_device_profile(model);
         EXPECT_TRUE(is_catch_all_profile(row)) << model;
         EXPECT_STREQ(row.model, "unknow_model");
@@ -229,7 +229,7 @@ TEST_F(Profiles, SilentModemGivesTheCatchAllRow) {
 }
 
 TEST_F(Profiles, UnknownModelGetsTheCatchAllRow) {
-    test::set_lab_modem(R"({"productmodule": "RG500Q-NA", "SN": "X1"})");
+    test::set_lab_modem(R"({"productmodule": "ZX7700-NA", "SN": "X1"})");
     apply_profile_defaults();
     EXPECT_EQ(get("config", "fccId"), "unknow_fccid");
     EXPECT_EQ(get("config", "serialNumber"), "X1");
