@@ -45,7 +45,7 @@ private:
     std::thread thread_;
 };
 
-class CeaseTransmission : public StandaloneThread {
+class CeaseTransmission : public QuickPasses {
 protected:
     // Authorized, with the gates open, and the next heartbeat refused.
     void refuse_next_heartbeat_while_open(int code) {
@@ -101,7 +101,7 @@ TEST_F(CeaseTransmission, GatesThatStayOpenHoldTheGrantBackAtMostThreeSeconds) {
     EXPECT_TRUE(has(log_text(), "[SAS] traffic is not stopped yet, giving the grant back anyway.\n"));
 }
 
-TEST_F(StandaloneThread, AnExpiredGrantIsNeverHeartbeated) {
+TEST_F(QuickPasses, AnExpiredGrantIsNeverHeartbeated) {
     authorize();
     store("sasConfig", "grantExpireTime", "2020-01-01T00:00:00Z");
     // Were the pass to heartbeat anyway, this success would authorise again.

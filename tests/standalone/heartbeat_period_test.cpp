@@ -3,7 +3,6 @@
 // heartbeat reply without one keeps the period, and an inquiry without
 // maxEirp leaves the configured power in the grant request.
 #include "standalone_fixture.h"
-#include "support/modem_standin.h"
 
 #include <gtest/gtest.h>
 
@@ -13,20 +12,6 @@ namespace cbsd::standalone {
 namespace {
 
 size_t heartbeats() { return count_of(sim_endpoints(), "heartbeat"); }
-
-// Passes that start no Python: a shell modem stand-in and a logger that only
-// exits, since these tests step through whole heartbeat periods.
-class QuickPasses : public StandaloneThread {
-protected:
-    void SetUp() override {
-        StandaloneThread::SetUp();
-        test::install_modem_standin();
-        test::set_modem("4", "3625000", "20");
-    }
-
-private:
-    test::QuietLogger quiet_;
-};
 
 // Steps one second at a time until the condition holds; false after `limit`.
 bool step_until(const std::function<bool()>& condition, unsigned limit) {

@@ -8,6 +8,7 @@
 #include "base/gate_state.h"
 #include "config/uci_store.h"
 #include "standalone/worker_control.h"
+#include "support/modem_standin.h"
 #include "thread_harness.h"
 
 #include <gtest/gtest.h>
@@ -109,5 +110,18 @@ protected:
     std::thread thread_;
 };
 
+// Passes that start no Python: a shell modem stand-in and a logger that only
+// exits, for tests that step through whole heartbeat periods.
+class QuickPasses : public StandaloneThread {
+protected:
+    void SetUp() override {
+        StandaloneThread::SetUp();
+        test::install_modem_standin();
+        test::set_modem("4", "3625000", "20");
+    }
+
+private:
+    test::QuietLogger quiet_;
+};
 
 }  // namespace cbsd::standalone
