@@ -3,6 +3,7 @@
 #pragma once
 
 #include "base/clock.h"
+#include "base/gate_state.h"
 #include "config/uci_store.h"
 #include "standalone/standalone_thread.h"
 #include "standalone/worker_control.h"
@@ -62,6 +63,8 @@ protected:
                                      test::sas_config_text(url_, "Unregistered")));
         // Real one-second sleeps: these tests check the real stop protocol.
         base::set_clock({});
+        // No gates here: they stand closed, so nothing given back waits.
+        base::publish_gates_closed(true);
     }
     void TearDown() override { stop_standalone_worker(); }
 
