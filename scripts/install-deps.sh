@@ -9,7 +9,7 @@ $SUDO apt-get install -y -qq --no-install-recommends \
     build-essential cmake pkg-config g++ clang libclang-rt-14-dev \
     libcurl4-openssl-dev libjansson-dev libssl-dev libjwt-dev \
     libgtest-dev libgmock-dev \
-    python3 python3-pytest python3-pytest-xdist openssl ca-certificates \
+    python3 python3-pytest openssl ca-certificates \
     iptables ebtables nftables libnftables-dev net-tools iproute2 util-linux procps psmisc kmod \
     g++-mipsel-linux-gnu g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user-static mmdebstrap \
     busybox faketime libfaketime \

@@ -115,15 +115,14 @@ void write_transmit_time(Worker& w, const char* text) {
     write_or_hold(w.heldTransmit, set_transmit_expire_time, text);
 }
 
-// RadioEnable "0" first: the loop reads it and closes the gates with its
-// usual log lines.  The deadline is brought forward to the end of the loop's
-// turn, so the guard closes them only when the loop could not; when the
-// store did not take the "0" nobody will read it, and the guard closes now.
+// The deadline is brought forward first, to the end of the loop's turn, so
+// the guard closes the gates then at the latest, however long the store
+// takes.  Then RadioEnable "0": the loop reads it and closes the gates with
+// its usual log lines.  When the store did not take the "0" nobody will read
+// it, and the guard closes now.
 void withdraw_radio() {
-    if (config::set_radio_enable("0") == 1)
-        end_transmission_within(base::monotonic_ms64(), kLoopCloseTurnMs);
-    else
-        drop_transmit_deadline();
+    end_transmission_within(base::monotonic_ms64(), kLoopCloseTurnMs);
+    if (config::set_radio_enable("0") != 1) drop_transmit_deadline();
 }
 
 // A device stops transmitting before it gives its grant back: relinquishment
@@ -411,12 +410,13 @@ void run_authorized(Worker& w) {
         on_heartbeat_success(w, reply);
         return;
     }
-    log_refusal("Heartbeat", code);
     // Every refusal of an authorised heartbeat ends the authorisation: the
     // SAS has withdrawn or suspended the grant (500, 501, 105) or the device
     // is out of step with it.  Transmission stops at once, whatever the last
-    // transmitExpireTime allowed, and before anything is given back.
+    // transmitExpireTime allowed, and before anything is given back; the
+    // "0" goes before the line, whose system-log copy starts a process.
     withdraw_radio();
+    log_refusal("Heartbeat", code);
     switch (code) {
         case sas::kDeregister:
             relinquish(w);

@@ -70,7 +70,7 @@ def refuse_authorized_heartbeat(lab, reply, *later_replies):
 # (the firewall drops take processes, in the lab through wrappers) within
 # ALL_GATES.
 CEASED = 1.0
-ALL_GATES = 3.0
+ALL_GATES = 10.0
 
 
 def withdrawal_times(r, sim, refused_count, limit=6.0):
