@@ -40,6 +40,9 @@ def started_in(router, state):
     r.start_daemon()
     if radio == "1":
         assert settled(r, "closed"), r.log_text()[-2000:]
+        # The first pass clears the flag as it enters DP mode: the proxy's "1"
+        # comes after it, not merely after a quiet moment of the log.
+        assert r.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n", WITHIN_ONE_PASS)
         edit(r, "sasConfig", "RadioEnable", "1")
     assert settled(r, expected), r.log_text()[-2000:]
     return r
