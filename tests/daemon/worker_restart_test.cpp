@@ -66,7 +66,9 @@ TEST_F(WorkerControl, RestartWhoseOldWorkerOutlivesItsStopStartsTheNewOneAfterIt
     auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
     EXPECT_GE(seconds_since(begin), standalone::kWorkerStopWaitSeconds);
-    EXPECT_LT(seconds_since(begin), standalone::kWorkerStopWaitSeconds + 5.0);  // the pass around it
+    // The pass around it, its gate closes included (slow under the sanitizers);
+    // far below the 30 s the held relinquishment would take.
+    EXPECT_LT(seconds_since(begin), standalone::kWorkerStopWaitSeconds + 10.0);
     EXPECT_TRUE(worker_start_deferred());
     EXPECT_TRUE(supervision_test::all_gates_closed()) << supervision_test::describe_gates();
     EXPECT_NE(log_text().find("did not stop within 8 s"), std::string::npos) << log_text();

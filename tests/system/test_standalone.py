@@ -178,7 +178,8 @@ def test_refused_heartbeat_closes_gates(lab):
     assert r.wait_for(lambda: gates_closed(r), ONE_PASS + 2)
     print(f"\nMEASURE refused heartbeat -> gates closed: {time.monotonic() - refused_at:.1f} s")
     assert r.uci_get("sasConfig", "RadioEnable") == "0"
-    assert r.uci_get("operation", "status") == "Registered"
+    # The grant is given back once the gates are closed, and the status follows.
+    assert r.wait_for(lambda: r.uci_get("operation", "status") == "Registered", 5)
     assert "relinquishment" in endpoints(sim)
 
 
