@@ -40,7 +40,7 @@ constexpr int32_t kTransmitGraceSeconds = 30;
 constexpr int32_t kRenewalWindowOffset = -7200;
 // Once RadioEnable "0" is written, the supervision loop closes the gates;
 // this is its turn before the transmit guard closes them instead.
-constexpr uint32_t kLoopCloseTurnMs = 600;
+constexpr uint32_t kLoopCloseTurnMs = 400;
 // A grant is given back once the gates are closed, or after this long.
 constexpr uint32_t kGatesClosedWaitMs = 3000;
 

@@ -86,7 +86,7 @@ TEST_F(CeaseTransmission, TheLoopHasItsTurnBeforeTheGuard) {
     // Brought forward to the end of the loop's turn, not dropped: the guard
     // acts only if the loop has not closed the gates by then.
     EXPECT_GE(left, 0);
-    EXPECT_LE(left, 600);
+    EXPECT_LE(left, 400);
 }
 
 TEST_F(CeaseTransmission, GatesThatStayOpenHoldTheGrantBackAtMostThreeSeconds) {

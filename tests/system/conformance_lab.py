@@ -35,7 +35,7 @@ WITHDRAWAL_LIMIT = 1.0
 # with two suites at once, over 4 s with four).
 ALL_GATES_LIMIT = 10.0
 # How long the simulator samples the gates after such an answer.
-WATCH_SECONDS = 5
+WATCH_SECONDS = ALL_GATES_LIMIT + 1.5
 SAMPLED = "relinquishment,deregistration"
 
 
