@@ -115,7 +115,7 @@ def test_guard_closes_within_the_minute_while_rule_inserts_hang(lab):
     hang_rule_changes(r, "iptables")
     hang_rule_changes(r, "ebtables")
     try:
-        assert r.wait_for(lambda: r.ip_forward() == ("0", "0"), expire_at + 33 - time.monotonic())
+        assert r.wait_for(lambda: r.ip_forward() == ("0", "0"), expire_at + 36 - time.monotonic())
         closed = "[SAS] no valid transmit authorization, traffic stopped.\n"
         assert r.wait_for(lambda: closed in r.log_text()[mark:], expire_at + 50 - time.monotonic()), \
             r.log_text()[mark:][-3000:]
