@@ -124,6 +124,7 @@ void unauthorize_device_within_bounds(uint8_t announce) {
         base::error("[SAS] gate switch still busy, closing the gates alongside it.\n");
     close_all_gates();
     if (announce) base::notice_to_syslog("[SAS] device has been unauthorized.\n\n");
+    base::publish_gates_closed(true);  // the worker gives its grant back now
 }
 
 void recover_network() {
