@@ -46,7 +46,7 @@ private:
 };
 
 class CeaseTransmission : public QuickPasses {
-protected:
+public:
     // Authorized, with the gates open, and the next heartbeat refused.
     void refuse_next_heartbeat_while_open(int code) {
         authorize();
@@ -57,21 +57,24 @@ protected:
     }
 };
 
-TEST_F(CeaseTransmission, TerminatedGrantIsGivenBackOnlyAfterTheGatesClosed) {
-    refuse_next_heartbeat_while_open(500);
+// Refuses the next heartbeat with `code` while a stand-in loop closes the
+// gates 300 ms after the "0": returns what the SAS had received by then.
+Endpoints seen_when_the_gates_closed(CeaseTransmission& test, int code) {
+    test.refuse_next_heartbeat_while_open(code);
     GateCloser closer(300);
-    ASSERT_TRUE(PassGate::instance().steps(60));
-    Endpoints atClose = closer.seen_when_closed();
+    EXPECT_TRUE(PassGate::instance().steps(60));
+    return closer.seen_when_closed();
+}
+
+TEST_F(CeaseTransmission, TerminatedGrantIsGivenBackOnlyAfterTheGatesClosed) {
+    Endpoints atClose = seen_when_the_gates_closed(*this, 500);
     EXPECT_EQ(count_of(atClose, "heartbeat"), 2u);
     EXPECT_EQ(count_of(atClose, "relinquishment"), 0u);
     EXPECT_EQ(count_of(sim_endpoints(), "relinquishment"), 1u);
 }
 
 TEST_F(CeaseTransmission, DeregistrationLeavesOnlyAfterTheGatesClosed) {
-    refuse_next_heartbeat_while_open(105);
-    GateCloser closer(300);
-    ASSERT_TRUE(PassGate::instance().steps(60));
-    Endpoints atClose = closer.seen_when_closed();
+    Endpoints atClose = seen_when_the_gates_closed(*this, 105);
     EXPECT_EQ(count_of(atClose, "relinquishment"), 0u);
     EXPECT_EQ(count_of(atClose, "deregistration"), 0u);
     EXPECT_EQ(count_of(sim_endpoints(), "relinquishment"), 1u);
