@@ -171,6 +171,14 @@ TEST_F(ChildErrors, AProgramThatCannotBeStartedIsAStreakToo) {
     EXPECT_EQ(count(log_text(), "[SAS] no-such-tool-here a failed (exit 127): "), 1) << log_text();
 }
 
+TEST_F(ChildErrors, ASilentExit127IsAProgramThatCannotBeRun) {
+    // How qemu-user's child reports an exec failure on some targets.
+    EXPECT_EQ(run_status("exit 127"), 127 << 8);
+    EXPECT_EQ(count(log_text(), "failed (exit 127): cannot be started\n"), 1) << log_text();
+    EXPECT_EQ(run_status("exit 126"), 126 << 8);
+    EXPECT_EQ(count(log_text(), "(exit 126)"), 0) << log_text();
+}
+
 TEST_F(ChildErrors, AFloodOnStandardErrorNeitherBlocksTheChildNorTheDaemon) {
     auto start = std::chrono::steady_clock::now();
     // Far more than a pipe holds, from a command that is not read on standard output.
