@@ -39,3 +39,13 @@ function(cbsd_layer name)
     target_link_libraries(cbsd_${name} PUBLIC cbsd_${lower})
   endforeach()
 endfunction()
+
+# Declares every layer of a layer list (src/LAYERS): a line names a layer and
+# the layers it links to directly, bottom first; "#" starts a comment.
+function(cbsd_layers_from list_file)
+  file(STRINGS ${list_file} lines REGEX "^[a-z]")
+  foreach(line IN LISTS lines)
+    string(REGEX REPLACE "[ \t]+" ";" words "${line}")
+    cbsd_layer(${words})
+  endforeach()
+endfunction()

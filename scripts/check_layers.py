@@ -16,17 +16,23 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 
-# Each layer and the layers it may use, bottom first (cmake/layers.cmake
-# builds the same picture).
-BELOW = {
-    "base": [],
-    "config": ["base"],
-    "modem": ["base", "config"],
-    "sas": ["base", "config"],
-    "gating": ["base", "config", "modem"],
-    "standalone": ["base", "config", "modem", "sas"],
-    "daemon": ["base", "config", "modem", "sas", "gating", "standalone"],
-}
+
+
+def read_layers(path):
+    """Each layer of src/LAYERS and every layer below it, bottom first."""
+    below = {}
+    for line in path.read_text().splitlines():
+        words = line.split("#", 1)[0].split()
+        if words:
+            name, direct = words[0], words[1:]
+            seen = set(direct)
+            for lower in direct:
+                seen |= set(below[lower])
+            below[name] = sorted(seen, key=list(below).index)
+    return below
+
+
+BELOW = read_layers(ROOT / "src" / "LAYERS")
 SEAM = pathlib.Path("src/base/system.cpp")
 PROCESS_CALL = re.compile(r"popen|std::system|posix_spawn|fork|exec[lv]")
 NUMERIC_LOG = re.compile(r"\blog\(\s*\d+\s*,")

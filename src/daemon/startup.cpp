@@ -164,7 +164,7 @@ int run_daemon() {
         base::detach_from_terminal();
 
     ensure_work_dir();
-    base::notice("\n[SAS] SAS Version 3.1\n");
+    base::notice("\n[SAS] SAS Version " CBSD_VERSION "\n");  // VERSION, through the build
 
     gating::clear_cbsd_state();
     set_initial_traffic_state();
