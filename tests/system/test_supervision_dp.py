@@ -5,17 +5,14 @@ import time
 
 import pytest
 
-from lab import device_config, fail_closed
+from lab import fail_closed
+from lab.device_config import dp_config
 from lab.rules import ADD_ICMP_DROP, BRIDGE_DROPS, DELETE_ICMP_DROP, ICMP_DROP
 from lab.timing import PASS_SECONDS, WITHIN_ONE_PASS
 
 
-def sas_config(enable_mode="0", **more):
-    return device_config.dp_config(enable_mode=enable_mode, **more)
-
-
 def start(dp_router, **config):
-    r = dp_router(sas_config=sas_config(**config))
+    r = dp_router(sas_config=dp_config(**config))
     r.start_daemon()
     return r
 
@@ -23,7 +20,7 @@ def start(dp_router, **config):
 @pytest.fixture
 def dp_enabled(dp_router):
     """A daemon in DP mode with SAS on and the radio off: all gates closed."""
-    r = start(dp_router, enable_mode="1", usedp="1")
+    r = start(dp_router, enable_mode="1")
     assert r.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n")
     assert r.wait_for(r.gates_closed, WITHIN_ONE_PASS)
     # Pass 1 unauthorises twice: on SAS enable and on the radio flag, which
@@ -35,7 +32,7 @@ def dp_enabled(dp_router):
 
 
 def test_starting_with_sas_disabled_opens_traffic_and_says_so_once(dp_router):
-    r = dp_router(sas_config=sas_config(enable_mode="0"))
+    r = dp_router(sas_config=dp_config(enable_mode="0"))
     r.run(ADD_ICMP_DROP)
     r.start_daemon()
     assert r.wait_for_log("[SAS] sas disable.\n")
@@ -55,7 +52,7 @@ def test_starting_with_sas_disabled_opens_traffic_and_says_so_once(dp_router):
 
 
 def test_enabling_sas_in_dp_mode_closes_all_three_gates(dp_router):
-    r = start(dp_router, enable_mode="0", usedp="1")
+    r = start(dp_router, enable_mode="0")
     assert r.wait_for_log("[SAS] sas disable.\n")
     assert r.wait_for(r.gates_open, 3)
     mark = r.edit("config", "enableMode", "1")
@@ -94,7 +91,7 @@ def test_proxy_radio_switch_opens_and_closes_the_gates(dp_enabled):
 
 
 def test_radio_changes_while_sas_is_off_change_nothing(dp_router):
-    r = start(dp_router, enable_mode="0", usedp="1")
+    r = start(dp_router, enable_mode="0")
     assert r.wait_for_log("[SAS] sas disable.\n")
     mark = r.edit("sasConfig", "RadioEnable", "1")
     assert r.wait_for_log_after(mark, "[SAS] radioEnable change: 0 -> 1\n")
@@ -239,7 +236,7 @@ def test_missing_configuration_file_keeps_traffic_stopped(dp_router):
     assert "sas disable" not in text and "no value" not in text
 
     mark = len(text)
-    r.write_file("/etc/config/sas", sas_config(enable_mode="0"))
+    r.write_file("/etc/config/sas", dp_config(enable_mode="0"))
     assert r.wait_for_log_after(mark, "[SAS] /etc/config/sas can be read again.\n")
     assert r.wait_for_log_after(mark, "[SAS] sas disable.\n")
     assert r.wait_for(r.gates_open, 3), r.gate_state()
