@@ -89,7 +89,7 @@ def test_sigkill_then_restart(lab, state):
     if state == "authorized":
         # The SAS still answers: the restarted daemon earns a new authorisation
         # (the sampler checks that it never opens without one).
-        assert r.wait_for(r.gates_open and r.wait_status("Authorized", 1), 60)
+        assert r.wait_for(lambda: r.gates_open() and r.wait_status("Authorized", 1), 60)
         return
     # Nothing can authorise it: closed within a pass of the restart, and it stays so.
     assert r.wait_for(r.gates_closed, ONE_PASS)
