@@ -8,40 +8,37 @@ import os
 import shutil
 import subprocess
 import sys
-import tempfile
 import threading
 import time
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+# The demo runs as a program: tests/ is the root of the lab's imports.
 sys.path.insert(0, os.path.join(REPO, "tests"))
-sys.path.insert(0, os.path.join(REPO, "tests", "sas_sim"))
 
-import pki  # noqa: E402
-from client import SasSim  # noqa: E402
-from lab import device_config  # noqa: E402
-from lab.router import VirtualRouter  # noqa: E402
+from lab import device_config, sas_lab  # noqa: E402
+from lab.gates import listing_or_none  # noqa: E402
+from lab.router import RouterError, VirtualRouter  # noqa: E402
+from lab.rules import ICMP_DROP  # noqa: E402
 
 DAEMON = os.path.join(REPO, "build", "cbsd")
 # A steady pass of the daemon's loop sleeps 5 s; give a change one pass and
 # some slack on a busy machine.
 ONE_PASS = 12
 
-DP_CONFIG = (
-    "config config 'config'\n"
-    "\toption enableMode '0'\n"
-    "\toption usedp '1'\n"
-    "\toption callSign 'DEMO'\n"
-    "\n"
-    "config cpi 'cpi'\n"
-    "\n"
-    "config sasConfig 'sasConfig'\n"
-    "\toption RadioEnable '0'\n"
-    "\n"
-    "config operation 'operation'\n"
-    "\toption status 'Unregistered'\n"
-    "\n"
-    "config cellInfo 'cellInfo'\n"
-)
+
+def demo_config(address=device_config.UNREACHABLE_SAS, enable_mode="0", usedp="1"):
+    return device_config.sas_config(address, enable_mode=enable_mode, usedp=usedp,
+                                    user_id="demo-user", call_sign="DEMO")
+
+
+def set_option(router, section, option, value):
+    """Writes one option as the management interface would, again until it
+    has stuck (the daemon rewrites the whole file on its own writes)."""
+    print(f"    uci set sas.{section}.{option}='{value}'", flush=True)
+    try:
+        router.set_option(section, option, value, attempts=10)
+    except RouterError as error:
+        raise SystemExit(f"demo failed: {error}")
 
 
 class Demo:
@@ -61,29 +58,16 @@ class Demo:
         print(f"    {text}", flush=True)
 
     def wait_for_log(self, text, timeout=ONE_PASS):
-        if not self.r.wait_for(lambda: text in self.r.log_text()[self.mark:], timeout):
+        if not self.r.wait_for_log_after(self.mark, text, timeout):
             raise SystemExit(f"demo failed: the daemon did not log {text!r}")
 
     def wait_until(self, what, predicate, timeout=ONE_PASS):
         if not self.r.wait_for(predicate, timeout):
             raise SystemExit(f"demo failed: {what}")
 
-    def wait_until_quiet(self, quiet=1.5):
-        """Lets the daemon finish its pass before the next edit."""
-        size, since = len(self.r.log_text()), time.monotonic()
-        while time.monotonic() - since < quiet:
-            time.sleep(0.1)
-            now = len(self.r.log_text())
-            if now != size:
-                size, since = now, time.monotonic()
-
-    def set_option(self, section, option, value):
-        self.say(f"uci set sas.{section}.{option}='{value}'")
-        self.r.uci_set(section, option, value)
-
     def show_daemon_log(self):
         print("  daemon log:")
-        for line in self.r.log_text()[self.mark:].splitlines():
+        for line in self.r.log_after(self.mark).splitlines():
             text = line.split("]", 1)[1] if line.startswith("[") and "]" in line else line
             if text.strip():
                 print(f"    | {text}")
@@ -92,8 +76,6 @@ class Demo:
         ipv4, ipv6 = self.r.ip_forward()
         rules = [rule for rule in self.r.iptables_rules() if not rule.startswith("-P ")]
         bridge = self.r.ebtables_rules()
-        status = self.r.uci_get("operation", "status")
-        radio = self.r.uci_get("sasConfig", "RadioEnable")
         print("  router state:")
         print(f"    ip_forward: IPv4 {ipv4}, IPv6 {ipv6}")
         print("    iptables -S OUTPUT:" + ("" if rules else " (no rules)"))
@@ -102,31 +84,38 @@ class Demo:
         print("    ebtables -L BRIDGE_FORWARD:" + ("" if bridge else " (no rules)"))
         for rule in bridge:
             print(f"      {rule}")
-        print(f"    sas.operation.status={status}  sas.sasConfig.RadioEnable={radio}")
-        verdict = "OPEN" if self.gates_open() else "CLOSED" if self.gates_closed() else "MIXED"
+        print(f"    sas.operation.status={self.r.status()}  "
+              f"sas.sasConfig.RadioEnable={self.r.uci_get('sasConfig', 'RadioEnable')}")
+        verdict = ("OPEN" if self.r.gates_open() else
+                   "CLOSED" if self.r.gates_closed() else "MIXED")
         print(f"  => LAN traffic gates: {verdict}", flush=True)
 
-    def gates_closed(self):
-        return (self.r.ip_forward() == ("0", "0")
-                and "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP" in self.r.iptables_rules()
-                and len(self.r.ebtables_rules()) == 2)
-
-    def gates_open(self):
-        return (self.r.ip_forward() == ("1", "1")
-                and not any("DROP" in rule for rule in self.r.iptables_rules())
-                and not self.r.ebtables_rules())
-
     def finish_step(self):
-        self.wait_until_quiet()
+        try:
+            self.r.wait_until_quiet(timeout=30)
+        except RouterError as error:
+            raise SystemExit(f"demo failed: {error}")
         self.show_daemon_log()
         self.show_traffic_state()
+
+    def change(self, title, option, log_line, gates):
+        """One step of the DP story: the management interface or the proxy
+        writes an option, the daemon logs log_line and the gates follow."""
+        self.step(title)
+        set_option(self.r, *option)
+        self.wait_for_log(log_line)
+        if gates == "open":
+            self.wait_until("the gates did not open", self.r.gates_open)
+        else:
+            self.wait_until("the gates did not close", self.r.gates_closed)
+        self.finish_step()
 
 
 def dp_story(router_factory):
     """DP mode: a domain proxy talks to the SAS and writes the radio switch;
     the daemon turns it into the router's traffic gates."""
     print("\n##### DP mode: the domain proxy decides, the daemon gates the traffic")
-    with router_factory(sas_config=DP_CONFIG) as router:
+    with router_factory(sas_config=demo_config()) as router:
         demo = Demo(router)
 
         demo.step("start cbsd with SAS disabled (traffic must stay open)")
@@ -134,17 +123,12 @@ def dp_story(router_factory):
         demo.wait_for_log("[SAS] device network has been recovered.", 30)
         demo.finish_step()
 
-        demo.step("the management interface enables SAS in DP mode: all gates close")
-        demo.set_option("config", "enableMode", "1")
-        demo.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n")
-        demo.wait_until("the gates did not close", demo.gates_closed)
-        demo.finish_step()
-
-        demo.step("the domain proxy reports the SAS authorised transmission: gates open")
-        demo.set_option("sasConfig", "RadioEnable", "1")
-        demo.wait_for_log("[SAS] device has been authorized.")
-        demo.wait_until("the gates did not open", demo.gates_open)
-        demo.finish_step()
+        demo.change("the management interface enables SAS in DP mode: all gates close",
+                    ("config", "enableMode", "1"),
+                    "[SAS] CPE is communicating with SAS using DP.\n", "closed")
+        demo.change("the domain proxy reports the SAS authorised transmission: gates open",
+                    ("sasConfig", "RadioEnable", "1"), "[SAS] device has been authorized.",
+                    "open")
 
         demo.step("someone closes forwarding behind the daemon's back: repaired within one pass")
         router.set_ip_forward(0)
@@ -152,17 +136,12 @@ def dp_story(router_factory):
         demo.wait_until("forwarding was not repaired", lambda: router.ip_forward()[0] == "1")
         demo.finish_step()
 
-        demo.step("the domain proxy withdraws the authorisation: gates close again")
-        demo.set_option("sasConfig", "RadioEnable", "0")
-        demo.wait_for_log("[SAS] device has been unauthorized.")
-        demo.wait_until("the gates did not close", demo.gates_closed)
-        demo.finish_step()
-
-        demo.step("the management interface disables SAS: traffic is recovered")
-        demo.set_option("config", "enableMode", "0")
-        demo.wait_for_log("[SAS] device network has been recovered.")
-        demo.wait_until("the gates did not open", demo.gates_open)
-        demo.finish_step()
+        demo.change("the domain proxy withdraws the authorisation: gates close again",
+                    ("sasConfig", "RadioEnable", "0"), "[SAS] device has been unauthorized.",
+                    "closed")
+        demo.change("the management interface disables SAS: traffic is recovered",
+                    ("config", "enableMode", "0"), "[SAS] device network has been recovered.",
+                    "open")
 
         router.stop_daemon()
     print("\nDP story done: the router is torn down.")
@@ -170,28 +149,12 @@ def dp_story(router_factory):
 
 # The simulator grants with this heartbeat period, short so the story is quick.
 HEARTBEAT_INTERVAL = 5
-ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
 # Where the simulator's control socket and the test PKI live: inside the
 # router /tmp and /root are private, the build tree is shared with the host.
 BUILD_DIR = os.path.join(REPO, "build")
 # Generous limits: each change needs at most a pass or two of the loop (5 s).
 REGISTRATION_LIMIT = 40
 RELEASE_LIMIT = 30
-
-
-def standalone_config(sas_url, enable_mode):
-    return device_config.sas_config(sas_url, enable_mode=enable_mode, user_id="demo-user",
-                                    call_sign="DEMO")
-
-
-def install_device_credentials(router, pki_dir):
-    """The device's client certificate, key and the SAS CA, where the cert
-    section above names them."""
-    for folder, name, source in (("clientCert", "cbsd.pem", "client.pem"),
-                                 ("clientKey", "cbsd.key", "client.key"),
-                                 ("serverCA", "ca.pem", "ca.pem")):
-        with open(os.path.join(pki_dir, source)) as f:
-            router.write_file(f"/root/sas/cert/{folder}/{name}", f.read(), mode=0o600)
 
 
 def summarize_request(record):
@@ -212,15 +175,6 @@ def summarize_request(record):
         if "maxEirp" in operation:
             details.append(f"maxEirp={operation['maxEirp']}")
     return f"{endpoint}" + (f" ({', '.join(details)})" if details else "")
-
-
-def _listing(read):
-    # A listing taken while the daemon changes a rule can fail (nf_tables);
-    # such a sample is skipped rather than shown as a change.
-    try:
-        return read()
-    except Exception:  # noqa: BLE001
-        return None
 
 
 class StatusTracker(threading.Thread):
@@ -279,8 +233,8 @@ class LiveView:
     def gates(self):
         """ip_forward, whether the ICMP drop is in OUTPUT, the bridge drop
         rules; None for a listing that failed this time."""
-        iptables = _listing(self.r.iptables_rules)
-        bridge = _listing(self.r.ebtables_rules)
+        iptables = listing_or_none(self.r.iptables_rules)
+        bridge = listing_or_none(self.r.ebtables_rules)
         return {
             "ip_forward": "IPv4 {} IPv6 {}".format(*self.r.ip_forward()),
             "iptables OUTPUT": None if iptables is None else
@@ -288,11 +242,6 @@ class LiveView:
             "ebtables BRIDGE_FORWARD": None if bridge is None else
             (", ".join(bridge) if bridge else "no rules"),
         }
-
-    def gates_open(self):
-        return (self.state.get("ip_forward") == "IPv4 1 IPv6 1"
-                and self.state.get("iptables OUTPUT") == "no DROP rule"
-                and self.state.get("ebtables BRIDGE_FORWARD") == "no rules")
 
     def poll(self):
         """Prints, in time order, what changed since the last poll."""
@@ -329,7 +278,7 @@ class LiveView:
         self.tracker.stop()
 
     def summary(self):
-        verdict = "OPEN" if self.gates_open() else "not open"
+        verdict = "OPEN" if self.r.gates_open() else "not open"
         print(f"  => operation.status={self.state.get('operation.status')}, "
               f"RadioEnable={self.state.get('sasConfig.RadioEnable')}, "
               f"LAN traffic gates {verdict}", flush=True)
@@ -381,38 +330,22 @@ class LiveView:
         return [record["endpoint"] for record in self.sim.requests()]
 
 
-def set_option_surely(router, section, option, value):
-    """Writes one option as the management interface would.  The daemon
-    rewrites the whole file on each of its own writes, so a write racing with
-    one of them can be lost; it is made again until it has stuck."""
-    print(f"    uci set sas.{section}.{option}='{value}'", flush=True)
-    for _ in range(10):
-        router.uci_set(section, option, value)
-        time.sleep(0.3)
-        if router.uci_get(section, option) == value:
-            return
-    raise SystemExit(f"demo failed: sas.{section}.{option} did not keep {value!r}")
-
-
 def standalone_story(router_factory):
     """StandAlone mode: the daemon itself talks to the SAS (the bundled
     simulator inside the router) and opens the gates only while authorised."""
     print("\n##### StandAlone mode: the daemon talks to the SAS itself")
     story_started = time.monotonic()
-    pki_dir = pki.generate(os.path.join(BUILD_DIR, "demo-pki"))
-    control_dir = tempfile.mkdtemp(prefix="demo-sas-sim-", dir=BUILD_DIR)
-    view = None
+    pki_dir = sas_lab.shared_pki(os.path.join(BUILD_DIR, "demo-pki"))
+    view = sim = None
     try:
-        with router_factory(sas_config=standalone_config("https://127.0.0.1:1/v1.2", "0")) as router:
+        with router_factory(sas_config=demo_config(usedp="0")) as router:
             print("\n=== Step 1: a SAS in the router (the simulator, heartbeatInterval "
                   f"{HEARTBEAT_INTERVAL} s) and the device's TLS credentials in /root/sas/cert")
-            install_device_credentials(router, pki_dir)
-            router.spawn(SasSim.command(control_dir, pki_dir,
-                                        extra=["--heartbeat-interval", str(HEARTBEAT_INTERVAL)]),
-                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            sim = SasSim(control_dir)
-            sim.wait_ready()
-            router.write_file("/etc/config/sas", standalone_config(sim.url, "0"))
+            sas_lab.install_credentials(router, pki_dir)
+            sim = sas_lab.start_simulator(
+                router, pki_dir, ["--heartbeat-interval", str(HEARTBEAT_INTERVAL)],
+                prefix="demo-sas-sim-", stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            router.write_file("/etc/config/sas", demo_config(sim.url, usedp="0"))
             print(f"    SAS listening at {sim.url} (mutual TLS); sas.config.address set to it")
 
             print("\n=== Step 2: start cbsd with SAS disabled (traffic stays open)")
@@ -420,15 +353,15 @@ def standalone_story(router_factory):
             view = LiveView(router, sim)
             view.until("the daemon did not recover the network at start",
                        lambda: view.logged_since(0, "[SAS] device network has been recovered."), 20)
-            view.until("the gates did not open", view.gates_open, 10)
+            view.until("the gates did not open", router.gates_open, 10)
             view.summary()
 
             print("\n=== Step 3: the management interface enables SAS in StandAlone mode")
-            set_option_surely(router, "config", "usedp", "0")
-            set_option_surely(router, "config", "enableMode", "1")
+            set_option(router, "config", "usedp", "0")
+            set_option(router, "config", "enableMode", "1")
             view.until("the daemon did not register, get a grant and get authorised",
                        lambda: view.state.get("operation.status") == "Authorized"
-                       and view.gates_open()
+                       and router.gates_open()
                        and view.logged_since(0, "[SAS] device has been authorized."),
                        REGISTRATION_LIMIT)
             beats = len(sim.requests("heartbeat"))
@@ -436,27 +369,28 @@ def standalone_story(router_factory):
             view.until("two more heartbeats did not arrive",
                        lambda: len(sim.requests("heartbeat")) >= beats + 2,
                        3 * HEARTBEAT_INTERVAL + 10)
-            view.until("the gates did not stay open", view.gates_open, 1)
+            view.until("the gates did not stay open", router.gates_open, 1)
             view.summary()
 
             print("\n=== Step 4: the management interface disables SAS")
             view.poll()
             mark = view.log_mark()
-            set_option_surely(router, "config", "enableMode", "0")
+            set_option(router, "config", "enableMode", "0")
             view.until("the grant was not relinquished and the device not deregistered",
                        lambda: view.endpoints()[-2:] == ["relinquishment", "deregistration"],
                        RELEASE_LIMIT)
             view.until("the traffic was not recovered (state Unregistered, gates open)",
                        lambda: view.logged_since(mark, "[SAS] device network has been recovered.")
                        and view.state.get("operation.status") == "Unregistered"
-                       and view.gates_open(), RELEASE_LIMIT)
+                       and router.gates_open(), RELEASE_LIMIT)
             view.summary()
             print(f"\n    the SAS saw: {', '.join(view.endpoints())}")
             view.close()
     finally:
         if view is not None:
             view.close()
-        shutil.rmtree(control_dir, ignore_errors=True)
+        if sim is not None:
+            shutil.rmtree(sim.control_dir, ignore_errors=True)
     print(f"\nStandAlone story done in {time.monotonic() - story_started:.0f} s: "
           "the router and the simulator are torn down.")
 

@@ -13,6 +13,8 @@ commands in tests/lab/nft-tools (on the PATH of the tests' commands, never on
 the daemon's) change them."""
 import re
 
+from .rules import ICMP_DROP, ICMP_DROP_SPEC, LAN_ECHO_ACCEPT, LAN_ECHO_ACCEPT_SPEC
+
 OUR_TABLE = "cbsd"
 LAB_TABLE = "lab"
 OUTPUT_CHAIN = ("inet", "output", "type filter hook output priority 0; policy accept;")
@@ -22,11 +24,10 @@ OUR_VLANS = ("eth1.112", "usb0.112")
 # (iptables -S line, rule spec as given to -I/-A/-D, nft rule to add,
 #  nft rule as listed, table)
 ICMP_RULES = [
-    ("-A OUTPUT -o br-lan -p icmp -m icmp --icmp-type 8/0 -j ACCEPT",
-     "-o br-lan -p icmp --icmp-type 8/0 -j ACCEPT",
+    (LAN_ECHO_ACCEPT, LAN_ECHO_ACCEPT_SPEC,
      'oifname "br-lan" icmp type echo-request icmp code 0 accept',
      'oifname "br-lan" icmp type echo-request icmp code net-unreachable accept', OUR_TABLE),
-    ("-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP", "-p icmp --icmp-type 8 -j DROP",
+    (ICMP_DROP, ICMP_DROP_SPEC,
      "icmp type echo-request drop", "icmp type echo-request drop", OUR_TABLE),
     ("-A OUTPUT -p tcp -m tcp --dport 22 -j ACCEPT", "-p tcp --dport 22 -j ACCEPT",
      "tcp dport 22 accept", "tcp dport 22 accept", LAB_TABLE),

@@ -24,59 +24,49 @@ import sys
 import tempfile
 import time
 
+import perf_setup as perf
+from lab.gates import ALL_GATES
+
 PERF_DIR = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, PERF_DIR)
-import perf_setup as perf  # noqa: E402
 
 ENABLED_LOG = "[SAS] sas enable.\n"
 
 
-def gates(r):
-    """(ip_forward on, ICMP drop absent, bridge drop absent)."""
-    ipv4, _ = r.ip_forward()
-    icmp_open = not any("--icmp-type 8 -j DROP" in line for line in r.iptables_rules())
-    bridge_open = not any("-j DROP" in line for line in r.ebtables_rules())
-    return ipv4 == "1", icmp_open, bridge_open
+def all_open(r):
+    return r.open_gates() == ALL_GATES
+
+
+def none_open(r):
+    return not r.open_gates()
 
 
 def one_latency_trial(cbsd, pki_dir, workdir):
-    control_dir = tempfile.mkdtemp(prefix="cbsd-lat-sim-", dir=workdir)
     with perf.VirtualRouter(sas_config=perf.sas_config("0", "0", "0"), cbsd_bin=cbsd) as r:
-        for sub, name, source in (("clientCert", "cbsd.pem", "client.pem"),
-                                  ("clientKey", "cbsd.key", "client.key"),
-                                  ("serverCA", "ca.pem", "ca.pem")):
-            with open(os.path.join(pki_dir, source)) as f:
-                r.write_file(f"/root/sas/cert/{sub}/{name}", f.read(), mode=0o600)
-        perf.SasSim.prepare(control_dir)
-        proc = r.spawn(perf.SasSim.command(control_dir, pki_dir, extra=[
-            "--heartbeat-interval", str(perf.HEARTBEAT_INTERVAL),
-            "--transmit-seconds", str(perf.TRANSMIT_SECONDS)]))
-        sim = perf.SasSim(control_dir, proc)
-        sim.wait_ready()
+        sim = perf.simulator_in(r, pki_dir, workdir, "cbsd-lat-sim-")
         r.write_file(perf.SAS_CONFIG, perf.sas_config("0", "0", "0", address=sim.url))
         spawned = r.spawn([r.cbsd_bin, "-d"], daemon=True, stdout=subprocess.DEVNULL,
                           stderr=subprocess.DEVNULL)
         try:
-            if not r.wait_for(lambda: all(gates(r)), 30):
+            if not r.wait_for(lambda: all_open(r), 30):
                 raise RuntimeError("gates never open with SAS off")
             time.sleep(6)  # past the first passes: a steady sleep is under way
             start = time.monotonic()
             r.uci_set("config", "enableMode", "1")
-            if not r.wait_for(lambda: not any(gates(r)), 60, interval=0.02):
+            if not r.wait_for(lambda: none_open(r), 60, interval=0.02):
                 raise RuntimeError("gates never closed after enabling SAS")
-            if not r.wait_for(lambda: all(gates(r)), 90, interval=0.02):
+            if not r.wait_for(lambda: all_open(r), 90, interval=0.02):
                 raise RuntimeError("gates never opened after enabling SAS")
             enable_to_open = time.monotonic() - start
             time.sleep(2)
             start = time.monotonic()
             r.uci_set("sasConfig", "RadioEnable", "0")
-            if not r.wait_for(lambda: not any(gates(r)), 30, interval=0.02):
+            if not r.wait_for(lambda: none_open(r), 30, interval=0.02):
                 raise RuntimeError("gates never closed after RadioEnable 0")
             radio_off_to_closed = time.monotonic() - start
         finally:
             spawned.kill()
             spawned.wait()
-            proc.terminate()
+            sim.process.terminate()
     return enable_to_open, radio_off_to_closed
 
 

@@ -27,13 +27,11 @@ import tempfile
 import threading
 import time
 
-PERF_DIR = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, PERF_DIR)
-import daemon_watch  # noqa: E402
-import perf_setup  # noqa: E402
-import scenarios  # noqa: E402
-import trace_summary  # noqa: E402
-from lab.router import VirtualRouter  # noqa: E402
+import perf_setup  # first: tests/ on the import path
+import daemon_watch
+import scenarios
+import trace_summary
+from lab.router import VirtualRouter
 
 FLAVOURS = ("legacy", "ebtables-nft", "nftables")
 STATES = {"radio on": ("1", "1"), "radio off": ("1", "0"), "SAS off": ("0", "0")}

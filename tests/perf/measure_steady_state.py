@@ -54,10 +54,9 @@ import sys
 import tempfile
 import threading
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from perf_setup import REPO_DIR, pki, sas_config  # noqa: E402
-from scenarios import Run, dp_run, run_pair, standalone_run  # noqa: E402
-from steady_report import report_dp, report_standalone  # noqa: E402
+from perf_setup import REPO_DIR, pki, sas_config
+from scenarios import Run, dp_run, run_pair, standalone_run
+from steady_report import report_dp, report_standalone
 
 
 def main():

@@ -3,13 +3,11 @@ pass, and a StandAlone daemon kept Authorized by the simulator, each run
 traced and plain side by side."""
 import collections
 import os
-import tempfile
 import threading
 import time
 
 from daemon_watch import PassWatch, cpu_seconds, start_daemon
-from perf_setup import (HEARTBEAT_INTERVAL, SAS_CONFIG, STARTUP_SECONDS, TRANSMIT_SECONDS,
-                        SasSim, VirtualRouter, sas_config)
+from perf_setup import SAS_CONFIG, STARTUP_SECONDS, VirtualRouter, sas_config, simulator_in
 from trace_summary import read_trace, summarize
 
 
@@ -94,19 +92,8 @@ def bench_commands(r, programs, repeats=5):
 
 
 def standalone_run(run, pki_dir, seconds):
-    control_dir = tempfile.mkdtemp(prefix="cbsd-perf-sim-", dir=run.workdir)
     with VirtualRouter(sas_config=sas_config("0", "0", "0"), cbsd_bin=run.cbsd) as r:
-        for sub, name, source in (("clientCert", "cbsd.pem", "client.pem"),
-                                  ("clientKey", "cbsd.key", "client.key"),
-                                  ("serverCA", "ca.pem", "ca.pem")):
-            with open(os.path.join(pki_dir, source)) as f:
-                r.write_file(f"/root/sas/cert/{sub}/{name}", f.read(), mode=0o600)
-        SasSim.prepare(control_dir)
-        proc = r.spawn(SasSim.command(control_dir, pki_dir, extra=[
-            "--heartbeat-interval", str(HEARTBEAT_INTERVAL),
-            "--transmit-seconds", str(TRANSMIT_SECONDS)]))
-        sim = SasSim(control_dir, proc)
-        sim.wait_ready()
+        sim = simulator_in(r, pki_dir, run.workdir, "cbsd-perf-sim-")
         r.write_file(SAS_CONFIG, sas_config("1", "0", "0", address=sim.url))
         spawned, pid = start_daemon(r, run.traced, run.trace_path, run.out_path)
         if not r.wait_for(lambda: r.uci_get("operation", "status") == "Authorized"
@@ -127,7 +114,7 @@ def standalone_run(run, pki_dir, seconds):
         run.keep_log(r)
         spawned.kill()
         spawned.wait()
-        proc.terminate()
+        sim.process.terminate()
         hours = (end - start) / 3600
         run.result = {
             "seconds": end - start, "hours": hours,

@@ -11,6 +11,13 @@ def merged(runs):
     return traced.result, plain.result
 
 
+def report(print_results, runs, *args):
+    """print_results(traced, plain, *args) when both runs of a pair have a result."""
+    traced, plain = merged(runs)
+    if traced and plain:
+        print_results(traced, plain, *args)
+
+
 def print_programs(result, divisor, unit):
     print(f"    processes started ({unit}), by program (execve):")
     for program, count in result.get("programs", {}).most_common():
@@ -28,9 +35,10 @@ def print_programs(result, divisor, unit):
 
 
 def report_dp(name, runs):
-    traced, plain = merged(runs)
-    if not traced or not plain:
-        return
+    report(print_dp, runs, name)
+
+
+def print_dp(traced, plain, name):
     n = traced["passes"]
     print(f"\n== {name}: {n} steady passes ({traced['seconds']:.1f} s traced, "
           f"{plain['seconds']:.1f} s plain)")
@@ -56,9 +64,10 @@ def report_dp(name, runs):
 
 
 def report_standalone(runs):
-    traced, plain = merged(runs)
-    if not traced or not plain:
-        return
+    report(print_standalone, runs)
+
+
+def print_standalone(traced, plain):
     h = traced["hours"]
     print(f"\n== StandAlone Authorized, heartbeatInterval {HEARTBEAT_INTERVAL}: "
           f"{traced['seconds']:.0f} s traced, {plain['seconds']:.0f} s plain")

@@ -1,6 +1,6 @@
 """Python side of the SAS simulator: start it, script it, read what it saw.
 
-    from tests.sas_sim.client import SasSim          # or put tests/sas_sim on sys.path
+    from sas_sim.client import SasSim                 # with tests/ on the path
     pki_dir = pki.generate("/some/dir/pki")
     with SasSim.start(control_dir, pki_dir) as sim:   # runs it as a child process
         sim.push("grant", responseCode=401, responseData=["grant-7"])

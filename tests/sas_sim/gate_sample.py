@@ -2,15 +2,16 @@
 simulator itself when it runs inside the virtual router: what the device
 looked like at the moment a request arrived, or in the seconds after a reply
 (a SAS answer that withdraws the grant).  Inside the router the simulator sees
-the router's forwarding switches, firewall and /etc/config/sas directly."""
+the router's forwarding switches, firewall and /etc/config/sas directly, and
+the router gives it tests/ on PYTHONPATH: the rule texts are the lab's
+(tests/lab/rules.py).  Elsewhere (the C++ tests start the simulator as a
+program of its own) no sample is ever asked for."""
 import re
 import shutil
 import subprocess
 import threading
 import time
 
-ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
-BRIDGE_DROPS = ("-o eth1.112+ -j DROP", "-o usb0.112+ -j DROP")
 SAS_CONFIG = "/etc/config/sas"
 _RADIO_ENABLE = re.compile(r"^\s*option\s+RadioEnable\s+'?([^'\s]*)'?\s*$", re.M)
 
@@ -55,6 +56,8 @@ def _listings(*commands, attempts=3):
 def sample():
     """{"started", "time", "forwarding": [ipv4, ipv6], "icmp_drop", "bridge_drops",
     "radio_enable", "closed"}; a listing that fails reads as not closed."""
+    from lab.rules import BRIDGE_DROPS, ICMP_DROP  # only inside the router: see above
+
     started = time.time()
     forwarding = [(_read(p) or "?").strip() for p in
                   ("/proc/sys/net/ipv4/ip_forward", "/proc/sys/net/ipv6/conf/all/forwarding")]

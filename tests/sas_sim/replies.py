@@ -1,7 +1,9 @@
 """Reply bodies of the simulator: the plausible default element of each
 endpoint's reply and the reply specs of the control protocol (README.md)."""
+import calendar
 import datetime
 import json
+import time
 
 TIME_FORMAT = "%Y-%m-%dT%H:%M:%SZ"
 HTML_ERROR_PAGE = ("<html><head><title>500 Internal Server Error</title></head>"
@@ -90,3 +92,25 @@ def build_body(endpoint, request_json, spec, state):
         first.pop(name, None)
     elements.extend(expand_times(spec.get("append_elements", [])))
     return json.dumps({f"{endpoint}Response": elements}, indent=2)
+
+
+def transmit_expire_of(body):
+    """Seconds since the epoch of the first heartbeat success's
+    transmitExpireTime in a reply body, or None when it holds none."""
+    try:
+        elements = json.loads(body).get("heartbeatResponse")
+    except (ValueError, AttributeError):
+        return None
+    for element in elements if isinstance(elements, list) else []:
+        if not isinstance(element, dict):
+            continue
+        response = element.get("response")
+        code = response.get("responseCode") if isinstance(response, dict) else None
+        if type(code) is not int or code != 0:
+            continue
+        try:
+            moment = time.strptime(element.get("transmitExpireTime"), TIME_FORMAT)
+        except (TypeError, ValueError):
+            return None
+        return calendar.timegm(moment)
+    return None

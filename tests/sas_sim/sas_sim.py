@@ -8,7 +8,6 @@ control directory, so a test process in another network namespace can drive it
 as long as it sees that directory.  See README.md for the control protocol.
 """
 import argparse
-import calendar
 import copy
 import json
 import os
@@ -22,7 +21,7 @@ import time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 import gate_sample
-from replies import build_body
+from replies import build_body, transmit_expire_of
 from sim_tls import VERSIONS, make_context, subject_text
 
 ENDPOINTS = ("registration", "spectrumInquiry", "grant", "heartbeat", "relinquishment",
@@ -83,28 +82,6 @@ class SimState:
             self.requests.append(entry)
             with open(self.record_path, "a") as f:
                 f.write(json.dumps(entry) + "\n")
-
-
-def transmit_expire_of(body):
-    """Seconds since the epoch of the first heartbeat success's
-    transmitExpireTime in a reply body, or None when it holds none."""
-    try:
-        elements = json.loads(body).get("heartbeatResponse")
-    except (ValueError, AttributeError):
-        return None
-    for element in elements if isinstance(elements, list) else []:
-        if not isinstance(element, dict):
-            continue
-        response = element.get("response")
-        code = response.get("responseCode") if isinstance(response, dict) else None
-        if type(code) is not int or code != 0:
-            continue
-        try:
-            moment = time.strptime(element.get("transmitExpireTime"), "%Y-%m-%dT%H:%M:%SZ")
-        except (TypeError, ValueError):
-            return None
-        return calendar.timegm(moment)
-    return None
 
 
 class SasHandler(BaseHTTPRequestHandler):

@@ -8,22 +8,16 @@ the moment a relinquishment or a deregistration arrives, and, for a scripted
 answer that withdraws the grant, every 0.1 s or so for a few seconds after it sent
 that answer (tests/sas_sim/gate_sample.py).  The fail-closed sampler
 (fail_closed.py) watches every case as well."""
-import fcntl
 import json
 import os
-import sys
-import tempfile
 import time
 
-TESTS_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(TESTS_DIR, "sas_sim"))
+from lab import device_config
+from lab.fail_closed import FailClosedSampler, StandAloneAuthority
+from lab.gates import ALL_GATES
+from lab.places import BUILD_DIR
+from lab.sas_lab import SasLab, install_credentials, shared_pki, start_simulator
 
-import pki  # noqa: E402
-from client import SasSim, relative  # noqa: E402,F401  (relative: for the cases)
-from fail_closed import FailClosedSampler, StandAloneAuthority, open_gates  # noqa: E402
-from lab import device_config  # noqa: E402
-
-BUILD_DIR = os.environ.get("CBSD_BINARY_DIR") or os.path.join(os.path.dirname(TESTS_DIR), "build")
 # Short heartbeat period and transmit lead: a case takes seconds, not minutes.
 HEARTBEAT_INTERVAL = 2
 TRANSMIT_LEAD = 20
@@ -39,37 +33,18 @@ WATCH_SECONDS = ALL_GATES_LIMIT + 1.5
 SAMPLED = "relinquishment,deregistration"
 
 
-def pki_dir():
-    """The test PKI of this build tree; parallel suites wait for the first to make it."""
-    path = os.path.join(BUILD_DIR, "standalone-system-pki")
-    with open(path + ".lock", "w") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        return pki.generate(path)
-
-
 class Case:
     """One conformance case: router r, simulator sim, and the daemon once started."""
 
     def __init__(self, router, sim_args=(), server_ca="ca.pem", crl=None):
-        self.pki = pki_dir()
-        control_dir = tempfile.mkdtemp(prefix="cbsd-conformance-", dir=BUILD_DIR)
-        self.r = router(sas_config=device_config.sas_config("https://127.0.0.1:1/v1.2",
-                                                            enable_mode="0"))
-        files = [("clientCert", "cbsd.pem", "client.pem"), ("clientKey", "cbsd.key", "client.key")]
-        if server_ca:
-            files.append(("serverCA", "ca.pem", server_ca))
-        if crl:
-            files.append(("serverCA", "server_crl.crl", crl))
-        for sub, name, source in files:
-            with open(os.path.join(self.pki, source)) as f:
-                self.r.write_file(f"/root/sas/cert/{sub}/{name}", f.read(), mode=0o600)
+        self.pki = shared_pki()
+        self.r = router(sas_config=device_config.sas_config(enable_mode="0"))
+        install_credentials(self.r, self.pki, server_ca=server_ca, crl=crl)
         extra = ["--heartbeat-interval", str(HEARTBEAT_INTERVAL),
                  "--transmit-seconds", str(TRANSMIT_LEAD), "--sample-gates", SAMPLED, *sim_args]
-        self.process = self.r.spawn(SasSim.command(control_dir, self.pki, extra=extra))
-        self.sim = SasSim(control_dir, self.process)
-        self.sim.wait_ready()
-        self.r.write_file("/etc/config/sas", device_config.sas_config(self.sim.url,
-                                                                      enable_mode="0"))
+        self.sim = start_simulator(self.r, self.pki, extra, prefix="cbsd-conformance-")
+        self.lab = SasLab(self.r, self.sim)
+        self.lab.write_config(enable_mode="0")
         self.sampler = None
 
     def configure(self, **options):
@@ -84,22 +59,20 @@ class Case:
             self.r.daemon_output()[-2000:]
         self.sampler = FailClosedSampler(self.r, StandAloneAuthority(self.r, self.sim))
         self.sampler.start()
-        self.set("config", "enableMode", "1")
+        self.lab.enable()
+
+    def authorized(self):
+        """Starts the daemon, switches SAS on, waits until it transmits, Authorized."""
+        self.start()
+        self.wait_authorized()
 
     def set(self, section, option, value):
-        """Writes one option as the management interface would, again until it
-        sticks (the daemon rewrites the whole file on its own writes)."""
-        for _ in range(5):
-            self.r.uci_set(section, option, value)
-            time.sleep(0.3)
-            if self.r.uci_get(section, option) == value:
-                return
-        raise AssertionError(f"{section}.{option} did not keep {value!r}")
+        self.r.set_option(section, option, value)
 
     def finish(self):
         if self.sampler is not None:
             self.sampler.finish()
-        self.process.terminate()
+        self.sim.process.terminate()
 
     # ----- what the cases read -------------------------------------------------
 
@@ -107,17 +80,17 @@ class Case:
         return self.r.uci_get("sasConfig", "RadioEnable")
 
     def status(self):
-        return self.r.uci_get("operation", "status")
+        return self.r.status()
 
     def silent(self):
         """Not transmitting: every gate closed and RadioEnable not "1"."""
-        return not open_gates(self.r) and self.radio_enable() != "1"
+        return not self.r.open_gates() and self.radio_enable() != "1"
 
     def transmitting(self):
-        return open_gates(self.r) == ["forwarding", "icmp", "bridge"] and self.radio_enable() == "1"
+        return self.r.open_gates() == ALL_GATES and self.radio_enable() == "1"
 
     def endpoints(self):
-        return [q["endpoint"] for q in self.sim.requests()]
+        return self.lab.endpoints()
 
     def wait_authorized(self, timeout=60):
         assert self.r.wait_for(lambda: self.transmitting() and self.status() == "Authorized",

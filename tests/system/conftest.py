@@ -1,14 +1,13 @@
-"""Shared fixtures of the system tests: virtual routers and the daemon binary."""
+"""Shared fixtures of the system tests: virtual routers, the daemon binary,
+routers watched by the fail-closed sampler, and the StandAlone lab (a router
+with the SAS simulator inside).  tests/pytest.ini puts tests/ on the module
+path, so `lab` and `sas_sim` import as packages."""
 import os
-import sys
 
 import pytest
 
-TESTS_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-if TESTS_DIR not in sys.path:
-    sys.path.insert(0, TESTS_DIR)
-
-from lab.router import VirtualRouter, daemon_binary  # noqa: E402
+from lab import device_config, fail_closed, sas_lab
+from lab.router import VirtualRouter, daemon_binary
 
 
 @pytest.fixture
@@ -34,6 +33,36 @@ def router():
     yield make
     for instance in made:
         instance.close()
+
+
+@pytest.fixture
+def dp_router(router):
+    """The router factory; every daemon a test starts runs under the
+    fail-closed sampler, with the proxy's RadioEnable as the authority."""
+    yield from fail_closed.watch_daemons(router, fail_closed.DpAuthority)
+
+
+@pytest.fixture(scope="module")
+def pki_dir():
+    return sas_lab.shared_pki()
+
+
+@pytest.fixture
+def lab(router, pki_dir):
+    """SasLab (router, simulator) with the device credentials installed,
+    the simulator's address in /etc/config/sas with SAS off, and the daemon
+    not yet started; the fail-closed sampler runs for the whole test."""
+    r = router(sas_config=device_config.sas_config(enable_mode="0"))
+    sas_lab.install_credentials(r, pki_dir)
+    sim = sas_lab.start_simulator(
+        r, pki_dir, ["--heartbeat-interval", str(sas_lab.HEARTBEAT_INTERVAL)])
+    pair = sas_lab.SasLab(r, sim)
+    pair.write_config(enable_mode="0")
+    sampler = fail_closed.FailClosedSampler(r, fail_closed.StandAloneAuthority(r, sim))
+    sampler.start()
+    yield pair
+    sampler.finish()
+    sim.process.terminate()
 
 
 # A file whose every test was skipped (say, for want of ../shared/openwrt)

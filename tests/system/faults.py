@@ -8,21 +8,20 @@ import json
 import os
 import time
 
-from test_standalone import BUILD_DIR, authorized, gates_closed  # puts sas_sim on the path
-from client import relative  # noqa: E402
+from lab.fail_closed import EXPIRY_ALLOWANCE
+from lab.places import BUILD_DIR
+from sas_sim.client import relative
 
 # Every heartbeat success hands out now + TRANSMIT_LEAD as transmitExpireTime.
 TRANSMIT_LEAD = 20
-EXPIRY_ALLOWANCE = 60
 MOST_PER_MINUTE = 20
 # The sections a user (or the installer) writes; the daemon must never lose them.
 USER_SECTIONS = ("config", "cpi", "cert", "cellInfo")
 
 
 def authorized_with_short_lead(lab):
-    r, sim = lab
-    sim.set_default("heartbeat", set={"transmitExpireTime": relative(TRANSMIT_LEAD)})
-    authorized(lab)
+    lab.sim.set_default("heartbeat", set={"transmitExpireTime": relative(TRANSMIT_LEAD)})
+    lab.authorized()
 
 
 def user_sections(text):
@@ -50,10 +49,10 @@ class FaultRun:
         the seconds past transmitExpireTime at which they were found closed."""
         expire = self.sim.transmit_expire()
         limit = (expire or self.started) + EXPIRY_ALLOWANCE + 5
-        while time.time() < limit and not gates_closed(self.r):
+        while time.time() < limit and not self.r.gates_closed():
             time.sleep(0.25)
         closed_at = time.time()
-        assert gates_closed(self.r), f"{self.name}: gates still open {closed_at - expire:.0f} s past expiry"
+        assert self.r.gates_closed(), f"{self.name}: gates still open {closed_at - expire:.0f} s past expiry"
         return closed_at - self.sim.transmit_expire()
 
     def finish(self, past_expiry, config_path="/etc/config/sas", **extra):

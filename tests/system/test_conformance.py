@@ -15,8 +15,10 @@ import pytest
 
 from conformance_lab import (ALL_GATES_LIMIT, HEARTBEAT_INTERVAL, WITHDRAWAL_LIMIT, Case,
                              ceased_after_answer, closed_after_answer,
-                             closing_steps, gates_when_asked, pki_dir, record_measure, relative,
+                             closing_steps, gates_when_asked, record_measure,
                              withdraw_on_authorized)
+from lab.sas_lab import shared_pki
+from sas_sim.client import relative
 
 REGISTRATION_REQUIRED = ("userId", "fccId", "cbsdSerialNumber")
 
@@ -47,8 +49,7 @@ def test_WINNF_FT_C_REG_1(case):
     and cbsdSerialNumber and no CPI-signed data; after the SAS accepts it the
     device asks for a grant and transmits only once a heartbeat authorises it."""
     c = case()
-    c.start()
-    c.wait_authorized()
+    c.authorized()
     request = registration_of(c)
     assert all(request.get(name) for name in REGISTRATION_REQUIRED), request
     assert "cpiSignatureData" not in request
@@ -82,8 +83,7 @@ def test_WINNF_FT_C_REG_7(case):
     gives its grant back and deregisters, then registers again.  Ours: the relinquishment and the deregistration find the device
     silent (gates closed, RadioEnable "0")."""
     c = case()
-    c.start()
-    c.wait_authorized()
+    c.authorized()
     c.set("config", "antennaAzimuth", "90")
     assert c.r.wait_for(lambda: len(c.sim.requests("registration")) >= 2, 30), c.endpoints()
     seen = c.endpoints()
@@ -93,12 +93,19 @@ def test_WINNF_FT_C_REG_7(case):
     assert asked and all(sample["closed"] for sample in asked), asked
 
 
-def refused_registration(case, code):
+def refused_always(case, endpoint, code):
+    """A case whose SAS answers every `endpoint` request with `code`: the
+    device asks, and does not transmit for the next 2 s."""
     c = case()
-    c.sim.set_default("registration", responseCode=code)
+    c.sim.set_default(endpoint, responseCode=code)
     c.start()
-    assert c.sim.wait_for_request("registration", 1, 20), c.r.log_text()[-3000:]
+    assert c.sim.wait_for_request(endpoint, 1, 20), c.r.log_text()[-3000:]
     assert c.stays_silent(2)
+    return c
+
+
+def refused_registration(case, code):
+    c = refused_always(case, "registration", code)
     assert c.endpoints() == ["registration"] * len(c.endpoints()), c.endpoints()
     assert c.status() == "Unregistered"
 
@@ -140,11 +147,7 @@ def test_WINNF_FT_C_REG_18(case):
 
 
 def refused_grant(case, code):
-    c = case()
-    c.sim.set_default("grant", responseCode=code)
-    c.start()
-    assert c.sim.wait_for_request("grant", 1, 20), c.r.log_text()[-3000:]
-    assert c.stays_silent(2)
+    c = refused_always(case, "grant", code)
     assert "heartbeat" not in c.endpoints(), c.endpoints()
     assert c.status() == "Registered"
 
@@ -167,8 +170,7 @@ def test_WINNF_FT_C_HBT_1(case):
     device transmits only after its success, and then heartbeats as AUTHORIZED
     within each heartbeatInterval."""
     c = case()
-    c.start()
-    c.wait_authorized()
+    c.authorized()
     count = len(c.heartbeats())
     beats = c.sim.wait_for_request("heartbeat", count + 2, 3 * HEARTBEAT_INTERVAL + 3)
     states = [b["json"]["heartbeatRequest"][0]["operationState"] for b in beats]
@@ -272,8 +274,7 @@ def test_WINNF_FT_C_HBT_10(case):
     daemon: at that time plus 30 s)."""
     c = case()
     c.sim.set_default("heartbeat", set={"transmitExpireTime": relative(5)})
-    c.start()
-    c.wait_authorized()
+    c.authorized()
     c.sim.set_default("heartbeat", close=True)
     expire = c.sim.transmit_expire()
     assert c.r.wait_for(c.silent, expire + 65 - time.time(), 0.25), c.r.log_text()[-3000:]
@@ -288,8 +289,7 @@ def test_WINNF_FT_C_HBT_11(case):
     grantExpireTime, the device stops asking and keeps transmitting."""
     c = case()
     c.sim.set_default("grant", set={"grantExpireTime": relative(3600)})
-    c.start()
-    c.wait_authorized()
+    c.authorized()
     assert c.r.wait_for(lambda: any(b.get("grantRenew") is True for b in c.heartbeats()),
                         3 * HEARTBEAT_INTERVAL + 8), c.heartbeats()
     c.sim.set_default("heartbeat", set={"grantExpireTime": relative(7 * 86400)})
@@ -303,19 +303,24 @@ def test_WINNF_FT_C_HBT_11(case):
 # ----- relinquishment and deregistration -------------------------------------------
 
 
+def switched_off_when_authorized(c, endpoint):
+    """Authorises the device and switches SAS operation off; returns the last
+    heartbeat before the switch and the first `endpoint` request after it."""
+    c.authorized()
+    beat = c.heartbeats()[-1]
+    c.set("config", "enableMode", "0")
+    found = c.sim.wait_for_request(endpoint, 1, 15)
+    assert found, c.endpoints()
+    return beat, found[0]
+
+
 def test_WINNF_FT_C_RLQ_1(case):
     """Relinquishment when SAS operation is switched off: the request names the
     device's cbsdId and grantId.  Ours: it finds the device silent."""
-    c = case()
-    c.start()
-    c.wait_authorized()
-    grant_id = c.heartbeats()[-1]["grantId"]
-    c.set("config", "enableMode", "0")
-    found = c.sim.wait_for_request("relinquishment", 1, 15)
-    assert found, c.endpoints()
-    request = found[0]["json"]["relinquishmentRequest"][0]
-    assert request["grantId"] == grant_id and request["cbsdId"], request
-    assert found[0]["gates"]["closed"], found[0]["gates"]
+    beat, found = switched_off_when_authorized(case(), "relinquishment")
+    request = found["json"]["relinquishmentRequest"][0]
+    assert request["grantId"] == beat["grantId"] and request["cbsdId"], request
+    assert found["gates"]["closed"], found["gates"]
 
 
 def test_WINNF_FT_C_DRG_1(case):
@@ -323,15 +328,10 @@ def test_WINNF_FT_C_DRG_1(case):
     relinquishment, a deregistration naming the cbsdId.  Ours: it finds the
     device silent."""
     c = case()
-    c.start()
-    c.wait_authorized()
-    cbsd_id = c.heartbeats()[-1]["cbsdId"]
-    c.set("config", "enableMode", "0")
-    found = c.sim.wait_for_request("deregistration", 1, 15)
-    assert found, c.endpoints()
-    assert found[0]["json"]["deregistrationRequest"][0]["cbsdId"] == cbsd_id
+    beat, found = switched_off_when_authorized(c, "deregistration")
+    assert found["json"]["deregistrationRequest"][0]["cbsdId"] == beat["cbsdId"]
     assert c.endpoints()[-2:] == ["relinquishment", "deregistration"]
-    assert found[0]["gates"]["closed"], found[0]["gates"]
+    assert found["gates"]["closed"], found["gates"]
 
 
 # ----- security --------------------------------------------------------------------
@@ -369,6 +369,12 @@ def refused_handshake(c, streak_of=1, env=None):
     assert c.log_count(REFUSED_LINE) == 1, c.r.log_text()[-3000:]
 
 
+def serving(case, certificate, key):
+    """A case whose simulator presents `certificate` and `key` of the test PKI."""
+    pki = shared_pki()
+    return case(sim_args=["--cert", f"{pki}/{certificate}", "--key", f"{pki}/{key}"])
+
+
 def test_WINNF_FT_C_SCS_2(case):
     """A SAS certificate revoked by the CRL: the handshake is refused and no
     request is sent."""
@@ -377,8 +383,7 @@ def test_WINNF_FT_C_SCS_2(case):
 
 def test_WINNF_FT_C_SCS_3(case):
     """An expired SAS certificate: the handshake is refused, no request."""
-    c = case(sim_args=["--cert", f"{pki_dir()}/expired.pem", "--key", f"{pki_dir()}/expired.key"])
-    refused_handshake(c)
+    refused_handshake(serving(case, "expired.pem", "expired.key"))
 
 
 def test_WINNF_FT_C_SCS_4(case):
@@ -388,8 +393,7 @@ def test_WINNF_FT_C_SCS_4(case):
 
 def test_WINNF_FT_C_SCS_5(case):
     """A SAS certificate with a broken signature: refused, no request."""
-    c = case(sim_args=["--cert", f"{pki_dir()}/corrupt.pem", "--key", f"{pki_dir()}/server.key"])
-    refused_handshake(c)
+    refused_handshake(serving(case, "corrupt.pem", "server.key"))
 
 
 def test_WINNF_TS_0065_cipher_suites(case):
@@ -431,8 +435,7 @@ def test_WINNF_TS_0065_tls_1_1(case):
 def test_WINNF_TS_0065_host_name_checked_when_asked(case):
     """With config.verifySasHost "1", a SAS certificate from the right CA for
     another host name is refused before any request."""
-    c = case(sim_args=["--cert", f"{pki_dir()}/wronghost.pem",
-                       "--key", f"{pki_dir()}/wronghost.key"])
+    c = serving(case, "wronghost.pem", "wronghost.key")
     c.configure(verifySasHost="1")
     refused_handshake(c)
 

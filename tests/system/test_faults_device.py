@@ -8,19 +8,31 @@ import os
 import time
 
 from faults import FaultRun, authorized_with_short_lead
-from test_standalone import gates_closed, lab, pki_dir  # noqa: F401
 
 FAKETIME_LIBRARY = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
 
 
-def fault_then_sas_down(lab, name, inject):
-    """Authorised, then inject(router), then the SAS goes down for good."""
-    r, sim = lab
+def fault_and_sas_down(lab, name, inject=lambda r: None):
+    """Authorised, then inject(router), then the SAS goes down for good;
+    returns the FaultRun measuring from the injection."""
     authorized_with_short_lead(lab)
     run = FaultRun(name, lab)
-    inject(r)
-    sim.set_down()
+    inject(lab.r)
+    lab.sim.set_down()
+    return run
+
+
+def fault_then_sas_down(lab, name, inject):
+    run = fault_and_sas_down(lab, name, inject)
     run.finish(run.wait_closed())
+
+
+def restarted_after(lab, name, inject=lambda r: None):
+    """fault_and_sas_down, then a crash (SIGKILL) and a restart of the daemon."""
+    run = fault_and_sas_down(lab, name, inject)
+    lab.r.stop_daemon()
+    lab.r.start_daemon()
+    return run
 
 
 def test_store_full_then_sas_down(lab):
@@ -32,18 +44,14 @@ def test_store_read_only_then_sas_down(lab):
 
 
 def test_restart_with_the_store_still_full_does_not_reopen(lab):
-    r, sim = lab
-    authorized_with_short_lead(lab)
-    run = FaultRun("crash with the store full, SAS down, restart", lab)
-    r.fill_store()
-    sim.set_down()
-    r.stop_daemon()
-    r.start_daemon()
+    r = lab.r
+    run = restarted_after(lab, "crash with the store full, SAS down, restart",
+                          lambda r: r.fill_store())
     past = run.wait_closed()
     # Nothing can authorise it again: it must stay closed for the rest of the minute.
     deadline = run.started + 60
     while time.time() < deadline:
-        assert gates_closed(r)
+        assert r.gates_closed()
         time.sleep(1)
     run.finish(past)
 
@@ -53,13 +61,8 @@ def test_modem_manager_hangs_then_sas_down(lab):
 
 
 def test_crash_while_authorized_then_restart_closes_at_once(lab):
-    r, sim = lab
-    authorized_with_short_lead(lab)
-    run = FaultRun("SIGKILL while Authorized, SAS down, restart", lab)
-    sim.set_down()
-    r.stop_daemon()
-    r.start_daemon()
-    assert r.wait_for(lambda: gates_closed(r), 10)
+    run = restarted_after(lab, "SIGKILL while Authorized, SAS down, restart")
+    assert lab.r.wait_for(lab.r.gates_closed, 10)
     run.finish(run.wait_closed())
 
 
@@ -87,14 +90,14 @@ def test_wall_clock_stepped_forward_an_hour(lab):
     run = FaultRun("wall clock stepped forward 1 h, then SAS down", lab)
     step("+1h")
     time.sleep(2 * 4)  # two heartbeats with the stepped clock
-    lab[1].set_down()
+    lab.sim.set_down()
     run.finish(run.wait_closed())
 
 
 def test_wall_clock_stepped_back_an_hour(lab):
     step = faked_clock_daemon(lab)
     run = FaultRun("SAS down, then wall clock stepped back 1 h", lab)
-    lab[1].set_down()
+    lab.sim.set_down()
     step("-1h")
     run.finish(run.wait_closed())
 
@@ -105,7 +108,7 @@ def test_wall_clock_behind_the_sas_while_it_keeps_answering(lab):
     step = faked_clock_daemon(lab)
     run = FaultRun("wall clock stepped back 1 h, SAS answering, then SAS down", lab)
     step("-1h")
-    before = len(lab[1].requests())
-    assert lab[0].wait_for(lambda: len(lab[1].requests()) >= before + 2, 20)
-    lab[1].set_down()
+    before = len(lab.sim.requests())
+    assert lab.r.wait_for(lambda: len(lab.sim.requests()) >= before + 2, 20)
+    lab.sim.set_down()
     run.finish(run.wait_closed())

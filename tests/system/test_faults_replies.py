@@ -4,7 +4,6 @@ the SAS sees at most 20 requests a minute, the configuration stays whole."""
 import pytest
 
 from faults import FaultRun, authorized_with_short_lead
-from test_standalone import lab, pki_dir  # noqa: F401
 
 
 @pytest.mark.parametrize("name, spec", [
@@ -14,5 +13,5 @@ from test_standalone import lab, pki_dir  # noqa: F401
 def test_malformed_heartbeat_success(lab, name, spec):
     authorized_with_short_lead(lab)
     run = FaultRun(name, lab)
-    lab[1].set_default("heartbeat", **spec)
+    lab.sim.set_default("heartbeat", **spec)
     run.finish(run.wait_closed())

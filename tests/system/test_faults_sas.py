@@ -6,27 +6,26 @@ simulator counted them."""
 import pytest
 
 from faults import FaultRun, authorized_with_short_lead
-from test_standalone import lab, pki_dir  # noqa: F401
 
 
 def test_sas_down(lab):
     authorized_with_short_lead(lab)
     run = FaultRun("SAS down", lab)
-    lab[1].set_down()
+    lab.sim.set_down()
     run.finish(run.wait_closed())
 
 
 def test_sas_slower_than_the_deadline(lab):
     authorized_with_short_lead(lab)
     run = FaultRun("SAS answers after 45 s", lab)
-    lab[1].set_default("heartbeat", delay=45)
+    lab.sim.set_default("heartbeat", delay=45)
     run.finish(run.wait_closed())
 
 
 def test_html_503_page(lab):
     authorized_with_short_lead(lab)
     run = FaultRun("HTTP 503 with an HTML page", lab)
-    lab[1].set_default("heartbeat", html_error=True, status=503)
+    lab.sim.set_default("heartbeat", html_error=True, status=503)
     run.finish(run.wait_closed())
 
 
@@ -34,6 +33,6 @@ def test_html_503_page(lab):
 def test_heartbeat_refused_every_time(lab, code):
     authorized_with_short_lead(lab)
     run = FaultRun(f"heartbeat answered {code} every time", lab)
-    sim = lab[1]
+    sim = lab.sim
     sim.set_default("heartbeat", responseCode=code)
     run.finish(run.wait_closed())

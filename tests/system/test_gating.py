@@ -5,34 +5,24 @@ import time
 
 import pytest
 
-import fail_closed
+from lab import fail_closed
+from lab.device_config import left_authorized_config
+from lab.rules import (ADD_ETH_DROP, ADD_ICMP_DROP, ADD_LAN_ECHO_ACCEPT, ADD_USB_DROP,
+                       DELETE_ETH_DROP, DELETE_ICMP_DROP, ETH_DROP, ICMP_DROP,
+                       LAN_ECHO_ACCEPT as LAN_ACCEPT, USB_DROP)
 
-LAN_ACCEPT = "-A OUTPUT -o br-lan -p icmp -m icmp --icmp-type 8/0 -j ACCEPT"
-ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
 UNRELATED = "-A OUTPUT -p tcp -m tcp --dport 22 -j ACCEPT"
-ETH_DROP = "-o eth1.112+ -j DROP"
-USB_DROP = "-o usb0.112+ -j DROP"
 RECOVERY_LINES = [("5", "cbsd", "[SAS] reset IP forward enable.\n"),
                   ("5", "cbsd", "[SAS] clear firewall ICMP rules.\n"),
                   ("5", "cbsd", "[SAS] clear bridge forward rules.\n")]
 WITHIN_ONE_PASS = 9
 
 
-@pytest.fixture
-def router(router):
-    """Every daemon these tests start runs under the fail-closed sampler,
-    with the proxy's RadioEnable as the authority."""
-    yield from fail_closed.watch_daemons(router, fail_closed.DpAuthority)
-
-
 def close_everything_twice(r):
     """A device left closed, every rule installed twice, plus foreign rules."""
     r.run("iptables -A OUTPUT -p tcp --dport 22 -j ACCEPT; "
           "for i in 1 2; do "
-          "iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP; "
-          "iptables -I OUTPUT -o br-lan -p icmp --icmp-type 8/0 -j ACCEPT; "
-          "ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP; "
-          "ebtables -I BRIDGE_FORWARD -o usb0.112+ -j DROP; done; "
+          f"{ADD_ICMP_DROP}; {ADD_LAN_ECHO_ACCEPT}; {ADD_ETH_DROP}; {ADD_USB_DROP}; done; "
           "ebtables -A BRIDGE_FORWARD -o eth0+ -j DROP", check=True)
     assert r.iptables_rules().count(ICMP_DROP) == 2
     assert r.ebtables_rules().count(USB_DROP) == 2
@@ -52,8 +42,8 @@ def messages(r):
 
 # ----- -n: recover the network and exit ---------------------------------------
 
-def test_recover_option_opens_every_gate_and_removes_every_duplicate(router, cbsd_bin):
-    r = router()
+def test_recover_option_opens_every_gate_and_removes_every_duplicate(dp_router, cbsd_bin):
+    r = dp_router()
     close_everything_twice(r)
     done = r.run_daemon("-n")
     assert done.returncode == 0
@@ -62,8 +52,8 @@ def test_recover_option_opens_every_gate_and_removes_every_duplicate(router, cbs
     assert r.syslog_records() == RECOVERY_LINES
 
 
-def test_recover_option_logs_in_order_when_the_log_directory_exists(router, cbsd_bin):
-    r = router()
+def test_recover_option_logs_in_order_when_the_log_directory_exists(dp_router, cbsd_bin):
+    r = dp_router()
     r.run("mkdir -p /root/sas", check=True)
     close_everything_twice(r)
     assert r.run_daemon("-n").returncode == 0
@@ -72,8 +62,8 @@ def test_recover_option_logs_in_order_when_the_log_directory_exists(router, cbsd
     assert_recovered(r)
 
 
-def test_recover_option_at_log_level_3_recovers_silently(router, cbsd_bin):
-    r = router()
+def test_recover_option_at_log_level_3_recovers_silently(dp_router, cbsd_bin):
+    r = dp_router()
     r.run("mkdir -p /root/sas", check=True)
     close_everything_twice(r)
     assert r.run_daemon("-v", "3", "-n").returncode == 0
@@ -82,16 +72,16 @@ def test_recover_option_at_log_level_3_recovers_silently(router, cbsd_bin):
     assert r.syslog_records() == []
 
 
-def test_options_after_recover_are_never_reached(router, cbsd_bin):
-    r = router()
+def test_options_after_recover_are_never_reached(dp_router, cbsd_bin):
+    r = dp_router()
     r.run("mkdir -p /root/sas", check=True)
     assert r.run_daemon("-n", "-v", "3").returncode == 0
     assert r.syslog_records() == RECOVERY_LINES
 
 
-def test_serial_override_before_recover_has_no_effect(router, cbsd_bin):
+def test_serial_override_before_recover_has_no_effect(dp_router, cbsd_bin):
     config = "config config 'config'\n\toption serialNumber 'KEEP'\n"
-    r = router(sas_config=config)
+    r = dp_router(sas_config=config)
     close_everything_twice(r)
     done = r.run_daemon("-S", "123", "-n")
     assert done.returncode == 0
@@ -100,8 +90,8 @@ def test_serial_override_before_recover_has_no_effect(router, cbsd_bin):
     assert not r.exists("/tmp/cbsd_lock")
 
 
-def test_recover_option_runs_while_a_daemon_holds_the_lock(router, cbsd_bin):
-    r = router()
+def test_recover_option_runs_while_a_daemon_holds_the_lock(dp_router, cbsd_bin):
+    r = dp_router()
     holder = r.spawn(["flock", "/tmp/cbsd_lock", "sleep", "30"])
     assert r.wait_for(lambda: r.exists("/tmp/cbsd_lock"), 5)
     close_everything_twice(r)
@@ -110,9 +100,9 @@ def test_recover_option_runs_while_a_daemon_holds_the_lock(router, cbsd_bin):
     assert holder.poll() is None
 
 
-def test_recover_option_without_vlan_interfaces_or_bridge_chain(router, cbsd_bin):
-    r = router(interfaces=(), bridge_chain=False)
-    r.run("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP", check=True)
+def test_recover_option_without_vlan_interfaces_or_bridge_chain(dp_router, cbsd_bin):
+    r = dp_router(interfaces=(), bridge_chain=False)
+    r.run(ADD_ICMP_DROP, check=True)
     r.set_ip_forward(0)
     assert r.run_daemon("-n", timeout=20).returncode == 0
     assert r.ip_forward() == ("1", "1")
@@ -121,8 +111,8 @@ def test_recover_option_without_vlan_interfaces_or_bridge_chain(router, cbsd_bin
 
 @pytest.mark.firewall_tools
 @pytest.mark.parametrize("fault", ["fail", "missing"])
-def test_recover_option_with_broken_firewall_tools(router, cbsd_bin, fault):
-    r = router()
+def test_recover_option_with_broken_firewall_tools(dp_router, cbsd_bin, fault):
+    r = dp_router()
     close_everything_twice(r)
     for tool in ("iptables", "ebtables"):
         if fault == "fail":
@@ -143,8 +133,8 @@ def test_recover_option_with_broken_firewall_tools(router, cbsd_bin, fault):
 
 
 @pytest.mark.firewall_tools
-def test_recover_option_stops_on_a_deletion_that_never_fails(router, cbsd_bin):
-    r = router(interfaces=())
+def test_recover_option_stops_on_a_deletion_that_never_fails(dp_router, cbsd_bin):
+    r = dp_router(interfaces=())
     r.run("mkdir -p /root/sas", check=True)
     r.break_tool("iptables", status=0, message="")
     r.break_tool("ebtables", status=0, message="")
@@ -160,21 +150,11 @@ def test_recover_option_stops_on_a_deletion_that_never_fails(router, cbsd_bin):
 # ----- the running daemon ---------------------------------------------------------
 
 def sas_config(enable_mode, radio_enable):
-    return ("config config 'config'\n"
-            f"\toption enableMode '{enable_mode}'\n"
-            "\toption usedp '1'\n"
-            "\toption antennaGain '6'\n"
-            "\n"
-            "config sasConfig 'sasConfig'\n"
-            f"\toption RadioEnable '{radio_enable}'\n"
-            "\toption powerSpectralDensity '20'\n"
-            "\n"
-            "config operation 'operation'\n"
-            "\toption status 'Authorized'\n")
+    return left_authorized_config(enable_mode, radio_enable, "\toption antennaGain '6'\n")
 
 
-def test_start_up_resets_state_cache_and_gates(router, cbsd_bin):
-    r = router(sas_config=sas_config("0", "1"))
+def test_start_up_resets_state_cache_and_gates(dp_router, cbsd_bin):
+    r = dp_router(sas_config=sas_config("0", "1"))
     close_everything_twice(r)
     r.write_file("/tmp/sas_cache", "config cache 'cache'\n\toption SAS_BRIDGE_FORWARD '0'\n")
     r.start_daemon()
@@ -197,8 +177,8 @@ def test_start_up_resets_state_cache_and_gates(router, cbsd_bin):
     assert r.daemon.poll() is None
 
 
-def test_unauthorised_device_blocks_everything_but_lan_echo(router, cbsd_bin):
-    r = router(sas_config=sas_config("1", "0"))
+def test_unauthorised_device_blocks_everything_but_lan_echo(dp_router, cbsd_bin):
+    r = dp_router(sas_config=sas_config("1", "0"))
     r.run("iptables -A OUTPUT -p tcp --dport 22 -j ACCEPT", check=True)
     r.start_daemon()
     assert r.wait_for_log("[SAS] device has been unauthorized.\n\n")
@@ -213,8 +193,8 @@ def test_unauthorised_device_blocks_everything_but_lan_echo(router, cbsd_bin):
     assert r.log_text().count("[SAS] bridge forward is disable.\n") == 2
 
 
-def test_partly_reopened_device_is_closed_again_without_duplicates(router, cbsd_bin):
-    r = router(sas_config=sas_config("1", "0"))
+def test_partly_reopened_device_is_closed_again_without_duplicates(dp_router, cbsd_bin):
+    r = dp_router(sas_config=sas_config("1", "0"))
     r.start_daemon()
     assert r.wait_for_log("[SAS] device has been unauthorized.\n\n")
     assert r.wait_for(lambda: r.ebtables_rules() == [USB_DROP, ETH_DROP], 5)
@@ -222,15 +202,15 @@ def test_partly_reopened_device_is_closed_again_without_duplicates(router, cbsd_
     # Only the ICMP drop goes: the LAN accept stays, and closing inserts both
     # again, so the accept is then doubled, as on the router.
     fail_closed.tampered(r)
-    r.run("iptables -D OUTPUT -p icmp --icmp-type 8 -j DROP", check=True)
+    r.run(DELETE_ICMP_DROP, check=True)
     assert r.wait_for(lambda: ICMP_DROP in r.iptables_rules(), WITHIN_ONE_PASS)
     assert r.iptables_rules() == ["-P OUTPUT ACCEPT", LAN_ACCEPT, ICMP_DROP, LAN_ACCEPT]
     assert r.log_text()[mark:].count("[SAS] firewall ICMP is disable.\n") == 1
     assert r.ebtables_rules() == [USB_DROP, ETH_DROP]
 
 
-def test_only_the_ethernet_rule_is_examined_while_both_vlans_exist(router, cbsd_bin):
-    r = router(sas_config=sas_config("1", "0"))
+def test_only_the_ethernet_rule_is_examined_while_both_vlans_exist(dp_router, cbsd_bin):
+    r = dp_router(sas_config=sas_config("1", "0"))
     r.start_daemon()
     assert r.wait_for(lambda: r.ebtables_rules() == [USB_DROP, ETH_DROP], 10)
     r.run("ebtables -D BRIDGE_FORWARD -o usb0.112+ -j DROP", check=True)
@@ -238,12 +218,12 @@ def test_only_the_ethernet_rule_is_examined_while_both_vlans_exist(router, cbsd_
     # The USB rule is not looked at while eth1.112 exists and keeps its rule.
     assert r.ebtables_rules() == [ETH_DROP]
     fail_closed.tampered(r)
-    r.run("ebtables -D BRIDGE_FORWARD -o eth1.112+ -j DROP", check=True)
+    r.run(DELETE_ETH_DROP, check=True)
     assert r.wait_for(lambda: r.ebtables_rules() == [USB_DROP, ETH_DROP], WITHIN_ONE_PASS)
 
 
-def test_authorised_device_opens_every_gate(router, cbsd_bin):
-    r = router(sas_config=sas_config("1", "0"))
+def test_authorised_device_opens_every_gate(dp_router, cbsd_bin):
+    r = dp_router(sas_config=sas_config("1", "0"))
     r.start_daemon()
     # Enabling SAS resets the published state; the radio switch is read after.
     assert r.wait_for_log("[SAS] sas radio disable.\n")
@@ -262,8 +242,8 @@ def test_authorised_device_opens_every_gate(router, cbsd_bin):
 
 
 @pytest.mark.firewall_tools
-def test_firewall_tools_failing_under_the_running_daemon(router, cbsd_bin):
-    r = router(sas_config=sas_config("1", "0"))
+def test_firewall_tools_failing_under_the_running_daemon(dp_router, cbsd_bin):
+    r = dp_router(sas_config=sas_config("1", "0"))
     r.remove_tool("ebtables")
     r.break_tool("iptables", status=4)
     r.start_daemon()
@@ -279,7 +259,7 @@ def test_firewall_tools_failing_under_the_running_daemon(router, cbsd_bin):
     # finish and one more pass to insert the rules.  A restore that lands
     # between the pass's two bridge insertions leaves the USB rule alone; the
     # next pass, which examines only the Ethernet rule, then inserts both, so
-    # the USB rule may appear twice (as it does on the router).
+    # the USB rule may appear twice (as it does on the dp_router).
     assert r.wait_for(lambda: ICMP_DROP in r.iptables_rules() and
                       {USB_DROP, ETH_DROP} == set(r.ebtables_rules()), 2 * WITHIN_ONE_PASS), (
         r.iptables_rules(), r.ebtables_rules())

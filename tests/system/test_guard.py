@@ -4,70 +4,53 @@ simulator."""
 import signal
 import time
 
-from test_standalone import (authorized, endpoints, gates_closed, gates_open,  # noqa: F401
-                             lab, pki_dir, start_disabled, start_enabled)
-from client import relative  # noqa: E402  (importable once test_standalone is)
-
-
-def stop_with(r, signum, limit=10):
-    started = time.monotonic()
-    r.daemon.send_signal(signum)
-    status = r.daemon.wait(timeout=limit + 5)
-    return status, time.monotonic() - started
+from sas_sim.client import relative
 
 
 def test_sigterm_while_authorized_gives_back_closes_and_exits_0(lab):
     r, sim = lab
-    authorized(lab)
-    assert gates_open(r)
-    status, took = stop_with(r, signal.SIGTERM)
-    assert status == 0
-    assert took < 10
-    assert gates_closed(r)
-    assert endpoints(sim)[-2:] == ["relinquishment", "deregistration"]
+    lab.authorized()
+    assert r.gates_open()
+    r.stop_cleanly(signal.SIGTERM)
+    assert r.gates_closed()
+    assert lab.endpoints()[-2:] == ["relinquishment", "deregistration"]
     assert "[SAS] stop requested.\n" in r.log_text()
 
 
 def test_sigint_while_registering_deregisters_and_exits_0(lab):
     r, sim = lab
     sim.push("spectrumInquiry", delay=3)
-    start_enabled(r)
-    assert r.wait_for(lambda: "spectrumInquiry" in endpoints(sim), 20)
-    status, took = stop_with(r, signal.SIGINT)
-    assert status == 0
-    assert took < 10
-    assert gates_closed(r)
-    assert endpoints(sim)[-1] == "deregistration"
+    lab.start_enabled()
+    assert r.wait_for(lambda: "spectrumInquiry" in lab.endpoints(), 20)
+    r.stop_cleanly(signal.SIGINT)
+    assert r.gates_closed()
+    assert lab.endpoints()[-1] == "deregistration"
 
 
 def test_sigterm_with_sas_disabled_leaves_traffic_open(lab):
     r, sim = lab
-    start_disabled(r)
-    assert r.wait_for(lambda: gates_open(r), 20)
-    status, took = stop_with(r, signal.SIGTERM)
-    assert status == 0
-    assert took < 10
-    assert gates_open(r)
-    assert endpoints(sim) == []
+    lab.start_disabled()
+    assert r.wait_for(r.gates_open, 20)
+    r.stop_cleanly(signal.SIGTERM)
+    assert r.gates_open()
+    assert lab.endpoints() == []
 
 
 def test_sigterm_ends_within_10_s_even_when_the_sas_hangs(lab):
     r, sim = lab
-    authorized(lab)
+    lab.authorized()
     sim.set_default("relinquishment", delay=25)
     sim.set_default("deregistration", delay=25)
-    status, took = stop_with(r, signal.SIGTERM)
-    assert status == 0
-    assert took < 10
-    assert gates_closed(r)
+    r.stop_cleanly(signal.SIGTERM)
+    assert r.gates_closed()
 
 
 def test_heartbeat_success_without_transmit_expire_time_does_not_open(lab):
     r, sim = lab
     sim.push("heartbeat", remove=["transmitExpireTime"])
-    start_enabled(r)
+    lab.start_enabled()
     assert r.wait_for_log("[SAS] heartbeat success without a valid transmitExpireTime", 40)
-    assert not gates_open(r)
+    assert not r.gates_open()
     assert r.uci_get("sasConfig", "RadioEnable") != "1"
 
 
@@ -76,15 +59,15 @@ def test_grant_refused_every_time_is_paced(lab):
     after 5 s, repeated ones back off; at most 20 requests in the first minute."""
     r, sim = lab
     sim.set_default("grant", responseCode=401, responseData=["grant-conflict"])
-    start_enabled(r)
-    assert r.wait_for(lambda: "grant" in endpoints(sim), 30)
+    lab.start_enabled()
+    assert r.wait_for(lambda: "grant" in lab.endpoints(), 30)
     first = sim.requests()[0]["time"]
     time.sleep(62)
     in_minute = [q for q in sim.requests() if q["time"] - first < 60]
     print(f"requests in the first minute: {len(in_minute)}")
     assert len(in_minute) <= 20, [q["endpoint"] for q in in_minute]
     assert len(sim.requests("grant")) >= 3
-    assert not gates_open(r)
+    assert not r.gates_open()
 
 
 def hang_rule_changes(r, name):
@@ -105,7 +88,7 @@ def test_guard_closes_within_the_minute_while_rule_inserts_hang(lab):
     since each of its commands gets a short limit and it does not queue
     behind the loop's hung commands."""
     r, sim = lab
-    authorized(lab)
+    lab.authorized()
     count = len(sim.requests("heartbeat"))
     sim.push("heartbeat", set={"transmitExpireTime": relative(5)})
     sim.set_default("heartbeat", delay=120)
@@ -125,7 +108,7 @@ def test_guard_closes_within_the_minute_while_rule_inserts_hang(lab):
     finally:
         r.remove_file("/etc/lab/bin/iptables")
         r.remove_file("/etc/lab/bin/ebtables")
-    assert r.wait_for(lambda: gates_closed(r), 2 * 10 + 10), r.log_text()[-2000:]
+    assert r.wait_for(r.gates_closed, 2 * 10 + 10), r.log_text()[-2000:]
     assert r.daemon.poll() is None
 
 
@@ -133,16 +116,14 @@ def test_sigterm_while_the_loop_waits_for_a_plausible_cell_ends_within_10_s(lab)
     """A new cell with a width no cell has blocks the loop (it waits without a
     limit for a plausible cell); the guard takes the stop over."""
     r, sim = lab
-    authorized(lab)
+    lab.authorized()
     mark = len(r.log_text())
     r.set_modem(dlfreq=3630000, bandwidth=0)
     time.sleep(8)  # one pass: it reads the new cell and blocks before reporting it
     assert "frequency change" not in r.log_text()[mark:]
     assert "LTE accesses network success" not in r.log_text()[mark:]
-    status, took = stop_with(r, signal.SIGTERM)
+    took = r.stop_cleanly(signal.SIGTERM)
     print(f"\nMEASURE SIGTERM with the loop blocked -> exit: {took:.1f} s")
-    assert status == 0
-    assert took < 10
-    assert gates_closed(r)
+    assert r.gates_closed()
     assert r.log_text().count("[SAS] stop requested.\n") == 1
-    assert endpoints(sim)[-2:] == ["relinquishment", "deregistration"]
+    assert lab.endpoints()[-2:] == ["relinquishment", "deregistration"]

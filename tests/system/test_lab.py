@@ -9,7 +9,9 @@ import time
 
 import pytest
 
-from lab.router import STANDIN_DIR, VirtualRouter
+from lab.places import TESTS_DIR
+from lab.router import VirtualRouter
+from lab.rules import ADD_ETH_DROP, ADD_ICMP_DROP, DELETE_ICMP_DROP, ETH_DROP, ICMP_DROP
 
 ALL = ("eth1.112", "usb0.112", "br-lan")
 
@@ -66,22 +68,22 @@ def test_bridge_forward_chain_exists_and_is_empty(router):
 
 def test_ebtables_listing_has_one_trailing_blank_on_rule_lines(router):
     r = router(flavour="legacy")
-    r.run("ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP", check=True)
+    r.run(ADD_ETH_DROP, check=True)
     listing = r.run("ebtables -L BRIDGE_FORWARD").stdout.splitlines()
-    assert listing[-1] == "-o eth1.112+ -j DROP "
+    assert listing[-1] == ETH_DROP + " "
     assert all(not line.endswith(" ") for line in listing[:-1])
     matched = r.run("ebtables -L BRIDGE_FORWARD | grep -x '\\-o eth1.112+ \\-j DROP '")
     assert matched.returncode == 0
-    assert matched.stdout == "-o eth1.112+ -j DROP \n"
-    assert r.ebtables_rules() == ["-o eth1.112+ -j DROP"]
+    assert matched.stdout == ETH_DROP + " \n"
+    assert r.ebtables_rules() == [ETH_DROP]
 
 
 def test_ebtables_nft_flavour_lists_rule_lines_without_the_blank(router):
     r = router(flavour="ebtables-nft")
-    r.run("ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP", check=True)
+    r.run(ADD_ETH_DROP, check=True)
     listing = r.run("ebtables -L BRIDGE_FORWARD").stdout.splitlines()
-    assert listing[-1] == "-o eth1.112+ -j DROP"
-    assert r.ebtables_rules() == ["-o eth1.112+ -j DROP"]
+    assert listing[-1] == ETH_DROP
+    assert r.ebtables_rules() == [ETH_DROP]
 
 
 def test_nftables_flavour_has_no_iptables_or_ebtables_for_the_daemon(router):
@@ -98,20 +100,20 @@ def test_nftables_flavour_has_no_iptables_or_ebtables_for_the_daemon(router):
 
 def test_nftables_flavour_speaks_iptables_and_ebtables_to_the_tests(router):
     r = router(flavour="nftables")
-    r.run("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP && "
+    r.run(f"{ADD_ICMP_DROP} && "
           "iptables -A OUTPUT -p tcp --dport 22 -j ACCEPT && "
-          "ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP && "
+          f"{ADD_ETH_DROP} && "
           "ebtables -A BRIDGE_FORWARD -o eth0+ -j DROP", check=True)
     assert r.iptables_rules() == ["-P OUTPUT ACCEPT",
-                                  "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP",
+                                  ICMP_DROP,
                                   "-A OUTPUT -p tcp -m tcp --dport 22 -j ACCEPT"]
-    assert r.ebtables_rules() == ["-o eth1.112+ -j DROP", "-o eth0+ -j DROP"]
+    assert r.ebtables_rules() == [ETH_DROP, "-o eth0+ -j DROP"]
     # The daemon's rules in its tables, the foreign ones in the lab's.
     assert "icmp type echo-request drop" in r.run("nft list table inet cbsd").stdout
     assert "tcp dport 22 accept" in r.run("nft list table inet lab").stdout
     assert 'oifname "eth0*" drop' in r.run("nft list table bridge lab").stdout
-    assert r.run("iptables -D OUTPUT -p icmp --icmp-type 8 -j DROP").returncode == 0
-    assert r.run("iptables -D OUTPUT -p icmp --icmp-type 8 -j DROP").returncode == 1
+    assert r.run(DELETE_ICMP_DROP).returncode == 0
+    assert r.run(DELETE_ICMP_DROP).returncode == 1
     assert r.run("iptables -I OUTPUT -p udp -j ACCEPT").returncode == 2
     assert r.iptables_rules() == ["-P OUTPUT ACCEPT",
                                   "-A OUTPUT -p tcp -m tcp --dport 22 -j ACCEPT"]
@@ -296,7 +298,7 @@ def test_router_changes_do_not_reach_the_host(router):
 def test_two_routers_are_independent(router):
     a, b = router(), router(interfaces=("usb0.112",))
     a.set_ip_forward(1)
-    a.run("ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP", check=True)
+    a.run(ADD_ETH_DROP, check=True)
     a.set_modem(band=5)
     assert b.ip_forward() == ("0", "0")
     assert b.ebtables_rules() == []
@@ -335,10 +337,8 @@ def _cmdline(pid):
 
 
 def test_crashed_test_process_leaves_nothing_behind():
-    lab_parent = os.path.dirname(os.path.dirname(STANDIN_DIR))
-    script = textwrap.dedent(f"""
-        import json, os, sys, subprocess
-        sys.path.insert(0, {lab_parent!r})
+    script = textwrap.dedent("""
+        import json, os
         from lab.router import VirtualRouter
         r = VirtualRouter()
         s = r.spawn(["sleep", "300"])
@@ -347,7 +347,7 @@ def test_crashed_test_process_leaves_nothing_behind():
         os.kill(os.getpid(), 9)
     """)
     crashed = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
-                             timeout=30)
+                             timeout=30, env=dict(os.environ, PYTHONPATH=TESTS_DIR))
     assert crashed.returncode == -9
     workdir, holder_pid, sleeper_pid = json.loads(crashed.stdout)
     deadline = time.monotonic() + 5

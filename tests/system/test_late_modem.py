@@ -9,13 +9,11 @@ import time
 
 import pytest
 
-from test_standalone import gates_closed, gates_open, lab, pki_dir, sas_config  # noqa: F401
-from test_supervision_dp import wait_until_quiet
-from lab import device_config
+from lab.device_config import bare_sas_config, dp_config, sas_config
+from lab.timing import STOP_LIMIT as STOP_BOUND
 
 WAIT_START = "[SAS] the modem manager (ubus_lte) does not answer, start-up waits for it.\n"
 WAIT_END = "[SAS] the modem manager (ubus_lte) answers after "
-STOP_BOUND = 10
 LATE = 20  # seconds after the start at which the modem manager registers
 SERIAL = "SNLATE0042"
 
@@ -41,7 +39,7 @@ def start_in_foreground(r, workdir):
 def test_profile_first_run_and_registration_wait_for_a_late_modem_manager(lab, tmp_path):
     r, sim = lab
     r.set_modem(registered=False, SN=SERIAL)
-    r.write_file("/etc/config/sas", sas_config(sim.url, enable_mode="1"))
+    lab.write_config(enable_mode="1")
     # Values a first run replaces with the model's row.
     r.uci_set("cpi", "indoorDeployment", "1")
     r.uci_set("config", "antennaBeamwidth", "90")
@@ -55,7 +53,7 @@ def test_profile_first_run_and_registration_wait_for_a_late_modem_manager(lab, t
         assert r.uci_get("config", "fccId") is None
         assert r.uci_get("config", "serialNumber") is None
         assert r.uci_get("config", "cbsdTag") is None
-        assert gates_closed(r)
+        assert r.gates_closed()
         assert not sim.requests("registration")
         time.sleep(1)
     absent_for = time.monotonic() - started
@@ -99,24 +97,19 @@ def test_profile_first_run_and_registration_wait_for_a_late_modem_manager(lab, t
 
     print("system log while absent:", [t for _, _, t in syslog_while_absent])
 
-    daemon.send_signal(signal.SIGTERM)
-    assert daemon.wait(timeout=STOP_BOUND + 5) == 0
+    assert r.stop_with(signal.SIGTERM, STOP_BOUND, process=daemon)[0] == 0
     assert b"Command failed" not in open(err_path, "rb").read()
 
 
 @pytest.mark.parametrize("absent", [{"registered": False}, {"ubusd": False}])
 @pytest.mark.parametrize("signum", [signal.SIGTERM, signal.SIGINT])
 def test_a_stop_during_the_wait_ends_with_0_and_gates_closed(router, absent, signum):
-    r = router(sas_config=device_config.sas_config("https://127.0.0.1:1/v1.2", enable_mode="1"))
+    r = router(sas_config=sas_config(enable_mode="1"))
     r.set_modem(**absent)
     r.start_daemon()
     assert r.wait_for_log(WAIT_START, 20), r.daemon_output()[-2000:]
-    started = time.monotonic()
-    r.daemon.send_signal(signum)
-    status = r.daemon.wait(timeout=STOP_BOUND + 5)
-    took = time.monotonic() - started
-    assert (status, took < STOP_BOUND) == (0, True), (took, r.log_text()[-2000:])
-    assert gates_closed(r)
+    r.stop_cleanly(signum, limit=STOP_BOUND)
+    assert r.gates_closed()
     log = r.log_text()
     assert "[SAS] stop requested.\n" in log and "[SAS] cbsd exit.\n" in log
     assert WAIT_END not in log
@@ -125,29 +118,25 @@ def test_a_stop_during_the_wait_ends_with_0_and_gates_closed(router, absent, sig
 
 def test_a_stop_while_a_query_of_the_wait_hangs_ends_within_the_bound(router):
     # The wait's query has the usual 10 s limit; the guard takes the stop over.
-    r = router(sas_config=device_config.sas_config("https://127.0.0.1:1/v1.2", enable_mode="1"))
+    r = router(sas_config=sas_config(enable_mode="1"))
     r.set_modem(hang=["getproductinfo"])
     r.start_daemon()
     assert r.wait_for_log(WAIT_START, 10 + 20), r.daemon_output()[-2000:]
     first = r.hung_pid("ubus")
     assert r.wait_for(lambda: r.hung_pid("ubus") not in (None, first), 5 + 10)
-    started = time.monotonic()
-    r.daemon.send_signal(signal.SIGTERM)
-    status = r.daemon.wait(timeout=STOP_BOUND + 5)
-    took = time.monotonic() - started
-    assert (status, took < STOP_BOUND) == (0, True), (took, r.log_text()[-2000:])
-    assert gates_closed(r)
+    r.stop_cleanly(signal.SIGTERM, limit=STOP_BOUND)
+    assert r.gates_closed()
     assert r.uci_get("config", "fccId") is None
 
 
 def test_sas_enabled_during_the_wait_closes_the_gates(router):
-    r = router(sas_config=device_config.sas_config("https://127.0.0.1:1/v1.2", enable_mode="0"))
+    r = router(sas_config=sas_config(enable_mode="0"))
     r.set_modem(registered=False)
     r.start_daemon()
     assert r.wait_for_log(WAIT_START, 20), r.daemon_output()[-2000:]
     assert r.ip_forward() == ("1", "1")  # SAS off: start-up opened traffic
     r.uci_set("config", "enableMode", "1")
-    assert r.wait_for(lambda: gates_closed(r), 5 + 15), r.log_text()[-2000:]
+    assert r.wait_for(r.gates_closed, 5 + 15), r.log_text()[-2000:]
     r.set_modem(registered=None)
     assert r.wait_for_log(WAIT_END, 5 + 10)
     assert r.daemon.poll() is None
@@ -156,7 +145,7 @@ def test_sas_enabled_during_the_wait_closes_the_gates(router):
 def test_a_model_the_table_does_not_know_is_not_waited_for(router):
     r = router(modem={"productmodule": "QX-9000", "SN": "Q1", "netstat": 4, "dlfreq": 3625000,
                       "bandwidth": 20, "band": 48},
-               sas_config=device_config.bare_sas_config())
+               sas_config=bare_sas_config())
     r.start_daemon()
     assert r.wait_for_log("[SAS] wait for LTE accessing network...\n", 20)
     log = r.log_text()
@@ -168,14 +157,13 @@ def test_a_model_the_table_does_not_know_is_not_waited_for(router):
 
 def test_a_modem_manager_restart_changes_no_decision(router):
     # DP mode with the radio on and Band 48 auto-enable: open gates, SAS on.
-    config = device_config.sas_config("https://127.0.0.1:1/v1.2", usedp="1", radio_enable="0")
-    r = router(sas_config=config.replace("option auto '0'", "option auto '1'"))
+    r = router(sas_config=dp_config(auto="1"))
     r.start_daemon()
     assert r.wait_for(lambda: r.log_text().count("[SAS] device has been unauthorized.") == 2, 15)
-    wait_until_quiet(r, timeout=20)
+    r.wait_until_quiet(timeout=20)
     r.uci_set("sasConfig", "RadioEnable", "1")
-    assert r.wait_for(lambda: gates_open(r), 15), r.log_text()[-2000:]
-    wait_until_quiet(r, timeout=20)
+    assert r.wait_for(r.gates_open, 15), r.log_text()[-2000:]
+    r.wait_until_quiet(timeout=20)
     cell = [r.uci_get("cellInfo", o) for o in ("lowFrequency", "highFrequency", "bandwidth")]
     mark = len(r.log_text())
 
@@ -184,12 +172,12 @@ def test_a_modem_manager_restart_changes_no_decision(router):
         # Three passes of refused queries.
         end = time.monotonic() + 3 * 5 + 2
         while time.monotonic() < end:
-            assert gates_open(r), r.log_text()[mark:]
+            assert r.gates_open(), r.log_text()[mark:]
             time.sleep(0.5)
         r.set_modem(registered=None, ubusd=None)
         assert r.wait_for(lambda: r.log_text()[mark:].count("getltestatus works again after ")
                           == round_, 5 + 10), r.log_text()[mark:]
-    wait_until_quiet(r, timeout=20)
+    r.wait_until_quiet(timeout=20)
 
     news = r.log_text()[mark:]
     for decision in (" change: ", "LTE is not in connection", "sas disable", "Band 48",
@@ -197,7 +185,7 @@ def test_a_modem_manager_restart_changes_no_decision(router):
         assert decision not in news, news
     assert [r.uci_get("cellInfo", o) for o in ("lowFrequency", "highFrequency", "bandwidth")] == cell
     assert r.uci_get("config", "enableMode") == "1"
-    assert gates_open(r)
+    assert r.gates_open()
     # Each refused query kind is one streak: two lines, however many passes.
     assert news.count("getltestatus failed (exit 4): Command failed: Not found\n") == 1, news
     assert news.count("getltestatus failed (exit 255): Failed to connect to ubus\n") == 1, news

@@ -7,8 +7,8 @@ import pytest
 
 from lab import openwrt_bus
 from lab.device_config import bare_sas_config
+from lab.timing import PASS_SECONDS
 
-PASS_SECONDS = 5
 WITHIN_ONE_PASS = PASS_SECONDS + 4
 MODEM = {"productmodule": "RQ5518L", "SN": "SN1", "netstat": 4,
          "dlfreq": 3625000, "bandwidth": 20, "band": 48}

@@ -7,11 +7,12 @@ import time
 
 import pytest
 
-import fail_closed
-from lab import device_config
+from lab import fail_closed
+from lab.device_config import dp_config
+from lab.rules import ADD_ICMP_DROP, ETH_DROP, ICMP_DROP, USB_DROP
 
-ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
-BRIDGE_DROPS = ["-o usb0.112+ -j DROP", "-o eth1.112+ -j DROP"]
+# nft lists the bridge drops in the order the daemon added them.
+BRIDGE_DROPS = [USB_DROP, ETH_DROP]
 # One steady pass sleeps 5 s; the pass itself takes well under a second.
 WITHIN_ONE_PASS = 7
 FW4 = """table inet fw4 {
@@ -38,12 +39,8 @@ def router(router, cbsd_bin):
 
 
 def sas_config(enable_mode="1", radio_enable="0", backend=None):
-    text = device_config.sas_config("https://127.0.0.1:1/v1.2", enable_mode=enable_mode,
-                                    usedp="1", radio_enable=radio_enable)
-    if backend is not None:
-        text = text.replace("config config 'config'\n",
-                            f"config config 'config'\n\toption firewallBackend '{backend}'\n", 1)
-    return text
+    extra = "" if backend is None else f"\toption firewallBackend '{backend}'\n"
+    return dp_config(enable_mode, radio_enable, extra_config=extra)
 
 
 def load_fw4(r, text=FW4):
@@ -130,7 +127,7 @@ def test_the_option_forces_nftables_where_iptables_is_installed(router, cbsd_bin
             if line.strip() and not line.startswith("Bridge ")] == []
     r.stop_daemon()
     # -n removes the gates' rules of both backends, whichever holds them.
-    r.run("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP", check=True)
+    r.run(ADD_ICMP_DROP, check=True)
     assert r.run_daemon("-n").returncode == 0
     assert r.run("nft list tables").stdout.split("\n").count("table inet cbsd") == 0
     assert r.run("iptables -S OUTPUT").stdout.splitlines() == ["-P OUTPUT ACCEPT"]

@@ -7,23 +7,19 @@ import tempfile
 import pytest
 
 from lab.device_config import bare_sas_config as sas_config
+from lab.timing import PASS_SECONDS
 
 STARTED = "[SAS] auto SAS is "  # the first supervision pass: start-up is done
-PASS_SECONDS = 5
 WITHIN_ONE_PASS = PASS_SECONDS + 4
 L_M2_MODEM = {"productmodule": "RQ5518L-M2", "SN": "SNL0000042", "netstat": 4,
               "dlfreq": 3625000, "bandwidth": 20, "band": 48}
-
-
-def log_after(r, mark):
-    return r.log_text()[mark:]
 
 
 def start_and_settle(r, *args):
     """Starts the daemon and waits until start-up handed over to the loop."""
     mark = len(r.log_text())
     r.start_daemon(*args)
-    settled = r.wait_for(lambda: STARTED in log_after(r, mark), 30)
+    settled = r.wait_for(lambda: STARTED in r.log_after(mark), 30)
     assert settled, (f"daemon status {r.daemon.poll()}, log {len(r.log_text())} bytes "
                      f"(mark {mark})\n{r.daemon_output()[-3000:]}")
     return mark
@@ -32,18 +28,14 @@ def start_and_settle(r, *args):
 def test_known_model_gets_its_profile(router):
     r = router(modem=L_M2_MODEM, sas_config=sas_config())
     mark = start_and_settle(r)
-    assert r.uci_get("config", "fccId") == "7XK44RQ5518L96"
-    assert r.uci_get("config", "antennaGain") == "14"
-    assert r.uci_get("sasConfig", "maxEirp") == "27"
-    assert r.uci_get("config", "serialNumber") == "SNL0000042"
-    assert r.uci_get("config", "cbsdCategory") == "B"
-    assert r.uci_get("config", "radioTechnology") == "E_UTRA"
-    assert r.uci_get("config", "antennaModel") == "Internal"
-    assert r.uci_get("cpi", "heightType") == "AGL"
-    assert r.uci_get("cpi", "groupType") == "INTERFERENCE_COORDINATION"
-    assert r.uci_get("cpi", "indoorDeployment") == "0"
-    assert r.uci_get("config", "antennaBeamwidth") == "60"
-    news = log_after(r, mark)
+    expected = {"config.fccId": "7XK44RQ5518L96", "config.antennaGain": "14",
+                "sasConfig.maxEirp": "27", "config.serialNumber": "SNL0000042",
+                "config.cbsdCategory": "B", "config.radioTechnology": "E_UTRA",
+                "config.antennaModel": "Internal", "cpi.heightType": "AGL",
+                "cpi.groupType": "INTERFERENCE_COORDINATION", "cpi.indoorDeployment": "0",
+                "config.antennaBeamwidth": "60"}
+    assert r.uci_values(expected) == expected
+    news = r.log_after(mark)
     assert "[SAS] CPE Product Model: RQ5518L-M2\n" in news
     assert "[SAS] set default MaxEIRP(PreferPower): 27\n" in news
     assert "does not support SAS" not in news
@@ -54,10 +46,10 @@ def test_silent_modem_gets_the_catch_all_row(router):
     r = router(modem={"netstat": 4, "dlfreq": 3625000, "bandwidth": 20},
                sas_config=sas_config())
     mark = start_and_settle(r)
-    assert r.uci_get("config", "fccId") == "unknow_fccid"
-    assert r.uci_get("config", "antennaGain") == "0"
-    assert r.uci_get("sasConfig", "maxEirp") == "0"
-    news = log_after(r, mark)
+    expected = {"config.fccId": "unknow_fccid", "config.antennaGain": "0",
+                "sasConfig.maxEirp": "0"}
+    assert r.uci_values(expected) == expected
+    news = r.log_after(mark)
     assert "[SAS] this product model does not support SAS.\n" in news
     assert "[SAS] failed to get SN." in news
     records = r.syslog_records()
@@ -83,7 +75,7 @@ def test_second_start_keeps_first_run_options(router):
     assert r.uci_get("operation", "usedp") == "1"
     # Everything else is a default again at every start.
     assert r.uci_get("config", "fccId") == "7XK44RQ5518L96"
-    news = log_after(r, mark)
+    news = r.log_after(mark)
     assert "first time" not in news
     assert "indoorDeployment" not in news
 
@@ -103,20 +95,20 @@ def test_touched_executable_is_a_first_run_again(router, own_binary):
     binary = own_binary
     r = router(modem=L_M2_MODEM, sas_config=sas_config(), cbsd_bin=str(binary))
     first = start_and_settle(r)
-    assert "[SAS] cbsd is running for the first time.\n" in log_after(r, first)
+    assert "[SAS] cbsd is running for the first time.\n" in r.log_after(first)
     tag = r.uci_get("config", "cbsdTag")
     assert tag == str(int(os.stat(binary).st_mtime))
     r.stop_daemon()
 
     second = start_and_settle(r)
-    assert "first time" not in log_after(r, second)
+    assert "first time" not in r.log_after(second)
     r.stop_daemon()
 
     stat = os.stat(binary)
     os.utime(binary, (stat.st_atime, stat.st_mtime + 60))
     r.uci_set("cpi", "indoorDeployment", "1")
     third = start_and_settle(r)
-    assert "[SAS] cbsd is running for the first time.\n" in log_after(r, third)
+    assert "[SAS] cbsd is running for the first time.\n" in r.log_after(third)
     assert r.uci_get("config", "cbsdTag") == str(int(stat.st_mtime) + 60)
     assert r.uci_get("cpi", "indoorDeployment") == "0"
 
@@ -167,7 +159,7 @@ def test_auto_follows_band_48(router):
     r = router(modem=L_M2_MODEM, sas_config=sas_config(auto="1"))
     mark = start_and_settle(r)
     assert r.wait_for(lambda: r.uci_get("config", "enableMode") == "1", WITHIN_ONE_PASS)
-    news = log_after(r, mark)
+    news = r.log_after(mark)
     assert "[SAS] auto SAS is On.\n" in news
     assert "[SAS] LTE is in Band 48, so turn on SAS automatically.\n" in news
     r.set_modem(band=41)
@@ -185,9 +177,9 @@ def test_auto_with_failing_band_query_keeps_sas_as_it_was(router):
     assert r.wait_for(lambda: r.uci_get("config", "enableMode") == "1", WITHIN_ONE_PASS)
     mark = len(r.log_text())
     r.set_modem(band=None)  # the modem manager's reply lacks the band: the query fails
-    assert r.wait_for(lambda: log_after(r, mark).count("get band error:") >= 3,
-                      4 * WITHIN_ONE_PASS), log_after(r, mark)
-    news = log_after(r, mark)
+    assert r.wait_for(lambda: r.log_after(mark).count("get band error:") >= 3,
+                      4 * WITHIN_ONE_PASS), r.log_after(mark)
+    news = r.log_after(mark)
     assert r.uci_get("config", "enableMode") == "1"
     assert news.count("[SAS] LTE band unknown, SAS stays as it was.\n") == 1
     assert "not in Band 48" not in news and "sas disable" not in news
@@ -203,5 +195,5 @@ def test_manual_mode_leaves_enable_mode_to_the_user(router):
     mark = len(r.log_text())
     r.wait_for(lambda: False, WITHIN_ONE_PASS)  # let at least one pass go by
     assert r.uci_get("config", "enableMode") == "0"
-    assert "Band 48" not in log_after(r, mark)
+    assert "Band 48" not in r.log_after(mark)
     assert r.log_text().count("[SAS] auto SAS is Off.\n") == 1

@@ -1,18 +1,14 @@
 """The fail-closed sampler itself: it must fire on what it is there to catch
 (a partial opening, flapping, an expired authorisation, a router it cannot
 read), and stay quiet while the authority allows traffic."""
-import os
-import sys
 import time
 
 import pytest
 
-TESTS_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(TESTS_DIR, "sas_sim"))
-
-import sas_sim  # noqa: E402
-from fail_closed import DpAuthority, FailClosedSampler, StandAloneAuthority  # noqa: E402
-from lab import device_config  # noqa: E402
+from lab.device_config import dp_config
+from lab.fail_closed import DpAuthority, FailClosedSampler, StandAloneAuthority
+from lab.rules import ADD_ETH_DROP, ADD_ICMP_DROP
+from sas_sim.replies import transmit_expire_of
 
 REACTION = 0.5
 
@@ -29,11 +25,8 @@ class HandedOut:
 
 def closed_router(router, enable_mode="1", radio_enable="0"):
     """A router without a daemon whose gates are closed by hand."""
-    r = router(sas_config=device_config.sas_config("https://127.0.0.1:1/v1.2",
-                                                   enable_mode=enable_mode, usedp="1",
-                                                   radio_enable=radio_enable))
-    r.run("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP;"
-          "ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP", check=True)
+    r = router(sas_config=dp_config(enable_mode=enable_mode, radio_enable=radio_enable))
+    r.run(f"{ADD_ICMP_DROP}; {ADD_ETH_DROP}", check=True)
     return r
 
 
@@ -126,4 +119,4 @@ def test_a_starved_sampler_fails():
     ('{"heartbeatResponse": {}}', None),
 ])
 def test_the_simulator_counts_only_a_heartbeat_success_as_an_authorisation(body, expected):
-    assert sas_sim.transmit_expire_of(body.encode()) == expected
+    assert transmit_expire_of(body.encode()) == expected

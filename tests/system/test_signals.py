@@ -10,49 +10,36 @@ from random import Random
 
 import pytest
 
-from test_standalone import (ONE_PASS, authorized, endpoints, gates_closed,  # noqa: F401
-                             gates_open, lab, pki_dir, sas_config, set_option, start_disabled,
-                             start_enabled)
-from test_standalone_flow import wait_status
-
-STOP_LIMIT = 10
+from lab.timing import ONE_PASS, STOP_LIMIT
 
 
 def reach_disabled(lab):
-    start_disabled(lab[0])
-    assert lab[0].wait_for(lambda: gates_open(lab[0]), 20)
+    lab.start_disabled()
+    assert lab.r.wait_for(lab.r.gates_open, 20)
 
 
 def reach_unregistered(lab):
     """Every registration is left pending: the device stays unregistered."""
     r, sim = lab
     sim.set_default("registration", responseCode=200)
-    start_enabled(r)
+    lab.start_enabled()
     sim.wait_for_request("registration", 1, 20)
 
 
 def reach_registered(lab):
     """Every grant is refused: the device stays registered."""
-    r, sim = lab
-    sim.set_default("grant", responseCode=400)
-    start_enabled(r)
-    assert r.wait_for(lambda: "grant" in endpoints(sim), 30)
-    assert wait_status(r, "Registered", 5)
+    lab.held("grant", "Registered", responseCode=400)
 
 
 def reach_granted_in_a_heartbeat(lab):
     """Granted, with the first heartbeat held by the SAS: the signal arrives
     while the worker waits for a reply."""
-    r, sim = lab
-    sim.set_default("heartbeat", delay=25)
-    start_enabled(r)
-    assert r.wait_for(lambda: "heartbeat" in endpoints(sim), 30)
-    assert wait_status(r, "Granted", 5)
+    lab.held("heartbeat", "Granted", delay=25)
 
 
 def reach_authorized(lab):
-    authorized(lab)
-    assert gates_open(lab[0])
+    lab.authorized()
+    assert lab.r.gates_open()
 
 
 # state: (how to get there, what SIGTERM gives back to the SAS)
@@ -65,30 +52,20 @@ STATES = {
 }
 
 
-def terminate(r):
-    started = time.monotonic()
-    r.daemon.send_signal(signal.SIGTERM)
-    status = r.daemon.wait(timeout=STOP_LIMIT + 5)
-    return status, time.monotonic() - started
-
-
 @pytest.mark.parametrize("state", STATES)
 def test_sigterm(lab, state):
     r, sim = lab
     reach, given_back = STATES[state]
     reach(lab)
     before = len(sim.requests())
-    status, took = terminate(r)
-    print(f"\nMEASURE SIGTERM, {state} -> exit {status} after {took:.1f} s")
-    assert status == 0
-    assert took < STOP_LIMIT
+    r.stop_cleanly(signal.SIGTERM, f"SIGTERM, {state}")
     if state == "disabled":
-        assert gates_open(r)
-        assert endpoints(sim) == []
+        assert r.gates_open()
+        assert lab.endpoints() == []
         return
-    assert gates_closed(r)
+    assert r.gates_closed()
     assert "[SAS] stop requested.\n" in r.log_text()
-    sent = endpoints(sim)[before:]
+    sent = lab.endpoints()[before:]
     if given_back is not None:
         assert sent == given_back, sent
     # A worker waiting on the SAS gives back what it can; it never asks for more.
@@ -105,19 +82,19 @@ def test_sigkill_then_restart(lab, state):
     r.start_daemon()
     if state == "disabled":
         assert r.wait_for_log("[SAS] device network has been recovered.\n", 15)
-        assert r.wait_for(lambda: gates_open(r), ONE_PASS)
-        assert endpoints(sim) == []
+        assert r.wait_for(r.gates_open, ONE_PASS)
+        assert lab.endpoints() == []
         return
     assert r.wait_for_log("[SAS] SAS is enabled at start, traffic stays stopped.\n", 15)
     if state == "authorized":
         # The SAS still answers: the restarted daemon earns a new authorisation
         # (the sampler checks that it never opens without one).
-        assert r.wait_for(lambda: gates_open(r) and wait_status(r, "Authorized", 1), 60)
+        assert r.wait_for(lambda: r.gates_open() and r.wait_status("Authorized", 1), 60)
         return
     # Nothing can authorise it: closed within a pass of the restart, and it stays so.
-    assert r.wait_for(lambda: gates_closed(r), ONE_PASS)
+    assert r.wait_for(r.gates_closed, ONE_PASS)
     while time.monotonic() < restarted + 2 * ONE_PASS:
-        assert gates_closed(r)
+        assert r.gates_closed()
         time.sleep(0.5)
 
 
@@ -149,16 +126,16 @@ def one_random_stop(lab, random, run):
         sas_holds_one_exchange(sim, random)
     elif fault == "give-back":
         sas_holds_the_give_back(sim)
-    r.write_file("/etc/config/sas", sas_config(sim.url))
+    lab.write_config(enable_mode="1")
     r.start_daemon()
     assert r.wait_for_log("[SAS] create standalone thread[", 15), r.log_text()[-2000:]
     restart = random.random() < 0.5
     time.sleep(random.uniform(0, 5))
     if restart:
-        set_option(r, "config", "callSign", f"CALL{run}")
+        r.set_option("config", "callSign", f"CALL{run}")
         time.sleep(random.uniform(0, 2))
     mark = len(r.log_text())
-    status, took = terminate(r)
+    status, took = r.stop_with(signal.SIGTERM)
     r.stop_daemon()  # forgets the ended process
     return fault, restart, status, took, r.log_text()[mark:]
 
@@ -175,5 +152,5 @@ def test_sigterm_at_random_moments_ends_within_10_s_with_the_gates_closed(lab):
         assert status == 0, what
         assert took < STOP_LIMIT, what
         assert "[SAS] stop requested.\n" in log, what + "\n" + log
-        assert gates_closed(r), what
+        assert r.gates_closed(), what
     print(f"\nMEASURE SIGTERM at random moments: 8 runs, longest {longest:.1f} s")

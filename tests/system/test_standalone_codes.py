@@ -4,12 +4,7 @@ import time
 
 import pytest
 
-from test_standalone import (ONE_PASS, authorized, endpoints, gates_closed,  # noqa: F401
-                             gates_open, lab, pki_dir, enable, start_enabled)
-
-
-def wait_status(r, status, timeout=20):
-    return r.wait_for(lambda: r.uci_get("operation", "status") == status, timeout)
+from lab.timing import ONE_PASS
 
 
 @pytest.mark.parametrize("code", [500, 502])
@@ -18,46 +13,44 @@ def test_granted_heartbeat_500_502_relinquishes_to_registered(lab, code):
     sim.push("grant")                    # the first grant succeeds
     sim.push("grant", responseCode=400)  # the one asked again is refused: stay Registered
     sim.push("heartbeat", responseCode=code)
-    start_enabled(r)
-    assert r.wait_for(lambda: "relinquishment" in endpoints(sim), 30), r.log_text()[-3000:]
-    assert wait_status(r, "Registered")
-    assert r.wait_for(lambda: endpoints(sim)[:6] == ["registration", "spectrumInquiry", "grant",
+    lab.start_enabled()
+    assert r.wait_for(lambda: "relinquishment" in lab.endpoints(), 30), r.log_text()[-3000:]
+    assert r.wait_status("Registered")
+    assert r.wait_for(lambda: lab.endpoints()[:6] == ["registration", "spectrumInquiry", "grant",
                                                      "heartbeat", "relinquishment", "grant"], 10)
     # A refused exchange is followed by the next request no sooner than 5 s.
     requests = sim.requests()
     assert requests[5]["time"] - requests[4]["time"] >= 4.5
-    assert r.uci_get("sasConfig", "RadioEnable") == "0"
-    assert gates_closed(r)
+    assert r.radio_off_and_gates_closed()
 
 
 def test_granted_heartbeat_501_stays_granted_and_waits(lab):
     r, sim = lab
     sim.push("heartbeat", responseCode=501)
-    start_enabled(r)
+    lab.start_enabled()
     assert sim.wait_for_request("heartbeat", 1, 30)
-    assert wait_status(r, "Granted")
+    assert r.wait_status("Granted")
     time.sleep(5)
     assert len(sim.requests("heartbeat")) == 1
-    assert r.uci_get("sasConfig", "RadioEnable") == "0"
-    assert gates_closed(r)
+    assert r.radio_off_and_gates_closed()
 
 
 def test_granted_heartbeat_other_code_backs_off(lab):
     r, sim = lab
     sim.push("heartbeat", responseCode=103)
-    start_enabled(r)
+    lab.start_enabled()
     first = sim.wait_for_request("heartbeat", 1, 30)[0]
     second = sim.wait_for_request("heartbeat", 2, 25)[1]
     assert 14 <= second["time"] - first["time"] <= 18
     assert second["json"]["heartbeatRequest"][0]["operationState"] == "GRANTED"
-    assert gates_closed(r) or r.uci_get("sasConfig", "RadioEnable") == "1"
+    assert r.gates_closed() or r.uci_get("sasConfig", "RadioEnable") == "1"
 
 
 def refuse_authorized_heartbeat(lab, reply, *later_replies):
     """Authorises the device, then scripts its next heartbeat replies; returns
     the number of heartbeats before the refused one."""
     r, sim = lab
-    authorized(lab)
+    lab.authorized()
     count = len(sim.requests("heartbeat"))
     sim.push("heartbeat", **reply)
     for later in later_replies:
@@ -83,7 +76,7 @@ def withdrawal_times(r, sim, refused_count, limit=6.0):
         stopped = r.uci_get("sasConfig", "RadioEnable") == "0" and r.ip_forward() == ("0", "0")
         if stopped and ceased is None:
             ceased = time.time() - refused_at
-        if stopped and gates_closed(r):
+        if stopped and r.gates_closed():
             closed = time.time() - refused_at
         time.sleep(0.02)
     return ceased, closed
@@ -122,9 +115,9 @@ def test_authorized_refusal_stops_transmission_at_once(lab, code):
     count = refuse_authorized_heartbeat(lab, {"responseCode": code})
     assert_withdrawal_in_time(r, sim, count + 1, code)
     expected = {500: "Registered", 501: "Granted", 105: "Unregistered"}[code]
-    assert wait_status(r, expected, 5)
+    assert r.wait_status(expected, 5)
     if code != 501:
-        assert r.wait_for(lambda: "relinquishment" in endpoints(sim), 5)
+        assert r.wait_for(lambda: "relinquishment" in lab.endpoints(), 5)
     assert_withdrawn_in_order(r, code)
 
 
@@ -134,18 +127,18 @@ def test_authorized_502_withdraws_radio_enable_and_closes_gates(lab):
     sim.push("grant", responseCode=400)
     count = refuse_authorized_heartbeat(lab, {"responseCode": 502})
     assert_withdrawal_in_time(r, sim, count + 1, 502)
-    assert wait_status(r, "Registered", 5)
+    assert r.wait_status("Registered", 5)
     assert_withdrawn_in_order(r, 502)
 
 
 def test_authorized_501_suspends_to_granted(lab):
     r, sim = lab
     count = refuse_authorized_heartbeat(lab, {"responseCode": 501})
-    assert wait_status(r, "Granted", 5)
+    assert r.wait_status("Granted", 5)
     assert r.uci_get("sasConfig", "RadioEnable") == "0"
     time.sleep(5)
     assert len(sim.requests("heartbeat")) == count + 1
-    assert gates_closed(r)
+    assert r.gates_closed()
 
 
 def test_authorized_other_code_sends_granted_heartbeat_after_five_seconds(lab):
@@ -156,9 +149,9 @@ def test_authorized_other_code_sends_granted_heartbeat_after_five_seconds(lab):
     assert len(beats) == count + 2
     assert 4.5 <= beats[-1]["time"] - beats[-2]["time"] < 8
     assert beats[-1]["json"]["heartbeatRequest"][0]["operationState"] == "GRANTED"
-    assert wait_status(r, "Granted", 5)
+    assert r.wait_status("Granted", 5)
     assert r.uci_get("sasConfig", "RadioEnable") == "0"
-    assert r.wait_for(lambda: gates_closed(r), ONE_PASS + 2)
+    assert r.wait_for(r.gates_closed, ONE_PASS + 2)
 
 
 def test_authorized_105_relinquishes_deregisters_and_registers_again(lab):
@@ -166,8 +159,8 @@ def test_authorized_105_relinquishes_deregisters_and_registers_again(lab):
     sim.push("registration")
     sim.push("registration", responseCode=200)  # hold the device unregistered afterwards
     refuse_authorized_heartbeat(lab, {"responseCode": 105})
-    assert r.wait_for(lambda: endpoints(sim)[-3:] == ["relinquishment", "deregistration",
+    assert r.wait_for(lambda: lab.endpoints()[-3:] == ["relinquishment", "deregistration",
                                                       "registration"], 10)
     requests = sim.requests()
     assert requests[-1]["time"] - requests[-2]["time"] >= 4.5
-    assert wait_status(r, "Unregistered", 5)
+    assert r.wait_status("Unregistered", 5)

@@ -4,20 +4,15 @@ renewal window and expiry, transport failures with their back-off, the LTE
 link ending the back-off, and what a stop sends in each state."""
 import time
 
-from test_standalone import (ONE_PASS, authorized, enable, endpoints, gates_closed,  # noqa: F401
-                             lab, pki_dir, start_enabled, start_disabled, disable)
-from client import relative  # noqa: E402  (test_standalone puts tests/sas_sim on sys.path)
-
-
-def wait_status(r, status, timeout=20):
-    return r.wait_for(lambda: r.uci_get("operation", "status") == status, timeout)
+from lab.timing import ONE_PASS
+from sas_sim.client import relative
 
 
 def test_inquiry_105_deregisters_and_registers_again(lab):
     r, sim = lab
     sim.push("spectrumInquiry", responseCode=105)
-    start_enabled(r)
-    assert r.wait_for(lambda: endpoints(sim)[:4] == ["registration", "spectrumInquiry",
+    lab.start_enabled()
+    assert r.wait_for(lambda: lab.endpoints()[:4] == ["registration", "spectrumInquiry",
                                                      "deregistration", "registration"], 30)
     assert r.wait_for_log("[SAS] SpectrumInquiry unsuccessfully, responseCode:105(DEREGISTER)\n", 5)
 
@@ -25,10 +20,10 @@ def test_inquiry_105_deregisters_and_registers_again(lab):
 def test_grant_401_relinquishes_the_named_grant_and_asks_again_after_five_seconds(lab):
     r, sim = lab
     sim.push("grant", responseCode=401, responseData=["grant-conflict"])
-    authorized(lab)
+    lab.authorized()
     grants = sim.requests("grant")
     relinquished = sim.requests("relinquishment")
-    assert endpoints(sim)[:6] == ["registration", "spectrumInquiry", "grant", "relinquishment",
+    assert lab.endpoints()[:6] == ["registration", "spectrumInquiry", "grant", "relinquishment",
                                   "grant", "heartbeat"]
     assert relinquished[0]["json"]["relinquishmentRequest"][0]["grantId"] == "grant-conflict"
     assert 4.5 <= grants[1]["time"] - grants[0]["time"] < 8
@@ -36,14 +31,14 @@ def test_grant_401_relinquishes_the_named_grant_and_asks_again_after_five_second
 
 def test_inquiry_power_cap_reaches_grant_and_power_spectral_density(lab):
     r, sim = lab
-    start_disabled(r)
+    lab.start_disabled()
     configured = int(r.uci_get("sasConfig", "maxEirp") or "0")
     cap = min(configured, 20) - 3
     sim.push("spectrumInquiry", set={"availableChannel": [{
         "frequencyRange": {"lowFrequency": 3550000000, "highFrequency": 3700000000},
         "channelType": "GAA", "ruleApplied": "FCC_PART_96", "maxEirp": cap}]})
-    enable(r)
-    assert wait_status(r, "Authorized", 30)
+    lab.enable()
+    assert r.wait_status("Authorized", 30)
     grant = sim.requests("grant")[0]["json"]["grantRequest"][0]
     assert grant["operationParam"]["maxEirp"] == cap
     assert r.uci_get("sasConfig", "powerSpectralDensity") == str(cap)
@@ -51,14 +46,14 @@ def test_inquiry_power_cap_reaches_grant_and_power_spectral_density(lab):
 
 def test_inquiry_without_max_eirp_keeps_the_configured_power(lab):
     r, sim = lab
-    start_disabled(r)
+    lab.start_disabled()
     configured = r.uci_get("sasConfig", "maxEirp")
     assert configured, "the profile sets a maxEirp at start"
     sim.push("spectrumInquiry", set={"availableChannel": [{
         "frequencyRange": {"lowFrequency": 3550000000, "highFrequency": 3700000000},
         "channelType": "GAA", "ruleApplied": "FCC_PART_96"}]})
-    enable(r)
-    assert wait_status(r, "Authorized", 30)
+    lab.enable()
+    assert r.wait_status("Authorized", 30)
     grant = sim.requests("grant")[0]["json"]["grantRequest"][0]
     assert grant["operationParam"]["maxEirp"] == int(configured)
     assert r.uci_get("sasConfig", "maxEirp") == configured
@@ -68,7 +63,7 @@ def test_inquiry_without_max_eirp_keeps_the_configured_power(lab):
 def test_renewal_window_marks_grant_renew_and_heartbeat_asks_for_it(lab):
     r, sim = lab
     sim.push("grant", set={"grantExpireTime": relative(3600)})
-    authorized(lab)
+    lab.authorized()
     assert r.uci_get("operation", "GrantRenew") == "1"
     beat = sim.requests("heartbeat")[0]["json"]["heartbeatRequest"][0]
     assert beat["grantRenew"] is True
@@ -76,7 +71,7 @@ def test_renewal_window_marks_grant_renew_and_heartbeat_asks_for_it(lab):
 
 def test_grant_expiry_returns_to_registered_and_closes_gates(lab):
     r, sim = lab
-    authorized(lab)
+    lab.authorized()
     grants = len(sim.requests("grant"))
     sim.push("heartbeat", set={"grantExpireTime": relative(2)})
     # The pass that finds the grant expired still sends the heartbeat of the
@@ -84,17 +79,17 @@ def test_grant_expiry_returns_to_registered_and_closes_gates(lab):
     sim.push("heartbeat", close=True)
     sim.push("grant", responseCode=400)  # no new grant: stay Registered
     assert r.wait_for_log("[SAS] grantExpireTime[", 15)
-    assert wait_status(r, "Registered", 5)
+    assert r.wait_status("Registered", 5)
     assert r.wait_for(lambda: r.uci_get("sasConfig", "grantExpireTime") in ("", None), 2)
     assert r.uci_get("sasConfig", "RadioEnable") == "0"
     assert r.wait_for(lambda: len(sim.requests("grant")) == grants + 1, 10)
-    assert r.wait_for(lambda: gates_closed(r), ONE_PASS + 2)
+    assert r.wait_for(r.gates_closed, ONE_PASS + 2)
 
 
 def test_transport_failure_waits_fifteen_seconds(lab):
     r, sim = lab
     sim.push("registration", close=True)
-    start_enabled(r)
+    lab.start_enabled()
     first = sim.wait_for_request("registration", 1, 20)[0]
     assert r.wait_for_log("[SAS] failed to do registeration_request()\n", 5)
     registrations = sim.wait_for_request("registration", 2, 25)
@@ -108,7 +103,7 @@ def test_transport_failure_waits_fifteen_seconds(lab):
 def test_lte_change_ends_the_back_off(lab):
     r, sim = lab
     sim.push("registration", close=True)
-    start_enabled(r)
+    lab.start_enabled()
     sim.wait_for_request("registration", 1, 20)
     assert r.wait_for_log("[SAS] failed to do registeration_request()\n", 5)
     time.sleep(2)
@@ -120,24 +115,21 @@ def test_lte_change_ends_the_back_off(lab):
 
 def test_stop_while_registered_only_deregisters(lab):
     r, sim = lab
-    sim.set_default("grant", responseCode=400)
-    start_enabled(r)
-    assert r.wait_for(lambda: "grant" in endpoints(sim), 30)
-    assert wait_status(r, "Registered", 5)
+    lab.held("grant", "Registered", responseCode=400)
     before = len(sim.requests())
-    disable(r)
+    lab.disable()
     assert r.wait_for_log("[SAS] StandAlone thread[", ONE_PASS + 3)
-    assert r.wait_for(lambda: wait_status(r, "Unregistered", 1), 5)
-    assert endpoints(sim)[before:] == ["deregistration"]
+    assert r.wait_for(lambda: r.wait_status("Unregistered", 1), 5)
+    assert lab.endpoints()[before:] == ["deregistration"]
 
 
 def test_stop_while_unregistered_sends_nothing(lab):
     r, sim = lab
     sim.set_default("registration", responseCode=200)
-    start_enabled(r)
+    lab.start_enabled()
     sim.wait_for_request("registration", 1, 20)
     before = len(sim.requests())
-    disable(r)
+    lab.disable()
     assert r.wait_for_log("] is stopped\n", ONE_PASS + 3)
     time.sleep(1)
     assert len(sim.requests()) == before

@@ -1,28 +1,12 @@
 """The daemon's start-up order, as its log shows it, up to the first pass of
 the supervision loop."""
-import os
-
-ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
+from lab.device_config import left_authorized_config
+from lab.rules import ADD_ETH_DROP, ADD_ICMP_DROP, ADD_USB_DROP, ICMP_DROP
 
 MODEM = {"productmodule": "RQ5518E", "SN": "SN-STARTUP-1", "netstat": 4, "dlfreq": 3625000,
          "bandwidth": 20, "band": 48}
 
-CONFIG = (
-    "config config 'config'\n"
-    "\toption enableMode '0'\n"
-    "\toption usedp '1'\n"
-    "\n"
-    "config sasConfig 'sasConfig'\n"
-    "\toption RadioEnable '1'\n"
-    "\toption powerSpectralDensity '20'\n"
-    "\n"
-    "config operation 'operation'\n"
-    "\toption status 'Authorized'\n"
-    "\n"
-    "config cpi 'cpi'\n"
-    "\n"
-    "config cellInfo 'cellInfo'\n"
-)
+CONFIG = left_authorized_config()
 
 # The start-up lines in their order, then the first pass of the loop.
 STARTUP_ORDER = [
@@ -56,10 +40,7 @@ def test_start_up_runs_its_steps_in_order_then_enters_the_loop(router, tmp_path)
     (cert_drop / "clientCert" / "client.pem").write_text("not a real certificate\n")
     r = router(sas_config=CONFIG, modem=MODEM, provision_certs=str(cert_drop))
     # Rules and a closed switch left over from an earlier run.
-    r.run("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP;"
-          "iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP;"
-          "ebtables -I BRIDGE_FORWARD -o eth1.112+ -j DROP;"
-          "ebtables -I BRIDGE_FORWARD -o usb0.112+ -j DROP", check=True)
+    r.run(f"{ADD_ICMP_DROP}; {ADD_ICMP_DROP}; {ADD_ETH_DROP}; {ADD_USB_DROP}", check=True)
     assert r.ip_forward() == ("0", "0")
 
     r.start_daemon()
@@ -103,7 +84,7 @@ def test_first_pass_waits_for_the_lte_network(router):
 
 
 def test_start_with_sas_enabled_in_dp_mode_ends_with_gates_closed(router):
-    r = router(sas_config=CONFIG.replace("enableMode '0'", "enableMode '1'"), modem=MODEM)
+    r = router(sas_config=left_authorized_config(enable_mode="1"), modem=MODEM)
     r.start_daemon()
     assert r.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n", 20)
     text = r.log_text()
@@ -125,7 +106,7 @@ def test_start_with_sas_enabled_never_opens_a_gate(router):
     """Gates sampled from before the start: forwarding is never switched on
     and the drop rules are in place before the loop's first pass."""
     import threading
-    r = router(sas_config=CONFIG.replace("enableMode '0'", "enableMode '1'"), modem=MODEM)
+    r = router(sas_config=left_authorized_config(enable_mode="1"), modem=MODEM)
     r.run("echo 0 > /proc/sys/net/ipv4/ip_forward; echo 0 > /proc/sys/net/ipv6/conf/all/forwarding")
     seen, stop = [], threading.Event()
 

@@ -4,13 +4,13 @@ nftables flavour, which has neither (tests/lab/nft_view.py): -I, -A, -D and
 -F of the OUTPUT and BRIDGE_FORWARD rules the tests use, carried out with
 `nft` on the daemon's tables (our rules) or the lab's (foreign rules).  Exit
 status 1 for a deletion that finds nothing, 2 for anything else it does not
-know, as the real tools do.  Never on the daemon's PATH."""
+know, as the real tools do.  Never on the daemon's PATH; the router gives
+the tests' commands tests/ on PYTHONPATH (lab/commands.py)."""
 import os
 import subprocess
 import sys
 
-sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
-import nft_view  # noqa: E402
+from lab import nft_view
 
 TOOLS = {"iptables": ("OUTPUT", nft_view.OUTPUT_CHAIN, nft_view.icmp_rule_for),
          "ebtables": ("BRIDGE_FORWARD", nft_view.BRIDGE_CHAIN, nft_view.bridge_rule_for)}

@@ -2,9 +2,9 @@
 outside the daemon, four times a second, and records every moment one of them
 is open without an authority that allows it.
 
-A gate is open when forwarding is on (either switch), when the ICMP echo drop
-is missing from OUTPUT, or when a VLAN-112 interface exists and no bridge drop
-is listed.  The authority is what allows traffic:
+A gate is open as the router's open_gates() names it: forwarding on (either
+switch), the ICMP echo drop missing from OUTPUT, or a VLAN-112 interface and
+no bridge drop listed.  The authority is what allows traffic:
   - SAS off in the configuration allows everything (after the pass that reads
     the change: `ONE_PASS`);
   - in StandAlone mode, the latest heartbeat success the SAS simulator sent
@@ -14,44 +14,16 @@ is listed.  The authority is what allows traffic:
 Violations are counted in total (flapping adds up), not only in a row.  A
 sample that cannot be taken at all is a sampler error, and too few samples
 fail the test too: a sampler that saw nothing proves nothing."""
-import subprocess
 import threading
 import time
 
-ICMP_DROP = "-A OUTPUT -p icmp -m icmp --icmp-type 8 -j DROP"
-VLAN_PREFIXES = ("eth1.112", "usb0.112")
+from .timing import ONE_PASS
+
 PERIOD = 0.25
-# One supervision pass (5 s sleep) plus the pass itself.
-ONE_PASS = 7
 # The gates close no later than transmitExpireTime + 60 s.
 EXPIRY_ALLOWANCE = 60
 # At least one sample every this many seconds, or the sampler was starved.
 SLOWEST_SAMPLE = 2.0
-
-
-def _listing_or_none(read):
-    # nf_tables refuses a listing that races with a rule change (the lab
-    # retries a few times); a refusal proves nothing either way.
-    try:
-        return read()
-    except subprocess.CalledProcessError:
-        return None
-
-
-def open_gates(r):
-    """Names of the gates that are open now; a gate whose listing could not
-    be taken this time is left out."""
-    opened = []
-    if "1" in r.ip_forward():
-        opened.append("forwarding")
-    iptables = _listing_or_none(r.iptables_rules)
-    if iptables is not None and ICMP_DROP not in iptables:
-        opened.append("icmp")
-    if any(name.startswith(VLAN_PREFIXES) for name in r.interfaces):
-        ebtables = _listing_or_none(r.ebtables_rules)
-        if ebtables is not None and not any("DROP" in rule for rule in ebtables):
-            opened.append("bridge")
-    return opened
 
 
 class StandAloneAuthority:
@@ -112,7 +84,7 @@ class FailClosedSampler(threading.Thread):
                 if self.authority.switched_off():
                     allowed_until = now + self.reaction
                 deadline = self.authority.deadline()
-                opened = open_gates(self.r)
+                opened = self.r.open_gates()
             except Exception as error:  # noqa: BLE001 - any failure is reported
                 self.errors.append(repr(error))
                 continue

@@ -1,0 +1,5 @@
+"""The one error the virtual router raises for a lab that does not work as asked."""
+
+
+class RouterError(RuntimeError):
+    pass
