@@ -2,7 +2,9 @@
 // sas::Transport that answers each post at once from a script, in the reply
 // vocabulary of the SAS simulator (tests/sas_sim/README.md, "reply SPEC"):
 // `responseCode`, `responseData`, `set` (with {"$time": N}), `remove`,
-// `body`, `json`, `html_error`, `status`, `close`, `delay`.  Default replies
+// `body`, `json`, `html_error`, `status`, `close`, `delay`; and one of its
+// own, `date`: the SAS's clock as the reply states it, N s from now (the
+// simulator always states the real time).  Default replies
 // are the simulator's (heartbeat period 60 s, transmit time now + 240 s,
 // grant time now + 7 days, maxEirp 37).  The real HTTPS path is tested
 // against the simulator itself (tests/sas, WorkerControl, system tests).
@@ -269,7 +271,8 @@ private:
         reply.result = 0;
         reply.httpStatus = status ? static_cast<long>(json_integer_value(status)) : htmlError ? 500 : 200;
         reply.dated = true;
-        reply.date = static_cast<int64_t>(std::time(nullptr));
+        reply.date = static_cast<int64_t>(std::time(nullptr)) +
+                     static_cast<int64_t>(json_integer_value(json_object_get(spec, "date")));
         if (text.find("Response") != std::string::npos) reply.dumped = text;
         return reply;
     }
