@@ -26,24 +26,21 @@ BodyStatus build_deregistration_body(const char* cbsdId, char* body, size_t capa
     return status;
 }
 
-PostReply post_deregistration(const Transport& post, const char* serverUrl, const char* cbsdId) {
-    return post_message(post, serverUrl, "deregistration", kShortRequestBodyCapacity,
-                        [&](char* body, size_t capacity) {
-                            return build_deregistration_body(cbsdId, body, capacity) !=
-                                   BodyStatus::kTooLong;
-                        });
-}
-
 void deregistration_request(const Transport& post, const char* serverUrl, const char* cbsdId,
                             DeregistrationResponse* reply) {
-    PostReply posted = run_exchange(
-        {"\n[SAS] send deregistration_request...\n", "[SAS] post deregistration_request failed\n"},
-        [&] { return post_deregistration(post, serverUrl, cbsdId); },
+    auto build = [&](char* body, size_t capacity) {
+        return build_deregistration_body(cbsdId, body, capacity) != BodyStatus::kTooLong;
+    };
+    run_logged_exchange(
+        "deregistration_request", "Deregister",
+        [&] {
+            return post_message(post, serverUrl, "deregistration", kShortRequestBodyCapacity, build);
+        },
         [reply](std::string_view bytes) {
             std::memset(reply, 0, sizeof *reply);
             parse_deregistration_response(bytes, reply);
+            return reply->responseCode;
         });
-    if (posted.result == 0) log_outcome("Deregister", reply->responseCode);
 }
 
 int32_t parse_deregistration_response(std::string_view bytes, DeregistrationResponse* reply) {

@@ -34,6 +34,17 @@ PostReply run_exchange(const ExchangeLines& lines, const std::function<PostReply
     return reply;
 }
 
+void run_logged_exchange(const char* request, const char* outcome,
+                         const std::function<PostReply()>& post,
+                         const std::function<int32_t(std::string_view)>& parse) {
+    std::string name = request;
+    int32_t code = 0;
+    PostReply reply = run_exchange(
+        {"\n[SAS] send " + name + "...\n", "[SAS] post " + name + " failed\n"}, post,
+        [&](std::string_view bytes) { code = parse(bytes); });
+    if (reply.result == 0) log_outcome(outcome, code);
+}
+
 void log_outcome(const char* name, int32_t code) {
     if (code == 0)
         base::notice_to_syslog("[SAS] %s successfully\n", name);

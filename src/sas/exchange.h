@@ -34,6 +34,13 @@ struct ExchangeLines {
 PostReply run_exchange(const ExchangeLines& lines, const std::function<PostReply()>& post,
                        const std::function<void(std::string_view)>& parse);
 
+// The skeleton of the give-back drivers (relinquishment, deregistration):
+// "send <request>...", the post, "post <request> failed" when no reply came,
+// or else the parse and the outcome line (log_outcome) of the code it returns.
+void run_logged_exchange(const char* request, const char* outcome,
+                         const std::function<PostReply()>& post,
+                         const std::function<int32_t(std::string_view)>& parse);
+
 // "[SAS] <name> successfully" for code 0, otherwise
 // "[SAS] <name> unsuccessfully, responseCode:<code>(<code's name>)"; both
 // also to the system log.

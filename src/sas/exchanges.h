@@ -37,9 +37,6 @@ void relinquishment_request(const Transport& post, const char* serverUrl, const 
                             const char* grantId, RelinquishmentResponse* reply);
 void deregistration_request(const Transport& post, const char* serverUrl, const char* cbsdId,
                             DeregistrationResponse* reply);
-PostReply post_relinquishment(const Transport& post, const char* serverUrl, const char* cbsdId,
-                              const char* grantId);
-PostReply post_deregistration(const Transport& post, const char* serverUrl, const char* cbsdId);
 int32_t parse_relinquishment_response(std::string_view bytes, RelinquishmentResponse* reply);
 int32_t parse_deregistration_response(std::string_view bytes, DeregistrationResponse* reply);
 

@@ -77,7 +77,9 @@ PostReply grant_request(const Transport& post, const char* serverUrl,
 int32_t parse_grant_response(std::string_view bytes, GrantResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply(bytes, "grantResponse", &sasReply, &reply->responseCode) != ReplyReadResult::kRead) return -1;
+    if (read_sas_reply(bytes, "grantResponse", &sasReply, &reply->responseCode) !=
+        ReplyReadResult::kRead)
+        return -1;
     const json_t* element = sasReply.element;
     if (reply->responseCode == kGrantConflict) {
         // The conflicting grant's id, which the caller relinquishes.

@@ -52,7 +52,8 @@ PostReply heartbeat_request(const Transport& post, const char* serverUrl,
 int32_t parse_heartbeat_response(std::string_view bytes, HeartbeatResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply(bytes, "heartbeatResponse", &sasReply, &reply->responseCode) != ReplyReadResult::kRead ||
+    if (read_sas_reply(bytes, "heartbeatResponse", &sasReply, &reply->responseCode) !=
+            ReplyReadResult::kRead ||
         reply->responseCode != 0)
         return -1;
     const json_t* element = sasReply.element;

@@ -30,28 +30,24 @@ BodyStatus build_relinquishment_body(const char* cbsdId, const char* grantId, ch
     return status;
 }
 
-PostReply post_relinquishment(const Transport& post, const char* serverUrl, const char* cbsdId,
-                              const char* grantId) {
-    return post_message(post, serverUrl, "relinquishment", kShortRequestBodyCapacity,
-                        [&](char* body, size_t capacity) {
-                            return build_relinquishment_body(cbsdId, grantId, body, capacity) !=
-                                   BodyStatus::kTooLong;
-                        });
-}
-
 void relinquishment_request(const Transport& post, const char* serverUrl, const char* cbsdId,
                             const char* grantId, RelinquishmentResponse* reply) {
+    auto build = [&](char* body, size_t capacity) {
+        return build_relinquishment_body(cbsdId, grantId, body, capacity) != BodyStatus::kTooLong;
+    };
     // The record is cleared and its parser leaves the code at 0, so a reply
     // that cannot be read counts as a successful relinquishment: the grant is
     // given up locally whatever the SAS says.
-    PostReply posted = run_exchange(
-        {"\n[SAS] send relinquishment_request...\n", "[SAS] post relinquishment_request failed\n"},
-        [&] { return post_relinquishment(post, serverUrl, cbsdId, grantId); },
+    run_logged_exchange(
+        "relinquishment_request", "Relinquish",
+        [&] {
+            return post_message(post, serverUrl, "relinquishment", kShortRequestBodyCapacity, build);
+        },
         [reply](std::string_view bytes) {
             std::memset(reply, 0, sizeof *reply);
             parse_relinquishment_response(bytes, reply);
+            return reply->responseCode;
         });
-    if (posted.result == 0) log_outcome("Relinquish", reply->responseCode);
 }
 
 // Unlike the other parsers this one leaves responseCode as the caller set it.

@@ -71,14 +71,9 @@ void run_granted(Worker& w) {
     if (code == sas::kSuccess) {
         succeed(w, posted);
     } else if (code == sas::kDeregister) {
-        relinquish(w);
-        deregister(w);
-        write_status(w, base::kUnregistered);
-        start_over_after_refusal(w);
+        start_over_unregistered(w, true);
     } else if (code == sas::kTerminatedGrant || code == sas::kUnsyncOpParam) {
-        relinquish(w);
-        write_status(w, base::kRegistered);
-        start_over_after_refusal(w);
+        start_over_registered(w);
     } else if (code == sas::kSuspendedGrant) {
         oper_timer_start(&w.operTimer, SUSPENDED_GRANT);
     } else {
@@ -109,16 +104,11 @@ void run_authorized(Worker& w) {
     sas::log_outcome("Heartbeat", code);
     switch (code) {
         case sas::kDeregister:
-            relinquish(w);
-            deregister(w);
-            write_status(w, base::kUnregistered);
-            start_over_after_refusal(w);
+            start_over_unregistered(w, true);
             break;
         case sas::kTerminatedGrant:
         case sas::kUnsyncOpParam:
-            relinquish(w);
-            write_status(w, base::kRegistered);
-            start_over_after_refusal(w);
+            start_over_registered(w);
             break;
         case sas::kSuspendedGrant:
             write_status(w, base::kGranted);

@@ -45,13 +45,11 @@ bool exchange_or_pace(Worker& w, const char* request, const std::function<sas::P
 // Returns true when the grant may be asked for in this pass.
 bool inquire_spectrum(Worker& w) {
     sas::SpectrumInquiryResponse* reply = w.records.inquiry.get();
-    if (!exchange_or_pace(w, "spectrumInquiry",
-                  [&] {
-                      return sas::spectrumInquiry_request(w.transport, w.serverUrl,
-                                                          w.records.registration.get(),
-                                                          w.records.device.get());
-                  },
-                  sas::parse_spectrum_inquiry_response, reply))
+    auto post = [&] {
+        return sas::spectrumInquiry_request(w.transport, w.serverUrl, w.records.registration.get(),
+                                            w.records.device.get());
+    };
+    if (!exchange_or_pace(w, "spectrumInquiry", post, sas::parse_spectrum_inquiry_response, reply))
         return false;
     sas::log_outcome("SpectrumInquiry", reply->responseCode);
     if (reply->responseCode == sas::kSuccess) {
@@ -60,9 +58,7 @@ bool inquire_spectrum(Worker& w) {
         return true;
     }
     if (reply->responseCode == sas::kDeregister) {
-        deregister(w);
-        write_status(w, base::kUnregistered);
-        start_over_after_refusal(w);
+        start_over_unregistered(w, false);
     } else {
         *reply = sas::SpectrumInquiryResponse{};  // so that the next attempt asks again
         oper_timer_start(&w.operTimer, RESPONSE_ERROR);
@@ -84,23 +80,18 @@ void on_grant(Worker& w, const sas::GrantResponse* reply) {
 
 void request_grant(Worker& w) {
     sas::GrantResponse* reply = w.records.grant.get();
-    if (!exchange_or_pace(w, "grant",
-                  [&] {
-                      return sas::grant_request(w.transport, w.serverUrl,
-                                                w.records.registration.get(),
-                                                w.records.device.get());
-                  },
-                  sas::parse_grant_response, reply))
-        return;
+    auto post = [&] {
+        return sas::grant_request(w.transport, w.serverUrl, w.records.registration.get(),
+                                  w.records.device.get());
+    };
+    if (!exchange_or_pace(w, "grant", post, sas::parse_grant_response, reply)) return;
     sas::log_outcome("Grant", reply->responseCode);
     switch (reply->responseCode) {
         case sas::kSuccess:
             on_grant(w, reply);
             return;
         case sas::kDeregister:
-            deregister(w);
-            write_status(w, base::kUnregistered);
-            start_over_after_refusal(w);
+            start_over_unregistered(w, false);
             return;
         case sas::kGrantConflict:
             // The SAS names the conflicting grant; drop it and ask again at once.
@@ -121,13 +112,12 @@ void request_grant(Worker& w) {
 void register_device(Worker& w) {
     config::DeviceRecord* device = w.records.device.get();
     sas::RegistrationResponse* reply = w.records.registration.get();
-    if (!exchange_or_pace(w, "registeration",
-                  [&] {
-                      *device = config::DeviceRecord{};
-                      config::load_device_record(device);
-                      return sas::registeration_request(w.transport, w.serverUrl, device);
-                  },
-                  sas::parse_registration_response, reply))
+    auto post = [&] {
+        *device = config::DeviceRecord{};
+        config::load_device_record(device);
+        return sas::registeration_request(w.transport, w.serverUrl, device);
+    };
+    if (!exchange_or_pace(w, "registeration", post, sas::parse_registration_response, reply))
         return;
     sas::log_outcome("Register", reply->responseCode);
     if (reply->responseCode != sas::kSuccess) {

@@ -74,6 +74,11 @@ void start_over_after_refusal(Worker& w);
 // Give the grant back, or the registration, once transmission has ceased.
 void relinquish(Worker& w);
 void deregister(Worker& w);
+// The SAS ended the registration: what is held is given back (the grant
+// first, when there is one) and the procedure starts over, unregistered.
+void start_over_unregistered(Worker& w, bool grantHeld);
+// The SAS ended the grant: it is given back and a new one is asked for.
+void start_over_registered(Worker& w);
 
 // One exchange of the worker: "send <request><detail>...", the post, then
 // "failed to do <request><detail or ()>" when no reply came, or else the

@@ -89,4 +89,17 @@ void deregister(Worker& w) {
                                 w.records.deregistration.get());
 }
 
+void start_over_unregistered(Worker& w, bool grantHeld) {
+    if (grantHeld) relinquish(w);
+    deregister(w);
+    write_status(w, base::kUnregistered);
+    start_over_after_refusal(w);
+}
+
+void start_over_registered(Worker& w) {
+    relinquish(w);
+    write_status(w, base::kRegistered);
+    start_over_after_refusal(w);
+}
+
 }  // namespace cbsd::standalone

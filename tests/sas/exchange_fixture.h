@@ -18,11 +18,6 @@
 
 namespace cbsd::test {
 
-// The bytes the next parse reads; empty (no usable reply) until set.
-inline std::string& reply_under_test() {
-    static std::string bytes;
-    return bytes;
-}
 inline std::string_view reply_bytes() { return reply_under_test(); }
 
 inline void write_reply(const std::string& text) { reply_under_test() = text; }

@@ -189,7 +189,8 @@ class GrantExchangeTest : public test::ExchangeTest {};
 TEST_F(GrantExchangeTest, GrantReachesTheSasAndTheGrantIsRead) {
     RegistrationResponse registration{};
     base::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-5");
-    ASSERT_EQ(0, test::posted(grant_request(sas::https_transport(), url.c_str(), &registration, &record)));
+    ASSERT_EQ(0, test::posted(grant_request(
+                         sas::https_transport(), url.c_str(), &registration, &record)));
     test::ReceivedBodies bodies(received("grant"), "grantRequest");
     ASSERT_EQ(1u, bodies.size());
     json_t* operation = json_object_get(bodies.element(0), "operationParam");
@@ -209,7 +210,8 @@ TEST_F(GrantExchangeTest, GrantReachesTheSasAndTheGrantIsRead) {
 TEST_F(GrantExchangeTest, ScriptedConflictYieldsTheConflictingId) {
     ASSERT_TRUE(simulator->push("grant", R"({"responseCode":401,"responseData":["grant-old"]})"));
     RegistrationResponse registration{};
-    ASSERT_EQ(0, test::posted(grant_request(sas::https_transport(), url.c_str(), &registration, &record)));
+    ASSERT_EQ(0, test::posted(grant_request(
+                         sas::https_transport(), url.c_str(), &registration, &record)));
     GrantResponse reply{};
     EXPECT_EQ(-1, parse_grant_response(test::reply_bytes(), &reply));
     EXPECT_EQ(401, reply.responseCode);

@@ -178,9 +178,11 @@ TEST_F(HeartbeatExchangeTest, HeartbeatCarriesTheRenewalFlagFromTheConfiguration
     GrantResponse grant{};
     base::copy_text(grant.cbsdId, sizeof grant.cbsdId, "cbsd-8");
     base::copy_text(grant.grantId, sizeof grant.grantId, "grant-8");
-    ASSERT_EQ(0, test::posted(heartbeat_request(sas::https_transport(), url.c_str(), &grant, &record, "GRANTED")));
+    ASSERT_EQ(0, test::posted(heartbeat_request(
+                         sas::https_transport(), url.c_str(), &grant, &record, "GRANTED")));
     config::config_set("/etc/config/sas", "operation", "GrantRenew", "0");
-    ASSERT_EQ(0, test::posted(heartbeat_request(sas::https_transport(), url.c_str(), &grant, &record, "AUTHORIZED")));
+    ASSERT_EQ(0, test::posted(heartbeat_request(
+                         sas::https_transport(), url.c_str(), &grant, &record, "AUTHORIZED")));
 
     test::ReceivedBodies bodies(received("heartbeat"), "heartbeatRequest");
     ASSERT_EQ(2u, bodies.size());

@@ -37,7 +37,7 @@ void install_recording_logger() {
     setenv("PATH", path.c_str(), 1);
 }
 
-// Every parser over the current dump file; none may crash.
+// Every parser over the reply under test; none may crash.
 void parse_with_all_parsers() {
     RegistrationResponse registration{};
     parse_registration_response(test::reply_bytes(), &registration);
@@ -180,11 +180,13 @@ TEST_F(HostileExchangeTest, HostileConflictIdTravelsOnlyAsJson) {
     ASSERT_TRUE(simulator->push(
         "relinquishment", R"({"responseCode":103,"set":{"cbsdId":")" + kHostileText + R"("}})"));
     RegistrationResponse registration{};
-    ASSERT_EQ(0, test::posted(grant_request(sas::https_transport(), url.c_str(), &registration, &record)));
+    ASSERT_EQ(0, test::posted(grant_request(
+                         sas::https_transport(), url.c_str(), &registration, &record)));
     GrantResponse grant{};
     ASSERT_EQ(-1, parse_grant_response(test::reply_bytes(), &grant));
     RelinquishmentResponse relinquished{};
-    relinquishment_request(sas::https_transport(), url.c_str(), "cbsd-1", grant.responseData, &relinquished);
+    relinquishment_request(sas::https_transport(), url.c_str(),
+                           "cbsd-1", grant.responseData, &relinquished);
 
     test::ReceivedBodies bodies(received("relinquishment"), "relinquishmentRequest");
     ASSERT_EQ(1u, bodies.size());

@@ -375,7 +375,8 @@ TEST(RegistrationOptions, SingleStepOnlyForStepChoiceOne) {
 class RegistrationExchangeTest : public test::ExchangeTest {};
 
 TEST_F(RegistrationExchangeTest, TwoStepRegistrationReachesTheSasAndYieldsTheId) {
-    ASSERT_EQ(0, test::posted(registeration_request(sas::https_transport(), url.c_str(), &record)));
+    ASSERT_EQ(0, test::posted(registeration_request(
+                         sas::https_transport(), url.c_str(), &record)));
     test::ReceivedBodies bodies(received("registration"), "registrationRequest");
     ASSERT_EQ(1u, bodies.size());
     json_t* sent = bodies.element(0);
@@ -396,7 +397,8 @@ TEST_F(RegistrationExchangeTest, SingleStepRegistrationSendsSignedInstallationDa
                                      "config config 'config'\n\toption sasStepChoice '1'\n\n"));
     config::config_set("/etc/config/sas", "cert", "cpiKeyFileName", "rsa.p12");
     config::config_set("/etc/config/sas", "cert", "cpiKeyFilePassword", test::kCpiPassword);
-    ASSERT_EQ(0, test::posted(registeration_request(sas::https_transport(), url.c_str(), &record)));
+    ASSERT_EQ(0, test::posted(registeration_request(
+                         sas::https_transport(), url.c_str(), &record)));
     test::ReceivedBodies bodies(received("registration"), "registrationRequest");
     ASSERT_EQ(1u, bodies.size());
     json_t* signature = json_object_get(bodies.element(0), "cpiSignatureData");
@@ -413,7 +415,8 @@ TEST_F(RegistrationExchangeTest, SingleStepWithoutKeyNameSendsNothing) {
     ASSERT_TRUE(test::write_file("/etc/config/sas",
                                  test::sim::cert_section("cbsd.pem", "cbsd.key", "ca.pem") +
                                      "config config 'config'\n\toption sasStepChoice '1'\n\n"));
-    EXPECT_EQ(-1, test::posted(registeration_request(sas::https_transport(), url.c_str(), &record)));
+    EXPECT_EQ(-1, test::posted(registeration_request(
+                         sas::https_transport(), url.c_str(), &record)));
     EXPECT_EQ(0u, request_count());
 }
 
@@ -422,7 +425,8 @@ TEST_F(RegistrationExchangeTest, OversizeBodyIsNeverPosted) {
     for (char* field :
          {record.userId, record.fccId, record.serialNumber, record.callSign, record.groupId})
         base::copy_text(field, 128, controls.c_str());
-    EXPECT_EQ(-1, test::posted(registeration_request(sas::https_transport(), url.c_str(), &record)));
+    EXPECT_EQ(-1, test::posted(registeration_request(
+                         sas::https_transport(), url.c_str(), &record)));
     EXPECT_EQ(0u, request_count());
     EXPECT_NE(std::string::npos, test::log_text().find("[SAS] request message too long ("));
 }

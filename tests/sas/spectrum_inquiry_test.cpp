@@ -194,7 +194,8 @@ class SpectrumInquiryExchangeTest : public test::ExchangeTest {};
 TEST_F(SpectrumInquiryExchangeTest, InquiryReachesTheSasAndTheChannelIsRead) {
     RegistrationResponse registration{};
     base::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-77");
-    ASSERT_EQ(0, test::posted(spectrumInquiry_request(sas::https_transport(), url.c_str(), &registration, &record)));
+    ASSERT_EQ(0, test::posted(spectrumInquiry_request(
+                         sas::https_transport(), url.c_str(), &registration, &record)));
     test::ReceivedBodies bodies(received("spectrumInquiry"), "spectrumInquiryRequest");
     ASSERT_EQ(1u, bodies.size());
     EXPECT_EQ("cbsd-77", string_member(bodies.element(0), "cbsdId"));
