@@ -46,9 +46,7 @@ void deregistration_request(const Transport& post, const char* serverUrl, const 
 int32_t parse_deregistration_response(std::string_view bytes, DeregistrationResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply(bytes, "deregistrationResponse", &sasReply, &reply->responseCode) !=
-            ReplyReadResult::kRead ||
-        reply->responseCode != 0)
+    if (!read_sas_success(bytes, "deregistrationResponse", &sasReply, &reply->responseCode))
         return -1;
     copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     return 0;

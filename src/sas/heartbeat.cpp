@@ -52,9 +52,7 @@ PostReply heartbeat_request(const Transport& post, const char* serverUrl,
 int32_t parse_heartbeat_response(std::string_view bytes, HeartbeatResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply(bytes, "heartbeatResponse", &sasReply, &reply->responseCode) !=
-            ReplyReadResult::kRead ||
-        reply->responseCode != 0)
+    if (!read_sas_success(bytes, "heartbeatResponse", &sasReply, &reply->responseCode))
         return -1;
     const json_t* element = sasReply.element;
     copy_reply_text(element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);

@@ -53,9 +53,7 @@ void relinquishment_request(const Transport& post, const char* serverUrl, const 
 // Unlike the other parsers this one leaves responseCode as the caller set it.
 int32_t parse_relinquishment_response(std::string_view bytes, RelinquishmentResponse* reply) {
     SasReply sasReply;
-    if (read_sas_reply(bytes, "relinquishmentResponse", &sasReply, &reply->responseCode) !=
-            ReplyReadResult::kRead ||
-        reply->responseCode != 0)
+    if (!read_sas_success(bytes, "relinquishmentResponse", &sasReply, &reply->responseCode))
         return -1;
     copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     copy_reply_text(sasReply.element, "grantId", reply->grantId, sizeof reply->grantId);

@@ -50,6 +50,12 @@ ReplyReadResult read_sas_reply(std::string_view bytes, const char* memberName, S
                                                             : ReplyReadResult::kNoCode;
 }
 
+bool read_sas_success(std::string_view bytes, const char* memberName, SasReply* reply,
+                      int32_t* responseCode) {
+    return read_sas_reply(bytes, memberName, reply, responseCode) == ReplyReadResult::kRead &&
+           *responseCode == 0;
+}
+
 int copy_reply_text(const json_t* object, const char* member, char* field, size_t size) {
     const json_t* value = json_object_get(object, member);
     if (!json_is_string(value)) return 0;

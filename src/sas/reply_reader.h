@@ -39,6 +39,11 @@ enum class ReplyReadResult {
 ReplyReadResult read_sas_reply(std::string_view bytes, const char* memberName, SasReply* reply,
                                int32_t* responseCode);
 
+// read_sas_reply for a parser that takes nothing but a success: true when
+// the element was taken and its code is 0.
+bool read_sas_success(std::string_view bytes, const char* memberName, SasReply* reply,
+                      int32_t* responseCode);
+
 // Copies a member of `object` into a fixed-width field when it is present and
 // a string, keeping at most size - 1 characters; otherwise the field stays as
 // it was.  Returns 1 when copied.

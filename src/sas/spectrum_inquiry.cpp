@@ -93,9 +93,7 @@ PostReply spectrumInquiry_request(const Transport& post, const char* serverUrl,
 int32_t parse_spectrum_inquiry_response(std::string_view bytes, SpectrumInquiryResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply(bytes, "spectrumInquiryResponse", &sasReply, &reply->responseCode) !=
-            ReplyReadResult::kRead ||
-        reply->responseCode != 0)
+    if (!read_sas_success(bytes, "spectrumInquiryResponse", &sasReply, &reply->responseCode))
         return -1;
     copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     json_t* channels = json_object_get(sasReply.element, "availableChannel");
