@@ -1,6 +1,6 @@
 // An in-process SAS for the StandAlone worker's state-machine tests: a
 // sas::Transport that answers each post at once from a script, in the reply
-// vocabulary of the SAS simulator (tests/sas_sim/README.md, "reply SPEC"):
+// vocabulary of the SAS simulator (tests/sas_sim/README.md, its reply members):
 // `responseCode`, `responseData`, `set` (with {"$time": N}), `remove`,
 // `body`, `json`, `html_error`, `status`, `close`, `delay`; and one of its
 // own, `date`: the SAS's clock as the reply states it, N s from now (the
@@ -137,21 +137,21 @@ inline void keep_only_ids(json_t* element) {
     }
 }
 
-inline void apply_spec(json_t* first, json_t* spec) {
-    json_t* code = json_object_get(spec, "responseCode");
+inline void apply_script(json_t* first, json_t* script) {
+    json_t* code = json_object_get(script, "responseCode");
     json_t* response = json_object_get(first, "response");
     if (code) json_object_set(response, "responseCode", code);
-    if (json_t* data = json_object_get(spec, "responseData"))
+    if (json_t* data = json_object_get(script, "responseData"))
         json_object_set(response, "responseData", data);
     if (code && !(json_is_integer(code) && json_integer_value(code) == 0) &&
-        !json_is_true(json_object_get(spec, "keep_fields")))
+        !json_is_true(json_object_get(script, "keep_fields")))
         keep_only_ids(first);
-    json_t* set = expand_times(json_object_get(spec, "set"));
+    json_t* set = expand_times(json_object_get(script, "set"));
     if (json_is_object(set)) json_object_update(first, set);
     json_decref(set);
     size_t index = 0;
     json_t* name = nullptr;
-    json_array_foreach(json_object_get(spec, "remove"), index, name)
+    json_array_foreach(json_object_get(script, "remove"), index, name)
         if (json_is_string(name)) json_object_del(first, json_string_value(name));
 }
 
@@ -162,12 +162,12 @@ inline std::string dump(json_t* value) {
     return result;
 }
 
-// The reply body text of a spec, as the simulator builds it.
-inline std::string build_body(const std::string& endpoint, json_t* request, json_t* spec,
+// The reply body text of a script, as the simulator builds it.
+inline std::string build_body(const std::string& endpoint, json_t* request, json_t* script,
                               int grantNumber) {
-    if (json_object_get(spec, "body")) return text_of(spec, "body", "");
-    if (json_is_true(json_object_get(spec, "html_error"))) return kHtmlErrorPage;
-    if (json_t* whole = json_object_get(spec, "json")) {
+    if (json_object_get(script, "body")) return text_of(script, "body", "");
+    if (json_is_true(json_object_get(script, "html_error"))) return kHtmlErrorPage;
+    if (json_t* whole = json_object_get(script, "json")) {
         json_t* expanded = expand_times(whole);
         std::string text = dump(expanded);
         json_decref(expanded);
@@ -175,7 +175,7 @@ inline std::string build_body(const std::string& endpoint, json_t* request, json
     }
     json_t* objects = json_object_get(request, (endpoint + "Request").c_str());
     json_t* first = default_element(endpoint, json_array_get(objects, 0), grantNumber);
-    apply_spec(first, spec);
+    apply_script(first, script);
     json_t* elements = json_array();
     json_array_append_new(elements, first);
     json_t* root = json_object();
@@ -204,14 +204,14 @@ public:
     }
 
     // Queues the next reply of `endpoint` ("*": of whichever endpoint comes next).
-    void push(const std::string& endpoint, const std::string& spec) {
+    void push(const std::string& endpoint, const std::string& script) {
         std::lock_guard<std::mutex> lock(mutex_);
-        queues_[endpoint].push_back(spec);
+        queues_[endpoint].push_back(script);
     }
     // The reply of every request of `endpoint` while its queue is empty.
-    void set_default(const std::string& endpoint, const std::string& spec) {
+    void set_default(const std::string& endpoint, const std::string& script) {
         std::lock_guard<std::mutex> lock(mutex_);
-        defaults_[endpoint] = spec;
+        defaults_[endpoint] = script;
     }
     void clear() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -228,10 +228,10 @@ public:
     sas::PostReply post(const char* url, const char* body) {
         std::string endpoint = url ? url : "";
         endpoint = endpoint.substr(endpoint.rfind('/') + 1);
-        std::string specText = take(endpoint, body ? body : "");
-        json_t* spec = json_loads(specText.c_str(), 0, nullptr);
-        sas::PostReply reply = play(endpoint, body ? body : "", spec);
-        json_decref(spec);
+        std::string scriptText = take(endpoint, body ? body : "");
+        json_t* script = json_loads(scriptText.c_str(), 0, nullptr);
+        sas::PostReply reply = play(endpoint, body ? body : "", script);
+        json_decref(script);
         return reply;
     }
 
@@ -242,19 +242,19 @@ private:
         for (const std::string& key : {endpoint, std::string("*")}) {
             auto& queue = queues_[key];
             if (queue.empty()) continue;
-            std::string spec = queue.front();
+            std::string script = queue.front();
             queue.pop_front();
-            return spec;
+            return script;
         }
         auto found = defaults_.find(endpoint);
         return found != defaults_.end() ? found->second : "{}";
     }
 
-    sas::PostReply play(const std::string& endpoint, const std::string& body, json_t* spec) {
-        if (json_t* delay = json_object_get(spec, "delay"))
+    sas::PostReply play(const std::string& endpoint, const std::string& body, json_t* script) {
+        if (json_t* delay = json_object_get(script, "delay"))
             std::this_thread::sleep_for(std::chrono::duration<double>(json_number_value(delay)));
         sas::PostReply reply;
-        if (json_is_true(json_object_get(spec, "close"))) {
+        if (json_is_true(json_object_get(script, "close"))) {
             reply.result = scripted_detail::kGotNothing;
             return reply;
         }
@@ -264,15 +264,15 @@ private:
             std::lock_guard<std::mutex> lock(mutex_);
             grantNumber = ++grants_;
         }
-        std::string text = scripted_detail::build_body(endpoint, request, spec, grantNumber);
+        std::string text = scripted_detail::build_body(endpoint, request, script, grantNumber);
         json_decref(request);
-        bool htmlError = json_is_true(json_object_get(spec, "html_error"));
-        json_t* status = json_object_get(spec, "status");
+        bool htmlError = json_is_true(json_object_get(script, "html_error"));
+        json_t* status = json_object_get(script, "status");
         reply.result = 0;
         reply.httpStatus = status ? static_cast<long>(json_integer_value(status)) : htmlError ? 500 : 200;
         reply.dated = true;
         reply.date = static_cast<int64_t>(std::time(nullptr)) +
-                     static_cast<int64_t>(json_integer_value(json_object_get(spec, "date")));
+                     static_cast<int64_t>(json_integer_value(json_object_get(script, "date")));
         if (text.find("Response") != std::string::npos) reply.dumped = text;
         return reply;
     }

@@ -31,11 +31,11 @@ using test::PassGate;
 using Endpoints = std::vector<std::string>;
 
 // The scripted SAS in the simulator's words (tests/sas_sim/README.md).
-inline void sas_push(const std::string& endpoint, const std::string& spec) {
-    test::ScriptedSas::instance().push(endpoint, spec);
+inline void sas_push(const std::string& endpoint, const std::string& script) {
+    test::ScriptedSas::instance().push(endpoint, script);
 }
-inline void sas_set_default(const std::string& endpoint, const std::string& spec) {
-    test::ScriptedSas::instance().set_default(endpoint, spec);
+inline void sas_set_default(const std::string& endpoint, const std::string& script) {
+    test::ScriptedSas::instance().set_default(endpoint, script);
 }
 inline Endpoints sas_endpoints() {
     Endpoints names;
