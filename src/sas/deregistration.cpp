@@ -3,16 +3,14 @@
 #include "base/log.h"
 #include "base/text.h"
 #include "sas/exchanges.h"
-#include "sas/https.h"
+#include "sas/exchange.h"
 #include "sas/reply_reader.h"
-#include "sas/response_codes.h"
 
 #include <jansson.h>
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <new>
+#include <string_view>
 
 namespace cbsd::sas {
 
@@ -28,39 +26,27 @@ BodyStatus build_deregistration_body(const char* cbsdId, char* body, size_t capa
     return status;
 }
 
-int32_t post_deregistration(const char* serverUrl, const char* cbsdId) {
-    std::unique_ptr<char[]> body(new (std::nothrow) char[kShortRequestBodyCapacity]);
-    if (!body) return -1;
-    char url[128] = {};
-    std::snprintf(url, sizeof url, "%s/deregistration", serverUrl);
-    base::notice("[SAS] URL = %s\n", url);
-    if (build_deregistration_body(cbsdId, body.get(), kShortRequestBodyCapacity) ==
-        BodyStatus::TooLong)
-        return -1;
-    return https_post(url, body.get());
-}
-
-void deregistration_request(const char* serverUrl, const char* cbsdId,
+void deregistration_request(const Transport& post, const char* serverUrl, const char* cbsdId,
                             DeregistrationResponse* reply) {
-    base::notice("\n[SAS] send deregistration_request...\n");
-    if (post_deregistration(serverUrl, cbsdId) != 0) {
-        base::notice("[SAS] post deregistration_request failed\n");
-        return;
-    }
-    std::memset(reply, 0, sizeof *reply);
-    parse_deregistration_response(reply);
-    if (reply->responseCode != 0)
-        base::notice_to_syslog("[SAS] Deregister unsuccessfully, responseCode:%d(%s)\n",
-                  reply->responseCode, responseCode_name(reply->responseCode));
-    else
-        base::notice_to_syslog("[SAS] Deregister successfully\n");
+    auto build = [&](char* body, size_t capacity) {
+        return build_deregistration_body(cbsdId, body, capacity) != BodyStatus::kTooLong;
+    };
+    run_logged_exchange(
+        "deregistration_request", "Deregister",
+        [&] {
+            return post_message(post, serverUrl, "deregistration", kShortRequestBodyCapacity, build);
+        },
+        [reply](std::string_view bytes) {
+            std::memset(reply, 0, sizeof *reply);
+            parse_deregistration_response(bytes, reply);
+            return reply->responseCode;
+        });
 }
 
-int32_t parse_deregistration_response(DeregistrationResponse* reply) {
+int32_t parse_deregistration_response(std::string_view bytes, DeregistrationResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply("deregistrationResponse", &sasReply, &reply->responseCode) != kReplyRead ||
-        reply->responseCode != 0)
+    if (!read_sas_success(bytes, "deregistrationResponse", &sasReply, &reply->responseCode))
         return -1;
     copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     return 0;

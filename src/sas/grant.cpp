@@ -3,17 +3,16 @@
 #include "base/log.h"
 #include "base/text.h"
 #include "sas/exchanges.h"
-#include "sas/https.h"
+#include "sas/exchange.h"
 #include "sas/reply_reader.h"
+#include "sas/response_codes.h"
 
 #include <jansson.h>
 
 #include <cmath>
-#include <cstdio>
+#include <string_view>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <new>
 
 namespace cbsd::sas {
 
@@ -22,7 +21,6 @@ namespace {
 constexpr int32_t kCategoryAMaxEirp = 20;  // dBm/MHz
 constexpr int32_t kCategoryBMaxEirp = 37;
 constexpr double kChannelStepMhz = 5.0;
-constexpr int32_t kGrantConflict = 401;
 
 uint32_t low_edge_hz(const char* mhzText) {
     float mhz = static_cast<float>(std::atof(mhzText));
@@ -66,23 +64,22 @@ BodyStatus build_grant_body(const char* cbsdId, const config::DeviceRecord* reco
     return status;
 }
 
-int32_t grant_request(const char* serverUrl, const RegistrationResponse* registration,
-                      const config::DeviceRecord* record) {
-    std::unique_ptr<char[]> body(new (std::nothrow) char[kRequestBodyCapacity]);
-    if (!body) return -1;
-    char url[128] = {};
-    std::snprintf(url, sizeof url, "%s/grant", serverUrl);
-    base::notice("[SAS] URL = %s\n", url);
-    if (build_grant_body(registration->cbsdId, record, body.get(), kRequestBodyCapacity) ==
-        BodyStatus::TooLong)
-        return -1;
-    return https_post(url, body.get());
+PostReply grant_request(const Transport& post, const char* serverUrl,
+                        const RegistrationResponse* registration,
+                        const config::DeviceRecord* record) {
+    return post_message(post, serverUrl, "grant", kRequestBodyCapacity,
+                        [&](char* body, size_t capacity) {
+                            return build_grant_body(registration->cbsdId, record, body,
+                                                    capacity) != BodyStatus::kTooLong;
+                        });
 }
 
-int32_t parse_grant_response(GrantResponse* reply) {
+int32_t parse_grant_response(std::string_view bytes, GrantResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply("grantResponse", &sasReply, &reply->responseCode) != kReplyRead) return -1;
+    if (read_sas_reply(bytes, "grantResponse", &sasReply, &reply->responseCode) !=
+        ReplyReadResult::kRead)
+        return -1;
     const json_t* element = sasReply.element;
     if (reply->responseCode == kGrantConflict) {
         // The conflicting grant's id, which the caller relinquishes.

@@ -4,15 +4,13 @@
 #include "base/log.h"
 #include "base/utc_time.h"
 #include "sas/exchanges.h"
-#include "sas/https.h"
+#include "sas/exchange.h"
 #include "sas/reply_reader.h"
 
 #include <jansson.h>
 
-#include <cstdio>
+#include <string_view>
 #include <cstdlib>
-#include <memory>
-#include <new>
 
 namespace cbsd::sas {
 
@@ -40,25 +38,21 @@ BodyStatus build_heartbeat_body(const GrantResponse* grant, const config::Device
     return status;
 }
 
-int32_t heartbeat_request(const char* serverUrl, const GrantResponse* grant,
-                          const config::DeviceRecord* record, const char* operationState) {
+PostReply heartbeat_request(const Transport& post, const char* serverUrl,
+                            const GrantResponse* grant, const config::DeviceRecord* record,
+                            const char* operationState) {
     bool grantRenew = is_grant_renew_requested();
-    std::unique_ptr<char[]> body(new (std::nothrow) char[kRequestBodyCapacity]);
-    if (!body) return -1;
-    char url[128] = {};
-    std::snprintf(url, sizeof url, "%s/heartbeat", serverUrl);
-    base::notice("[SAS] URL = %s\n", url);
-    if (build_heartbeat_body(grant, record, operationState, grantRenew, body.get(),
-                             kRequestBodyCapacity) == BodyStatus::TooLong)
-        return -1;
-    return https_post(url, body.get());
+    return post_message(post, serverUrl, "heartbeat", kRequestBodyCapacity,
+                        [&](char* body, size_t capacity) {
+                            return build_heartbeat_body(grant, record, operationState, grantRenew,
+                                                        body, capacity) != BodyStatus::kTooLong;
+                        });
 }
 
-int32_t parse_heartbeat_response(HeartbeatResponse* reply) {
+int32_t parse_heartbeat_response(std::string_view bytes, HeartbeatResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply("heartbeatResponse", &sasReply, &reply->responseCode) != kReplyRead ||
-        reply->responseCode != 0)
+    if (!read_sas_success(bytes, "heartbeatResponse", &sasReply, &reply->responseCode))
         return -1;
     const json_t* element = sasReply.element;
     copy_reply_text(element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);

@@ -1,10 +1,8 @@
-// One libcurl transfer per SAS message.  The reply is not handed back to the
-// caller: the write callback keeps the last delivered chunk in a fixed buffer
-// and copies any chunk that carries "Response" to /tmp/sasmsg.json, where the
-// reply parsers read it.  The dump counts only when this exchange wrote it and
-// the SAS answered HTTP 200: an error page or an empty reply must not let the
-// previous exchange's reply be read as this one's.  Only the StandAlone worker
-// posts, one exchange at a time, so the process-wide buffer needs no lock.
+// One libcurl transfer per SAS message.  The reply is handed back to the
+// caller as one value (sas/transport.h): the write and header callbacks fill
+// the PostReply of the running exchange, passed to them as their user pointer.
+// Any chunk that carries "Response" is also copied to /tmp/sasmsg.json, which
+// tools on the router read; nothing in the daemon reads it back.
 #include "sas/https.h"
 
 #include "config/device_record.h"
@@ -25,19 +23,11 @@ namespace cbsd::sas {
 
 namespace {
 
-char g_response[kResponseBufferSize];
-uint32_t g_responseLength = 0;
-// Set when a chunk of the running exchange reached the dump file.
-bool g_dumpWritten = false;
-// False from the start of an exchange until its own 200 reply is in the dump.
-std::atomic<bool> g_dumpFresh{true};
-// The Date header of the running exchange's last response, when it had one.
-bool g_replyDated = false;
-int64_t g_replyDate = 0;
-
 constexpr const char* kResponseMarker = "Response";
 
-// Set for a worker that outlived its stop: its exchanges end at once.
+// Set for a worker that outlived its stop: its exchanges end at once.  The
+// one process-wide flag of the transport: the stop that sets it runs on
+// another thread than the transfer it must end, and knows no exchange.
 std::atomic<bool> g_abortExchanges{false};
 
 // libcurl calls this about once a second even while nothing moves (connect,
@@ -58,31 +48,29 @@ bool file_readable(const char* path) {
     return true;
 }
 
-// True when the whole chunk reached the file; otherwise the dump is not this
-// exchange's reply and the parsers must not take it.
-bool save_reply_dump(const char* data, size_t length) {
+// A copy for the tools that read it; the exchange reads its PostReply.
+void save_reply_dump(const char* data, size_t length) {
     FILE* file = std::fopen(kReplyDumpPath, "w");
-    if (!file) return false;
-    bool whole = std::fwrite(data, 1, length, file) == length;
-    return std::fclose(file) == 0 && whole;
+    if (!file) return;
+    std::fwrite(data, 1, length, file);
+    std::fclose(file);
 }
 
-size_t note_reply_date(char* line, size_t size, size_t count, void*) {
+size_t note_reply_date(char* line, size_t size, size_t count, void* user) {
+    auto* reply = static_cast<PostReply*>(user);
     int64_t date = 0;
     if (date_from_header_line(line, size * count, &date)) {
-        g_replyDate = date;
-        g_replyDated = true;
+        reply->date = date;
+        reply->dated = true;
     }
     return size * count;
 }
 
-// Decides after the transfer whether the dump is this exchange's own reply.
-void judge_reply(CURL* curl) {
-    long status = 0;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-    bool fresh = status == 200 && g_dumpWritten;
-    if (!fresh) base::notice("[SAS] HTTP status %ld, no usable reply in this exchange\n", status);
-    g_dumpFresh.store(fresh);
+// Notes the HTTP status; says so when the reply is no answer to use.
+void judge_reply(CURL* curl, PostReply* reply) {
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reply->httpStatus);
+    if (reply->httpStatus != 200 || reply->dumped.empty())
+        base::notice("[SAS] HTTP status %ld, no usable reply in this exchange\n", reply->httpStatus);
 }
 
 void log_transfer_error(CURLcode result, const char* errorText) {
@@ -100,16 +88,17 @@ void log_transfer_error(CURLcode result, const char* errorText) {
 // when libcurl cannot hold the TLS profile: then nothing may be sent.
 bool set_transfer_options(CURL* curl, const char* url, const char* body, curl_slist* headers,
                           const char* caPath, const char* certPath, const char* keyPath,
-                          const char* crlPath, char* errorText) {
+                          const char* crlPath, char* errorText, PostReply* reply) {
     curl_easy_setopt(curl, CURLOPT_URL, url);
     if (body) curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body);
     curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, body ? static_cast<long>(std::strlen(body)) : 0L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, save_response);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, g_response);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, reply);
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
     curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, note_reply_date);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, reply);
     curl_easy_setopt(curl, CURLOPT_SSLCERT, certPath);
     curl_easy_setopt(curl, CURLOPT_SSLCERTTYPE, "PEM");
     if (crlPath && file_readable(crlPath)) curl_easy_setopt(curl, CURLOPT_CRLFILE, crlPath);
@@ -131,12 +120,12 @@ bool set_transfer_options(CURL* curl, const char* url, const char* body, curl_sl
     return profiled;
 }
 
-void perform(CURL* curl, char* errorText, int32_t* result) {
+void perform(CURL* curl, char* errorText, PostReply* reply) {
     CURLcode code = curl_easy_perform(curl);
     if (code != CURLE_OK) log_transfer_error(code, errorText);
-    else judge_reply(curl);
+    else judge_reply(curl, reply);
     note_tls_result(code, errorText[0] != '\0' ? errorText : curl_easy_strerror(code));
-    *result = static_cast<int32_t>(code);
+    reply->result = static_cast<int32_t>(code);
 }
 
 // With config.requireSasCa "1" a SAS is talked to only when its CA is there;
@@ -156,45 +145,45 @@ bool ca_allows_exchange(const char* caPath) {
 
 }  // namespace
 
-size_t save_response(char* data, size_t size, size_t count, void* user) {
-    char* buffer = user ? static_cast<char*>(user) : g_response;
-    size_t length = size * count;
-    // One byte short of the buffer for an oversized chunk, so that it stays
-    // terminated; libcurl then aborts the transfer with a write error.
-    size_t kept = length <= kResponseBufferSize ? length : kResponseBufferSize - 1;
-    std::memset(buffer, 0, kResponseBufferSize);
-    if (kept > 0) std::memcpy(buffer, data, kept);
-    g_responseLength = static_cast<uint32_t>(kept);
-    // A chunk of exactly the buffer size has no terminator: search by length.
-    if (memmem(buffer, kept, kResponseMarker, std::strlen(kResponseMarker)) != nullptr)
-        g_dumpWritten = save_reply_dump(buffer, kept);
+size_t kept_chunk_length(size_t length) {
+    // One byte short of the buffer for an oversized chunk (the size the dump
+    // has always been cut to); libcurl then aborts the transfer.
+    return length <= kResponseBufferSize ? length : kResponseBufferSize - 1;
+}
+
+bool take_reply_chunk(const char* data, size_t kept, PostReply* reply) {
+    // Searched by length: a chunk may hold NUL bytes and has no terminator.
+    if (memmem(data, kept, kResponseMarker, std::strlen(kResponseMarker)) == nullptr) return false;
+    reply->dumped.assign(data, kept);
+    return true;
+}
+
+size_t save_response(char* data, size_t size, size_t count, void* reply) {
+    size_t kept = kept_chunk_length(size * count);
+    if (take_reply_chunk(data, kept, static_cast<PostReply*>(reply))) save_reply_dump(data, kept);
     return kept;
 }
 
-int32_t post_json(const char* url, const char* body, const char* caPath, const char* certPath,
-                  const char* keyPath, const char* crlPath) {
+PostReply post_json(const char* url, const char* body, const char* caPath, const char* certPath,
+                    const char* keyPath, const char* crlPath) {
     char errorText[CURL_ERROR_SIZE];
     errorText[0] = '\0';
     curl_global_init(CURL_GLOBAL_ALL);
     CURL* curl = curl_easy_init();
     curl_slist* headers = nullptr;
-    int32_t result = -1;
+    PostReply reply;
     if (!curl || !url) {
         base::notice("[SAS] curl[%s], strUrl[%s]\n", curl ? "ok" : "(null)",
                   url ? url : "(null)");
     } else {
-        std::memset(g_response, 0, sizeof g_response);
-        g_dumpWritten = false;
-        g_dumpFresh.store(false);
-        g_replyDated = false;
         headers = curl_slist_append(nullptr, "Accept: application/json");
         curl_slist* both = headers ? curl_slist_append(headers, "Content-Type: application/json")
                                    : nullptr;
         if (both) {
             headers = both;
             if (set_transfer_options(curl, url, body, headers, caPath, certPath, keyPath,
-                                     crlPath, errorText))
-                perform(curl, errorText, &result);
+                                     crlPath, errorText, &reply))
+                perform(curl, errorText, &reply);
             else
                 note_profile_unsupported();
         }
@@ -202,37 +191,34 @@ int32_t post_json(const char* url, const char* body, const char* caPath, const c
     curl_slist_free_all(headers);
     if (curl) curl_easy_cleanup(curl);
     curl_global_cleanup();
-    return result;
+    return reply;
 }
-
-bool reply_dump_is_fresh() { return g_dumpFresh.load(); }
 
 void abort_exchanges(bool abort) { g_abortExchanges.store(abort); }
 
-bool reply_date(int64_t* epochSeconds) {
-    if (!g_replyDated) return false;
-    *epochSeconds = g_replyDate;
-    return true;
-}
-
-int32_t https_post(const char* url, const char* body) {
+PostReply https_post(const char* url, const char* body) {
     CertificatePaths paths;
     std::memset(&paths, 0, sizeof paths);
     config::load_cert_paths(&paths);
 
     if (!file_exists(paths.clientCert)) {
         base::notice_to_syslog("[SAS] client cert file(%s) is not exist.\n", paths.clientCert);
-        return -1;
+        return PostReply{};
     }
     if (!file_exists(paths.clientKey)) {
         base::notice_to_syslog("[SAS] client key file(%s) is not exist.\n", paths.clientKey);
-        return -1;
+        return PostReply{};
     }
-    if (!ca_allows_exchange(paths.serverCA)) return -1;
-    int32_t result = post_json(url, body, paths.serverCA, paths.clientCert, paths.clientKey,
-                               paths.crlFile);
-    base::notice("[SAS] https_post() return %d\n", result);
-    return result;
+    if (!ca_allows_exchange(paths.serverCA)) return PostReply{};
+    PostReply reply = post_json(url, body, paths.serverCA, paths.clientCert, paths.clientKey,
+                                paths.crlFile);
+    base::notice("[SAS] https_post() return %d\n", reply.result);
+    return reply;
+}
+
+const Transport& https_transport() {
+    static const Transport transport = https_post;
+    return transport;
 }
 
 }  // namespace cbsd::sas

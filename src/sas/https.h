@@ -1,6 +1,9 @@
-// One HTTPS POST per SAS message, with mutual TLS.  The reply chunk that
-// contains "Response" is written to /tmp/sasmsg.json, which the reply parsers read.
+// One HTTPS POST per SAS message, with mutual TLS.  The reply goes back to
+// the caller; the chunk that contains "Response" is also written to
+// /tmp/sasmsg.json, for the tools on the router that read it.
 #pragma once
+
+#include "sas/transport.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -10,21 +13,24 @@ namespace cbsd::sas {
 inline constexpr const char* kReplyDumpPath = "/tmp/sasmsg.json";
 inline constexpr size_t kResponseBufferSize = 20480;
 
-// 0 when a reply arrived (whatever its HTTP status), a positive CURLcode when
-// the transfer failed, -1 when nothing was sent.
-int32_t https_post(const char* url, const char* body);
-int32_t post_json(const char* url, const char* body, const char* caPath, const char* certPath,
-                  const char* keyPath, const char* crlPath);
-// False once an exchange has started and until its own HTTP 200 reply is in
-// the dump: a failed, non-200 or empty exchange leaves the dump stale.  True
-// before the first exchange, so a dump written by other means is read as is.
-bool reply_dump_is_fresh();
-// The SAS's clock when it answered the last exchange (its reply's Date
-// header), when the reply carried one that parses.
-bool reply_date(int64_t* epochSeconds);
+// With the device's credentials as section cert of /etc/config/sas names them.
+PostReply https_post(const char* url, const char* body);
+PostReply post_json(const char* url, const char* body, const char* caPath, const char* certPath,
+                    const char* keyPath, const char* crlPath);
+// https_post as the Transport the worker uses unless it is given another.
+const Transport& https_transport();
 // While set, every exchange ends within about a second of its start or of
 // the call, with CURLE_ABORTED_BY_CALLBACK (a transport failure).
 void abort_exchanges(bool abort);
-size_t save_response(char* data, size_t size, size_t count, void* user);
+// libcurl's write callback; `reply` is the PostReply of the running exchange.
+// A chunk that carries "Response" becomes its dumped bytes and is written to
+// the dump file.  A chunk over kResponseBufferSize bytes is cut one byte short
+// of it, which makes libcurl end the transfer with a write error.
+size_t save_response(char* data, size_t size, size_t count, void* reply);
+// Its two steps without the file: the bytes of a chunk that are kept, and
+// whether they become the reply's dumped bytes (true when they carry
+// "Response").
+size_t kept_chunk_length(size_t length);
+bool take_reply_chunk(const char* data, size_t kept, PostReply* reply);
 
 }  // namespace cbsd::sas

@@ -5,7 +5,7 @@
 #include "base/text.h"
 #include "sas/cpi_signature.h"
 #include "sas/exchanges.h"
-#include "sas/https.h"
+#include "sas/exchange.h"
 #include "sas/reply_reader.h"
 #include "sas/request_body.h"
 
@@ -17,6 +17,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string_view>
 
 namespace cbsd::sas {
 
@@ -153,31 +154,27 @@ int32_t build_registration_body(const config::DeviceRecord* record,
     json_t* root = single_request_envelope("registrationRequest", registration);
     BodyStatus status = store_request_body(root, body, capacity);
     json_decref(root);
-    return status == BodyStatus::Stored ? 0 : -1;
+    return status == BodyStatus::kStored ? 0 : -1;
 }
 
-int32_t registeration_request(const char* serverUrl, const config::DeviceRecord* record) {
-    std::unique_ptr<char[]> body(new (std::nothrow) char[kRequestBodyCapacity]);
-    if (!body) {
-        base::error("[SAS] szPost molloc failed ...\n\n");
-        return -1;
-    }
-    char url[128] = {};
-    std::snprintf(url, sizeof url, "%s/registration", serverUrl);
-    base::notice("[SAS] URL = %s\n", url);
-
-    RegistrationOptions options{};
-    load_registration_options(&options);
-    if (build_registration_body(record, &options, body.get(), kRequestBodyCapacity) != 0) return -1;
-    return https_post(url, body.get());
+PostReply registeration_request(const Transport& post, const char* serverUrl,
+                                const config::DeviceRecord* record) {
+    return post_message(post, serverUrl, "registration", kRequestBodyCapacity,
+                        [record](char* body, size_t capacity) {
+                            RegistrationOptions options{};
+                            load_registration_options(&options);
+                            return build_registration_body(record, &options, body, capacity) == 0;
+                        });
 }
 
-int32_t parse_registration_response(RegistrationResponse* reply) {
+int32_t parse_registration_response(std::string_view bytes, RegistrationResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    ReplyReadResult read = read_sas_reply("registrationResponse", &sasReply, &reply->responseCode);
-    if (read == kReplyUnreadable) base::notice_to_syslog("[SAS] wrong Response from SAS Server!\n\n");
-    if (read != kReplyRead || reply->responseCode != 0) return -1;
+    ReplyReadResult read =
+        read_sas_reply(bytes, "registrationResponse", &sasReply, &reply->responseCode);
+    if (read == ReplyReadResult::kUnreadable)
+        base::notice_to_syslog("[SAS] wrong Response from SAS Server!\n\n");
+    if (read != ReplyReadResult::kRead || reply->responseCode != 0) return -1;
     copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     return 0;
 }

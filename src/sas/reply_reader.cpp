@@ -1,11 +1,9 @@
-// Reply parsers never see the transport's buffer: they read the dump file that
-// the transport wrote last, and only when the transport says it holds the last
-// exchange's own reply.
+// Reply parsers read only the bytes of the exchange they parse, handed over
+// by the exchange that posted; an exchange without a usable reply hands none.
 #include "sas/reply_reader.h"
 
 #include "base/log.h"
 #include "base/text.h"
-#include "sas/https.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -37,17 +35,25 @@ bool read_response_code(const json_t* element, int32_t* responseCode) {
 
 }  // namespace
 
-ReplyReadResult read_sas_reply(const char* memberName, SasReply* reply, int32_t* responseCode) {
-    if (!reply_dump_is_fresh()) return kReplyUnreadable;
+ReplyReadResult read_sas_reply(std::string_view bytes, const char* memberName, SasReply* reply,
+                               int32_t* responseCode) {
+    if (bytes.empty()) return ReplyReadResult::kUnreadable;
     json_error_t error;
-    reply->root = json_load_file(kReplyDumpPath, 0, &error);
-    if (!json_is_object(reply->root)) return kReplyUnreadable;
+    reply->root = json_loadb(bytes.data(), bytes.size(), 0, &error);
+    if (!json_is_object(reply->root)) return ReplyReadResult::kUnreadable;
     log_reply(reply->root);
     json_t* member = json_object_get(reply->root, memberName);
-    if (!json_is_array(member)) return kReplyNoMember;
+    if (!json_is_array(member)) return ReplyReadResult::kNoMember;
     // One request object per message, so only the first answer counts.
     reply->element = json_array_get(member, 0);
-    return read_response_code(reply->element, responseCode) ? kReplyRead : kReplyNoCode;
+    return read_response_code(reply->element, responseCode) ? ReplyReadResult::kRead
+                                                            : ReplyReadResult::kNoCode;
+}
+
+bool read_sas_success(std::string_view bytes, const char* memberName, SasReply* reply,
+                      int32_t* responseCode) {
+    return read_sas_reply(bytes, memberName, reply, responseCode) == ReplyReadResult::kRead &&
+           *responseCode == 0;
 }
 
 int copy_reply_text(const json_t* object, const char* member, char* field, size_t size) {

@@ -1,11 +1,12 @@
-// The reading that every SAS reply parser shares: load /tmp/sasmsg.json, log
-// it, take element 0 of the message's member array and its response code.
+// The reading that every SAS reply parser shares: load the reply's bytes, log
+// them, take element 0 of the message's member array and its response code.
 #pragma once
 
 #include <jansson.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace cbsd::sas {
 
@@ -21,19 +22,27 @@ struct SasReply {
     ~SasReply() { json_decref(root); }
 };
 
-enum ReplyReadResult : int32_t {
-    kReplyRead = 0,         // element taken, *responseCode set
-    kReplyUnreadable = -1,  // no dump file, not JSON, or not a JSON object
-    kReplyNoMember = -2,    // the object lacks the member, or it is no array
-    kReplyNoCode = -3,      // element 0 has no integer response.responseCode
+enum class ReplyReadResult {
+    kRead,        // element taken, *responseCode set
+    kUnreadable,  // no bytes, not JSON, or not a JSON object
+    kNoMember,    // the object lacks the member, or it is no array
+    kNoCode,      // element 0 has no integer response.responseCode
 };
 
-// Loads the dump file (unreadable when the transport says it is stale) and
-// logs it re-serialised with indent 2, then takes element 0 of `memberName`
+// Loads the reply's bytes (PostReply::usable(): none when the exchange brought
+// no answer to use) and logs them re-serialised with indent 2, then takes
+// element 0 of `memberName`
 // (e.g. "grantResponse") and stores its integer response.responseCode in
-// *responseCode (a missing, non-integer or out-of-range code is kReplyNoCode).  *responseCode is left untouched unless the result is
-// kReplyRead: setting it to -1 beforehand is the caller's choice.
-ReplyReadResult read_sas_reply(const char* memberName, SasReply* reply, int32_t* responseCode);
+// *responseCode (a missing, non-integer or out-of-range code is kNoCode).
+// *responseCode is left untouched unless the result is kRead: setting it to
+// -1 beforehand is the caller's choice.
+ReplyReadResult read_sas_reply(std::string_view bytes, const char* memberName, SasReply* reply,
+                               int32_t* responseCode);
+
+// read_sas_reply for a parser that takes nothing but a success: true when
+// the element was taken and its code is 0.
+bool read_sas_success(std::string_view bytes, const char* memberName, SasReply* reply,
+                      int32_t* responseCode);
 
 // Copies a member of `object` into a fixed-width field when it is present and
 // a string, keeping at most size - 1 characters; otherwise the field stays as

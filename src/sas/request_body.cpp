@@ -13,7 +13,7 @@ BodyStatus store_request_body(json_t* root, char* body, size_t capacity) {
     char* text = root ? json_dumps(root, JSON_INDENT(2)) : nullptr;
     if (!text) {
         base::notice("[SAS] request message is NULL\n");
-        return BodyStatus::Empty;
+        return BodyStatus::kEmpty;
     }
     size_t length = std::strlen(text);
     if (length >= capacity) {
@@ -22,12 +22,12 @@ BodyStatus store_request_body(json_t* root, char* body, size_t capacity) {
         base::error_to_syslog("[SAS] request message too long (%zu bytes, limit %zu), not sent\n", length,
                   capacity - 1);
         std::free(text);
-        return BodyStatus::TooLong;
+        return BodyStatus::kTooLong;
     }
     std::memcpy(body, text, length);
     std::free(text);
     base::notice("[SAS] %s\n", body);
-    return BodyStatus::Stored;
+    return BodyStatus::kStored;
 }
 
 json_t* single_request_envelope(const char* member, json_t* item) {

@@ -24,7 +24,7 @@ inline constexpr json_int_t kFirstMeasPower = -90;             // dBm
 
 // What became of a serialised body.  A body that does not fit its buffer is
 // never cut: it is refused as a whole, so nothing truncated is ever posted.
-enum class BodyStatus { Stored, Empty, TooLong };
+enum class BodyStatus { kStored, kEmpty, kTooLong };
 
 // Serialises root with indentation 2 into body (cleared for capacity bytes)
 // and logs it; logs "request message is NULL" or the refusal of an oversize

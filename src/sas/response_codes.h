@@ -5,6 +5,7 @@
 namespace cbsd::sas {
 
 // The codes the StandAlone worker acts on by name.
+inline constexpr int32_t kSuccess = 0;
 inline constexpr int32_t kDeregister = 105;
 inline constexpr int32_t kGrantConflict = 401;
 inline constexpr int32_t kTerminatedGrant = 500;

@@ -2,15 +2,13 @@
 
 #include "base/log.h"
 #include "sas/exchanges.h"
-#include "sas/https.h"
+#include "sas/exchange.h"
 #include "sas/reply_reader.h"
 
 #include <jansson.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
-#include <new>
+#include <string_view>
 
 namespace cbsd::sas {
 
@@ -82,24 +80,20 @@ BodyStatus build_spectrum_inquiry_body(const char* cbsdId, const config::DeviceR
     return status;
 }
 
-int32_t spectrumInquiry_request(const char* serverUrl, const RegistrationResponse* registration,
-                                const config::DeviceRecord* record) {
-    std::unique_ptr<char[]> body(new (std::nothrow) char[kRequestBodyCapacity]);
-    if (!body) return -1;
-    char url[128] = {};
-    std::snprintf(url, sizeof url, "%s/spectrumInquiry", serverUrl);
-    base::notice("[SAS] URL = %s\n", url);
-    if (build_spectrum_inquiry_body(registration->cbsdId, record, body.get(),
-                                    kRequestBodyCapacity) == BodyStatus::TooLong)
-        return -1;
-    return https_post(url, body.get());
+PostReply spectrumInquiry_request(const Transport& post, const char* serverUrl,
+                                  const RegistrationResponse* registration,
+                                  const config::DeviceRecord* record) {
+    return post_message(post, serverUrl, "spectrumInquiry", kRequestBodyCapacity,
+                        [&](char* body, size_t capacity) {
+                            return build_spectrum_inquiry_body(registration->cbsdId, record, body,
+                                                               capacity) != BodyStatus::kTooLong;
+                        });
 }
 
-int32_t parse_spectrum_inquiry_response(SpectrumInquiryResponse* reply) {
+int32_t parse_spectrum_inquiry_response(std::string_view bytes, SpectrumInquiryResponse* reply) {
     reply->responseCode = -1;
     SasReply sasReply;
-    if (read_sas_reply("spectrumInquiryResponse", &sasReply, &reply->responseCode) != kReplyRead ||
-        reply->responseCode != 0)
+    if (!read_sas_success(bytes, "spectrumInquiryResponse", &sasReply, &reply->responseCode))
         return -1;
     copy_reply_text(sasReply.element, "cbsdId", reply->cbsdId, sizeof reply->cbsdId);
     json_t* channels = json_object_get(sasReply.element, "availableChannel");

@@ -4,7 +4,6 @@
 #include "base/utc_time.h"
 #include "config/schema.h"
 #include "config/uci_store.h"
-#include "sas/https.h"
 
 #include <algorithm>
 #include <atomic>
@@ -57,12 +56,10 @@ int64_t lead_reference(int64_t wallSeconds, const int64_t* sasSeconds) {
     return sasSeconds ? std::max(wallSeconds, *sasSeconds) : wallSeconds;
 }
 
-void hold_deadline_of_reply(const char* transmitExpireTime) {
+void hold_deadline_of_reply(const char* transmitExpireTime, const int64_t* sasNow) {
     int64_t expire = 0;
     if (!base::parse_utc_time(transmitExpireTime, &expire)) return;
-    int64_t sasNow = 0;
-    bool dated = sas::reply_date(&sasNow);
-    int64_t reference = lead_reference(base::wall_seconds(), dated ? &sasNow : nullptr);
+    int64_t reference = lead_reference(base::wall_seconds(), sasNow);
     hold_transmit_deadline(transmit_deadline_from(expire, reference, base::monotonic_ms64(),
                                                   max_transmit_lead_seconds()));
 }

@@ -34,8 +34,9 @@ uint32_t max_transmit_lead_seconds();
 int64_t lead_reference(int64_t wallSeconds, const int64_t* sasSeconds);
 
 // Holds the deadline of a heartbeat success just received, whose
-// transmitExpireTime parses; any other text holds nothing.
-void hold_deadline_of_reply(const char* transmitExpireTime);
+// transmitExpireTime parses; any other text holds nothing.  `sasNow`: the
+// SAS's clock as that reply stated it, or null when it did not.
+void hold_deadline_of_reply(const char* transmitExpireTime, const int64_t* sasNow);
 
 // Neither holds nor drops while the deadline is fenced.
 void hold_transmit_deadline(int64_t deadlineMs);

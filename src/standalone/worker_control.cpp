@@ -46,15 +46,15 @@ unsigned short_id(pthread_t thread) {
 // neither stretch nor cut it).  The flag is cleared again on every look: a
 // start that stored "running" after the stop's first clear (the final stop
 // may come from another thread while the main thread starts) cannot undo it.
-enum class WaitEnd { Ended, TimeUp, GaveUp };
+enum class WaitEnd { kEnded, kTimeUp, kGaveUp };
 
 WaitEnd wait_for_end(uint32_t seconds, bool (*give_up)()) {
     uint32_t started_ms = base::monotonic_ms();
     for (;;) {
         worker_running.store(0);
-        if (g_liveWorkers.load() == 0) return WaitEnd::Ended;
-        if (base::monotonic_ms() - started_ms >= seconds * 1000u) return WaitEnd::TimeUp;
-        if (give_up && give_up()) return WaitEnd::GaveUp;
+        if (g_liveWorkers.load() == 0) return WaitEnd::kEnded;
+        if (base::monotonic_ms() - started_ms >= seconds * 1000u) return WaitEnd::kTimeUp;
+        if (give_up && give_up()) return WaitEnd::kGaveUp;
         usleep(kJoinPollMs * 1000);
     }
 }
@@ -126,11 +126,11 @@ bool stop_standalone_worker(uint32_t seconds, bool (*give_up)()) {
     unsigned id = short_id(worker_thread);
     base::notice("[SAS] waiting StandAlone thread[%u] stop...\n", id);
     WaitEnd end = wait_for_end(seconds, give_up);
-    if (end == WaitEnd::Ended) {
+    if (end == WaitEnd::kEnded) {
         join_ended_worker();
         return true;
     }
-    if (end == WaitEnd::TimeUp) disarm_stopped_worker(id, seconds);
+    if (end == WaitEnd::kTimeUp) disarm_stopped_worker(id, seconds);
     return false;
 }
 
@@ -147,7 +147,7 @@ bool collect_stopped_worker() {
 
 bool stop_standalone_worker_within(uint32_t seconds) {
     worker_running.store(0);
-    return wait_for_end(seconds, nullptr) == WaitEnd::Ended;
+    return wait_for_end(seconds, nullptr) == WaitEnd::kEnded;
 }
 
 void allow_worker_starts(bool allowed) { g_startsAllowed.store(allowed); }

@@ -1,38 +1,32 @@
-// Any bytes as the SAS reply dump file, read by all six reply parsers.
+// Any bytes as a SAS reply, read by all six reply parsers.
 #include "sas/exchanges.h"
-#include "sas/https.h"
 
 #include "reply_fuzz_support.h"
 
 #include <cstdint>
-#include <cstdio>
+#include <string_view>
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    cbsd::fuzz::enter_private_tmp();
-    cbsd::fuzz::quiet_logging();
+    cbsd::fuzz::log_to_private_file();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FILE* dump = std::fopen(cbsd::sas::kReplyDumpPath, "wb");
-    if (!dump) return 0;
-    std::fwrite(data, 1, size, dump);
-    std::fclose(dump);
-    // The log grows with every input; start each one from an empty file.
-    std::remove("/root/sas/sas.log");
+    cbsd::fuzz::empty_log();
+    std::string_view bytes(reinterpret_cast<const char*>(data), size);
 
     using namespace cbsd::sas;
     RegistrationResponse registration{};
-    parse_registration_response(&registration);
+    parse_registration_response(bytes, &registration);
     SpectrumInquiryResponse inquiry{};
-    parse_spectrum_inquiry_response(&inquiry);
+    parse_spectrum_inquiry_response(bytes, &inquiry);
     GrantResponse grant{};
-    parse_grant_response(&grant);
+    parse_grant_response(bytes, &grant);
     HeartbeatResponse heartbeat{};
-    parse_heartbeat_response(&heartbeat);
+    parse_heartbeat_response(bytes, &heartbeat);
     RelinquishmentResponse relinquishment{};
-    parse_relinquishment_response(&relinquishment);
+    parse_relinquishment_response(bytes, &relinquishment);
     DeregistrationResponse deregistration{};
-    parse_deregistration_response(&deregistration);
+    parse_deregistration_response(bytes, &deregistration);
     return 0;
 }

@@ -1,20 +1,12 @@
-// Arbitrary bytes as a SAS reply: through the transport's write callback and
-// the shared reply reading, as every reply parser uses it.  The process first
-// moves into a private mount namespace with its own /tmp and /root, so the
-// dump file and the log never touch the host's.
+// Arbitrary bytes as a SAS reply chunk: through the steps of the transport's
+// write callback that decide what the reply keeps (the file copy left out),
+// and the shared reply reading, as every reply parser uses it.
 #include "base/settings.h"
 #include "sas/https.h"
 #include "sas/reply_reader.h"
-#include "reply_fuzz_support.h"
-
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <vector>
+#include <string_view>
 
 namespace {
 
@@ -25,31 +17,31 @@ const char* const kMembers[] = {"registrationResponse",   "spectrumInquiryRespon
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    cbsd::fuzz::enter_private_tmp();
-    mkdir("/root/sas", 0755);
     cbsd::base::settings().logLevel = 2;  // keep the fuzzer off the log file
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static char buffer[cbsd::sas::kResponseBufferSize];
-    std::vector<char> chunk(data, data + size);
-    cbsd::sas::save_response(chunk.data(), 1, chunk.size(), buffer);
+    const char* chunk = reinterpret_cast<const char*>(data);
+    cbsd::sas::PostReply reply;
+    reply.result = 0;
+    reply.httpStatus = 200;
+    cbsd::sas::take_reply_chunk(chunk, cbsd::sas::kept_chunk_length(size), &reply);
 
-    // The parsers read whatever the dump holds, so feed them the input whole.
-    if (FILE* dump = std::fopen(cbsd::sas::kReplyDumpPath, "w")) {
-        std::fwrite(data, 1, size, dump);
-        std::fclose(dump);
-    }
-    for (const char* member : kMembers) {
-        cbsd::sas::SasReply reply;
-        int32_t code = -1;
-        if (cbsd::sas::read_sas_reply(member, &reply, &code) != cbsd::sas::kReplyRead) continue;
-        char text[16];
-        int32_t number = 0;
-        cbsd::sas::copy_reply_text(reply.element, "cbsdId", text, sizeof text);
-        cbsd::sas::copy_reply_text(reply.element, "grantId", text, sizeof text);
-        cbsd::sas::read_reply_integer(reply.element, "heartbeatInterval", &number);
+    // The parsers read whatever the reply keeps; feed them the input whole too.
+    for (std::string_view bytes : {reply.usable(), std::string_view(chunk, size)}) {
+        for (const char* member : kMembers) {
+            cbsd::sas::SasReply parsed;
+            int32_t code = -1;
+            if (cbsd::sas::read_sas_reply(bytes, member, &parsed, &code) !=
+                cbsd::sas::ReplyReadResult::kRead)
+                continue;
+            char text[16];
+            int32_t number = 0;
+            cbsd::sas::copy_reply_text(parsed.element, "cbsdId", text, sizeof text);
+            cbsd::sas::copy_reply_text(parsed.element, "grantId", text, sizeof text);
+            cbsd::sas::read_reply_integer(parsed.element, "heartbeatInterval", &number);
+        }
     }
     return 0;
 }

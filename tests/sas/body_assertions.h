@@ -80,12 +80,20 @@ inline long long integer_member(json_t* object, const char* member) {
     return json_integer_value(value);
 }
 
-// An empty log and no reply dump: each test starts from the state of a fresh
-// daemon even when several tests share one process.
+// The reply bytes the next parse reads (exchange_fixture.h); empty: no
+// usable reply.
+inline std::string& reply_under_test() {
+    static std::string bytes;
+    return bytes;
+}
+
+// An empty log, no reply dump and no reply bytes: each test starts from the
+// state of a fresh daemon even when several tests share one process.
 inline void prepare_log_directory() {
     mkdir("/root/sas", 0755);
     std::remove("/root/sas/sas.log");
     std::remove("/tmp/sasmsg.json");
+    reply_under_test().clear();
 }
 
 inline std::string log_text() {

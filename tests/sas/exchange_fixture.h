@@ -1,11 +1,12 @@
-// Fixtures for the exchange tests: the reply dump file written by hand for
-// the parsers, and a SAS simulator with the device credentials installed for
-// the end-to-end exchanges.
+// Fixtures for the exchange tests: the reply bytes the parsers read (written
+// by hand, or those an exchange brought back), and a SAS simulator with the
+// device credentials installed for the end-to-end exchanges.
 #pragma once
 
 #include "body_assertions.h"
 #include "sas/https.h"
-#include "sim_support.h"
+#include "sas/transport.h"
+#include "support/sas_simulator.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -17,8 +18,14 @@
 
 namespace cbsd::test {
 
-inline void write_reply(const std::string& text) {
-    ASSERT_TRUE(write_file(sas::kReplyDumpPath, text));
+inline std::string_view reply_bytes() { return reply_under_test(); }
+
+inline void write_reply(const std::string& text) { reply_under_test() = text; }
+
+// Keeps what the exchange brought back for the parsers; its transport result.
+inline int32_t posted(const sas::PostReply& reply) {
+    reply_under_test() = std::string(reply.usable());
+    return reply.result;
 }
 
 // /etc/config/sas naming the device credentials, plus any extra sections.

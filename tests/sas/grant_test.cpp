@@ -30,7 +30,7 @@ protected:
     long long sent_max_eirp(const char* category, const char* maxEirp) {
         set(record.cbsdCategory, sizeof record.cbsdCategory, category);
         set(record.maxEirp, sizeof record.maxEirp, maxEirp);
-        EXPECT_EQ(BodyStatus::Stored, build());
+        EXPECT_EQ(BodyStatus::kStored, build());
         ParsedBody parsed(body, "grantRequest");
         return integer_member(parsed.get("operationParam"), "maxEirp");
     }
@@ -38,7 +38,7 @@ protected:
     std::pair<long long, long long> sent_range(const char* low, const char* high) {
         set(record.lowFrequency, sizeof record.lowFrequency, low);
         set(record.highFrequency, sizeof record.highFrequency, high);
-        EXPECT_EQ(BodyStatus::Stored, build());
+        EXPECT_EQ(BodyStatus::kStored, build());
         ParsedBody parsed(body, "grantRequest");
         json_t* range = json_object_get(parsed.get("operationParam"), "operationFrequencyRange");
         return {integer_member(range, "lowFrequency"), integer_member(range, "highFrequency")};
@@ -49,7 +49,7 @@ protected:
 };
 
 TEST_F(GrantBodyTest, CarriesIdAndOperationParamWithExactTypes) {
-    ASSERT_EQ(BodyStatus::Stored, build());
+    ASSERT_EQ(BodyStatus::kStored, build());
     ParsedBody parsed(body, "grantRequest");
     ASSERT_NE(nullptr, parsed.element());
     EXPECT_EQ(3u, json_object_size(parsed.element()));
@@ -84,7 +84,7 @@ TEST_F(GrantBodyTest, RangeIsWidenedToWholeFiveMegahertzSteps) {
 }
 
 TEST_F(GrantBodyTest, WithoutGrantCapabilitySendsFifteenDistinctEntries) {
-    ASSERT_EQ(BodyStatus::Stored, build());
+    ASSERT_EQ(BodyStatus::kStored, build());
     ParsedBody parsed(body, "grantRequest");
     json_t* entries = json_object_get(parsed.get("measReport"), "rcvdPowerMeasReports");
     ASSERT_TRUE(json_is_array(entries));
@@ -100,14 +100,14 @@ TEST_F(GrantBodyTest, WithoutGrantCapabilitySendsFifteenDistinctEntries) {
 
 TEST_F(GrantBodyTest, WithGrantCapabilitySendsNoReport) {
     set(record.measCapability, sizeof record.measCapability, "RECEIVED_POWER_WITH_GRANT");
-    ASSERT_EQ(BodyStatus::Stored, build());
+    ASSERT_EQ(BodyStatus::kStored, build());
     ParsedBody parsed(body, "grantRequest");
     EXPECT_EQ(nullptr, parsed.get("measReport"));
 }
 
 TEST_F(GrantBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
     char small[300];
-    EXPECT_EQ(BodyStatus::TooLong, build_grant_body("cbsd-9", &record, small, sizeof small));
+    EXPECT_EQ(BodyStatus::kTooLong, build_grant_body("cbsd-9", &record, small, sizeof small));
     EXPECT_EQ(std::string(sizeof small, '\0'), std::string(small, sizeof small));
     EXPECT_NE(std::string::npos, test::log_text().find("bytes, limit 299), not sent\n"));
 }
@@ -124,7 +124,7 @@ protected:
     }
     int32_t parse(const std::string& element) {
         test::write_reply(R"({"grantResponse":[)" + element + "]}");
-        return parse_grant_response(&reply);
+        return parse_grant_response(test::reply_bytes(), &reply);
     }
     GrantResponse reply{};
 };
@@ -180,7 +180,7 @@ TEST_F(GrantReplyTest, ResponseDataIsReadOnlyForAConflict) {
 
 TEST_F(GrantReplyTest, StaleHeartbeatReplyFails) {
     test::write_reply(R"({"heartbeatResponse":[{"response":{"responseCode":0}}]})");
-    EXPECT_EQ(-1, parse_grant_response(&reply));
+    EXPECT_EQ(-1, parse_grant_response(test::reply_bytes(), &reply));
     EXPECT_EQ(-1, reply.responseCode);
 }
 
@@ -189,7 +189,8 @@ class GrantExchangeTest : public test::ExchangeTest {};
 TEST_F(GrantExchangeTest, GrantReachesTheSasAndTheGrantIsRead) {
     RegistrationResponse registration{};
     base::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-5");
-    ASSERT_EQ(0, grant_request(url.c_str(), &registration, &record));
+    ASSERT_EQ(0, test::posted(grant_request(
+                         sas::https_transport(), url.c_str(), &registration, &record)));
     test::ReceivedBodies bodies(received("grant"), "grantRequest");
     ASSERT_EQ(1u, bodies.size());
     json_t* operation = json_object_get(bodies.element(0), "operationParam");
@@ -199,7 +200,7 @@ TEST_F(GrantExchangeTest, GrantReachesTheSasAndTheGrantIsRead) {
     EXPECT_EQ(3570000000, integer_member(range, "highFrequency"));
 
     GrantResponse reply{};
-    ASSERT_EQ(0, parse_grant_response(&reply));
+    ASSERT_EQ(0, parse_grant_response(test::reply_bytes(), &reply));
     EXPECT_STREQ("cbsd-5", reply.cbsdId);
     EXPECT_NE('\0', reply.grantId[0]);
     EXPECT_EQ(20u, std::strlen(reply.grantExpireTime));
@@ -209,9 +210,10 @@ TEST_F(GrantExchangeTest, GrantReachesTheSasAndTheGrantIsRead) {
 TEST_F(GrantExchangeTest, ScriptedConflictYieldsTheConflictingId) {
     ASSERT_TRUE(simulator->push("grant", R"({"responseCode":401,"responseData":["grant-old"]})"));
     RegistrationResponse registration{};
-    ASSERT_EQ(0, grant_request(url.c_str(), &registration, &record));
+    ASSERT_EQ(0, test::posted(grant_request(
+                         sas::https_transport(), url.c_str(), &registration, &record)));
     GrantResponse reply{};
-    EXPECT_EQ(-1, parse_grant_response(&reply));
+    EXPECT_EQ(-1, parse_grant_response(test::reply_bytes(), &reply));
     EXPECT_EQ(401, reply.responseCode);
     EXPECT_STREQ("grant-old", reply.responseData);
 }

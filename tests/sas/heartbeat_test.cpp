@@ -36,7 +36,7 @@ protected:
 };
 
 TEST_F(HeartbeatBodyTest, CarriesIdsStateAndRenewalWithExactTypes) {
-    ASSERT_EQ(BodyStatus::Stored, build(false, "AUTHORIZED"));
+    ASSERT_EQ(BodyStatus::kStored, build(false, "AUTHORIZED"));
     ParsedBody parsed(body, "heartbeatRequest");
     ASSERT_NE(nullptr, parsed.element());
     EXPECT_EQ(4u, json_object_size(parsed.element()));
@@ -49,13 +49,13 @@ TEST_F(HeartbeatBodyTest, CarriesIdsStateAndRenewalWithExactTypes) {
 }
 
 TEST_F(HeartbeatBodyTest, RenewalRequestedSendsTrue) {
-    ASSERT_EQ(BodyStatus::Stored, build(true));
+    ASSERT_EQ(BodyStatus::kStored, build(true));
     ParsedBody parsed(body, "heartbeatRequest");
     EXPECT_TRUE(json_is_true(parsed.get("grantRenew")));
 }
 
 TEST_F(HeartbeatBodyTest, WithoutGrantCapabilitySendsNoReport) {
-    ASSERT_EQ(BodyStatus::Stored, build(false));
+    ASSERT_EQ(BodyStatus::kStored, build(false));
     ParsedBody parsed(body, "heartbeatRequest");
     EXPECT_EQ(nullptr, parsed.get("measReport"));
 }
@@ -63,7 +63,7 @@ TEST_F(HeartbeatBodyTest, WithoutGrantCapabilitySendsNoReport) {
 TEST_F(HeartbeatBodyTest, WithGrantCapabilitySendsFifteenDistinctEntries) {
     base::copy_text(record.measCapability, sizeof record.measCapability,
                     "RECEIVED_POWER_WITH_GRANT");
-    ASSERT_EQ(BodyStatus::Stored, build(false));
+    ASSERT_EQ(BodyStatus::kStored, build(false));
     ParsedBody parsed(body, "heartbeatRequest");
     json_t* entries = json_object_get(parsed.get("measReport"), "rcvdPowerMeasReports");
     ASSERT_TRUE(json_is_array(entries));
@@ -80,7 +80,7 @@ TEST_F(HeartbeatBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
     base::copy_text(record.measCapability, sizeof record.measCapability,
                     "RECEIVED_POWER_WITH_GRANT");
     char small[1024];
-    EXPECT_EQ(BodyStatus::TooLong,
+    EXPECT_EQ(BodyStatus::kTooLong,
               build_heartbeat_body(&grant, &record, "GRANTED", false, small, sizeof small));
     EXPECT_EQ(std::string(sizeof small, '\0'), std::string(small, sizeof small));
 }
@@ -117,7 +117,7 @@ protected:
     }
     int32_t parse(const std::string& element) {
         test::write_reply(R"({"heartbeatResponse":[)" + element + "]}");
-        return parse_heartbeat_response(&reply);
+        return parse_heartbeat_response(test::reply_bytes(), &reply);
     }
     HeartbeatResponse reply{};
 };
@@ -178,9 +178,11 @@ TEST_F(HeartbeatExchangeTest, HeartbeatCarriesTheRenewalFlagFromTheConfiguration
     GrantResponse grant{};
     base::copy_text(grant.cbsdId, sizeof grant.cbsdId, "cbsd-8");
     base::copy_text(grant.grantId, sizeof grant.grantId, "grant-8");
-    ASSERT_EQ(0, heartbeat_request(url.c_str(), &grant, &record, "GRANTED"));
+    ASSERT_EQ(0, test::posted(heartbeat_request(
+                         sas::https_transport(), url.c_str(), &grant, &record, "GRANTED")));
     config::config_set("/etc/config/sas", "operation", "GrantRenew", "0");
-    ASSERT_EQ(0, heartbeat_request(url.c_str(), &grant, &record, "AUTHORIZED"));
+    ASSERT_EQ(0, test::posted(heartbeat_request(
+                         sas::https_transport(), url.c_str(), &grant, &record, "AUTHORIZED")));
 
     test::ReceivedBodies bodies(received("heartbeat"), "heartbeatRequest");
     ASSERT_EQ(2u, bodies.size());
@@ -191,7 +193,7 @@ TEST_F(HeartbeatExchangeTest, HeartbeatCarriesTheRenewalFlagFromTheConfiguration
     EXPECT_EQ("grant-8", string_member(bodies.element(1), "grantId"));
 
     HeartbeatResponse reply{};
-    ASSERT_EQ(0, parse_heartbeat_response(&reply));
+    ASSERT_EQ(0, parse_heartbeat_response(test::reply_bytes(), &reply));
     EXPECT_STREQ("grant-8", reply.grantId);
     EXPECT_EQ(20u, std::strlen(reply.transmitExpireTime));
 }

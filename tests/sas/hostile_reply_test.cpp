@@ -37,20 +37,20 @@ void install_recording_logger() {
     setenv("PATH", path.c_str(), 1);
 }
 
-// Every parser over the current dump file; none may crash.
+// Every parser over the reply under test; none may crash.
 void parse_with_all_parsers() {
     RegistrationResponse registration{};
-    parse_registration_response(&registration);
+    parse_registration_response(test::reply_bytes(), &registration);
     SpectrumInquiryResponse inquiry{};
-    parse_spectrum_inquiry_response(&inquiry);
+    parse_spectrum_inquiry_response(test::reply_bytes(), &inquiry);
     GrantResponse grant{};
-    parse_grant_response(&grant);
+    parse_grant_response(test::reply_bytes(), &grant);
     HeartbeatResponse heartbeat{};
-    parse_heartbeat_response(&heartbeat);
+    parse_heartbeat_response(test::reply_bytes(), &heartbeat);
     RelinquishmentResponse relinquishment{};
-    parse_relinquishment_response(&relinquishment);
+    parse_relinquishment_response(test::reply_bytes(), &relinquishment);
     DeregistrationResponse deregistration{};
-    parse_deregistration_response(&deregistration);
+    parse_deregistration_response(test::reply_bytes(), &deregistration);
 }
 
 std::string every_member_reply(const std::string& member, const std::string& value) {
@@ -82,7 +82,7 @@ protected:
 TEST_F(HostileReplyTest, ShellMetacharactersStayData) {
     test::write_reply(every_member_reply("grantResponse", "\"" + kHostileText + "\""));
     GrantResponse grant{};
-    ASSERT_EQ(0, parse_grant_response(&grant));
+    ASSERT_EQ(0, parse_grant_response(test::reply_bytes(), &grant));
     const std::string plain =
         "$(touch /tmp/canary)\"; touch /tmp/canary; \"`touch /tmp/canary`'; touch /tmp/canary #";
     EXPECT_EQ(plain.substr(0, 63), grant.grantExpireTime);
@@ -109,7 +109,7 @@ TEST_F(HostileReplyTest, HugeStringsAreCutToTheirFields) {
     test::write_reply(every_member_reply("heartbeatResponse", huge));
     HeartbeatResponse heartbeat{};
     // The cut deadline is no time, so the success authorises nothing.
-    ASSERT_EQ(-1, parse_heartbeat_response(&heartbeat));
+    ASSERT_EQ(-1, parse_heartbeat_response(test::reply_bytes(), &heartbeat));
     EXPECT_EQ(std::string(127, 'A'), heartbeat.cbsdId);
     EXPECT_EQ(std::string(63, 'A'), heartbeat.transmitExpireTime);
 }
@@ -123,7 +123,7 @@ TEST_F(HostileReplyTest, WrongJsonTypesAreIgnoredOrReadAsZero) {
         }
         test::write_reply(every_member_reply("grantResponse", value));
         GrantResponse grant{};
-        ASSERT_EQ(0, parse_grant_response(&grant)) << value;
+        ASSERT_EQ(0, parse_grant_response(test::reply_bytes(), &grant)) << value;
         EXPECT_STREQ("", grant.grantId) << value;
     }
     const char* shapes[] = {
@@ -147,14 +147,14 @@ TEST_F(HostileReplyTest, DeepNestingAndInvalidUtf8AreRefused) {
                        std::string(100000, '[') + std::string(100000, ']') + "}]}";
     test::write_reply(deep);
     GrantResponse grant{};
-    EXPECT_EQ(-1, parse_grant_response(&grant));
+    EXPECT_EQ(-1, parse_grant_response(test::reply_bytes(), &grant));
     EXPECT_EQ(-1, grant.responseCode);
     parse_with_all_parsers();
 
     test::write_reply(
         "{\"grantResponse\":[{\"grantId\":\"\xff\xfe\xc0\xaf\",\"response\":{\"responseCode\":0}}]"
         "}");
-    EXPECT_EQ(-1, parse_grant_response(&grant));
+    EXPECT_EQ(-1, parse_grant_response(test::reply_bytes(), &grant));
     EXPECT_EQ(-1, grant.responseCode);
     test::write_reply(std::string(
         "{\"grantResponse\":[{\"grantId\":\"a\0b\",\"response\":{\"responseCode\":0}}]}", 62));
@@ -180,11 +180,13 @@ TEST_F(HostileExchangeTest, HostileConflictIdTravelsOnlyAsJson) {
     ASSERT_TRUE(simulator->push(
         "relinquishment", R"({"responseCode":103,"set":{"cbsdId":")" + kHostileText + R"("}})"));
     RegistrationResponse registration{};
-    ASSERT_EQ(0, grant_request(url.c_str(), &registration, &record));
+    ASSERT_EQ(0, test::posted(grant_request(
+                         sas::https_transport(), url.c_str(), &registration, &record)));
     GrantResponse grant{};
-    ASSERT_EQ(-1, parse_grant_response(&grant));
+    ASSERT_EQ(-1, parse_grant_response(test::reply_bytes(), &grant));
     RelinquishmentResponse relinquished{};
-    relinquishment_request(url.c_str(), "cbsd-1", grant.responseData, &relinquished);
+    relinquishment_request(sas::https_transport(), url.c_str(),
+                           "cbsd-1", grant.responseData, &relinquished);
 
     test::ReceivedBodies bodies(received("relinquishment"), "relinquishmentRequest");
     ASSERT_EQ(1u, bodies.size());

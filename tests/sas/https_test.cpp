@@ -3,7 +3,7 @@
 #include "sas/https.h"
 
 #include "sas/reply_reader.h"
-#include "sim_support.h"
+#include "support/sas_simulator.h"
 #include "support/test_util.h"
 
 #include <curl/curl.h>
@@ -62,7 +62,7 @@ TEST_F(HttpsTest, FullExchangePostsJsonWithClientCertificateAndDumpsTheReply) {
     ASSERT_TRUE(sim.running());
     provision();
 
-    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result, 0);
 
     auto requests = sim.requests();
     ASSERT_EQ(requests.size(), 1u);
@@ -82,7 +82,7 @@ TEST_F(HttpsTest, MissingClientCertificateSendsNothing) {
     provision(with(&test::sim::DeviceCerts::clientCert, ""));
     configure("cbsd.pem", "cbsd.key", "ca.pem");  // named but not installed
 
-    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), -1);
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result, -1);
     EXPECT_NE(log_text().find("[SAS] client cert file(/root/sas/cert/clientCert/cbsd.pem) is not exist.\n"),
               std::string::npos)
         << log_text();
@@ -95,7 +95,7 @@ TEST_F(HttpsTest, UnconfiguredClientCertificateSendsNothing) {
     provision();
     configure("", "cbsd.key", "ca.pem");
 
-    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), -1);
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result, -1);
     EXPECT_NE(log_text().find("[SAS] client cert file() is not exist.\n"), std::string::npos);
     EXPECT_EQ(sim.connections(), 0);
 }
@@ -105,7 +105,7 @@ TEST_F(HttpsTest, MissingClientKeySendsNothing) {
     provision(with(&test::sim::DeviceCerts::clientKey, ""));
     configure("cbsd.pem", "cbsd.key", "ca.pem");
 
-    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), -1);
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result, -1);
     EXPECT_NE(log_text().find("[SAS] client key file(/root/sas/cert/clientKey/cbsd.key) is not exist.\n"),
               std::string::npos)
         << log_text();
@@ -118,7 +118,7 @@ TEST_F(HttpsTest, UnconfiguredCaTurnsPeerVerificationOff) {
     test::sim::Simulator sim;
     provision(with(&test::sim::DeviceCerts::serverCA, ""));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result, 0);
     EXPECT_NE(log_text().find("[SAS] server CA file() is not exist, will not verify server.\n"),
               std::string::npos);
     EXPECT_EQ(sim.requests().size(), 1u);
@@ -129,7 +129,7 @@ TEST_F(HttpsTest, ConfiguredButMissingCaStillVerifiesAndFails) {
     provision(with(&test::sim::DeviceCerts::serverCA, ""));
     configure("cbsd.pem", "cbsd.key", "ca.pem");
 
-    int32_t result = https_post(sim.endpoint_url("registration").c_str(), kBody);
+    int32_t result = https_post(sim.endpoint_url("registration").c_str(), kBody).result;
     EXPECT_EQ(result, CURLE_SSL_CACERT_BADFILE);
     std::string log = log_text();
     EXPECT_NE(log.find("[SAS] server CA file(/root/sas/cert/serverCA/ca.pem) is not exist, will not "
@@ -144,7 +144,7 @@ TEST_F(HttpsTest, ServerFromAnotherCaIsRejected) {
     test::sim::Simulator sim;
     provision(with(&test::sim::DeviceCerts::serverCASource, "other_ca.pem"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody),
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result,
               CURLE_PEER_FAILED_VERIFICATION);
     EXPECT_TRUE(sim.requests().empty());
 }
@@ -153,7 +153,7 @@ TEST_F(HttpsTest, CrlRevokingTheServerFailsTheHandshake) {
     test::sim::Simulator sim;
     provision(with(&test::sim::DeviceCerts::crl, "crl_server.pem"));
 
-    EXPECT_NE(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_NE(https_post(sim.endpoint_url("registration").c_str(), kBody).result, 0);
     EXPECT_TRUE(sim.requests().empty());
 }
 
@@ -161,7 +161,7 @@ TEST_F(HttpsTest, CrlRevokingAnotherCertificateLetsTheExchangeThrough) {
     test::sim::Simulator sim;
     provision(with(&test::sim::DeviceCerts::crl, "crl_other.pem"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result, 0);
     EXPECT_EQ(sim.requests().size(), 1u);
 }
 
@@ -169,7 +169,7 @@ TEST_F(HttpsTest, NoCrlFileMeansNoRevocationCheckAndNoMessage) {
     test::sim::Simulator sim;
     provision();
 
-    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result, 0);
     EXPECT_EQ(log_text().find("crl"), std::string::npos) << log_text();
 }
 
@@ -177,7 +177,7 @@ TEST_F(HttpsTest, NullBodyPostsAnEmptyBody) {
     test::sim::Simulator sim;
     provision();
 
-    EXPECT_EQ(https_post(sim.endpoint_url("deregistration").c_str(), nullptr), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("deregistration").c_str(), nullptr).result, 0);
     auto requests = sim.requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].endpoint, "deregistration");
@@ -187,23 +187,27 @@ TEST_F(HttpsTest, NullBodyPostsAnEmptyBody) {
 TEST_F(HttpsTest, HtmlErrorPageLeavesTheDumpButNoParserTakesIt) {
     test::sim::Simulator sim;
     provision();
-    ASSERT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
+    ASSERT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody).result, 0);
     const std::string registrationReply = dump();
     ASSERT_NE(registrationReply.find("registrationResponse"), std::string::npos);
 
     ASSERT_TRUE(sim.push("grant", R"({"html_error": true})"));
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    PostReply reply = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    EXPECT_EQ(reply.result, 0);
     EXPECT_EQ(dump(), registrationReply);
 
     // The previous exchange's reply is not this one's: no parser takes it.
-    EXPECT_FALSE(reply_dump_is_fresh());
+    EXPECT_EQ(reply.httpStatus, 500);
+    EXPECT_TRUE(reply.usable().empty());
     EXPECT_NE(log_text().find("[SAS] HTTP status 500, no usable reply in this exchange\n"),
               std::string::npos);
     int32_t code = -1;
     SasReply grant;
-    EXPECT_EQ(read_sas_reply("grantResponse", &grant, &code), kReplyUnreadable);
+    EXPECT_EQ(read_sas_reply(reply.usable(), "grantResponse", &grant, &code),
+              ReplyReadResult::kUnreadable);
     SasReply registration;
-    EXPECT_EQ(read_sas_reply("registrationResponse", &registration, &code), kReplyUnreadable);
+    EXPECT_EQ(read_sas_reply(reply.usable(), "registrationResponse", &registration, &code),
+              ReplyReadResult::kUnreadable);
     EXPECT_EQ(code, -1);
 }
 
@@ -211,22 +215,28 @@ TEST_F(HttpsTest, ReplyWithTheMarkerButAnErrorStatusIsNotUsed) {
     test::sim::Simulator sim;
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"status": 503, "responseCode": 0})"));
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    PostReply refused = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    EXPECT_EQ(refused.result, 0);
     EXPECT_NE(dump().find("grantResponse"), std::string::npos);
-    EXPECT_FALSE(reply_dump_is_fresh());
+    EXPECT_EQ(refused.dumped, dump());
+    EXPECT_TRUE(refused.usable().empty());
     ASSERT_TRUE(sim.push("grant", R"({"responseCode": 0})"));
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
-    EXPECT_TRUE(reply_dump_is_fresh());
+    PostReply answered = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    EXPECT_EQ(answered.result, 0);
+    EXPECT_EQ(answered.usable(), dump());
 }
 
 TEST_F(HttpsTest, EmptyReplyMakesTheOldDumpStale) {
     test::sim::Simulator sim;
     provision();
     ASSERT_TRUE(write_file(kReplyDumpPath, R"({"heartbeatResponse": []})"));
-    EXPECT_TRUE(reply_dump_is_fresh());
     ASSERT_TRUE(sim.push("heartbeat", R"({"body": ""})"));
-    EXPECT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), "{}"), 0);
-    EXPECT_FALSE(reply_dump_is_fresh());
+    PostReply reply = https_post(sim.endpoint_url("heartbeat").c_str(), "{}");
+    EXPECT_EQ(reply.result, 0);
+    EXPECT_EQ(reply.httpStatus, 200);
+    // The old dump is no part of this exchange's reply: nothing to parse.
+    EXPECT_TRUE(reply.usable().empty());
+    EXPECT_EQ(dump(), R"({"heartbeatResponse": []})");
 }
 
 TEST_F(HttpsTest, EmptyReplyLeavesTheDumpAsItWas) {
@@ -235,7 +245,7 @@ TEST_F(HttpsTest, EmptyReplyLeavesTheDumpAsItWas) {
     ASSERT_TRUE(write_file(kReplyDumpPath, "previous reply"));
     ASSERT_TRUE(sim.push("heartbeat", R"({"body": ""})"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), "{}"), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), "{}").result, 0);
     EXPECT_EQ(dump(), "previous reply");
 }
 
@@ -244,11 +254,14 @@ TEST_F(HttpsTest, NonJsonReplyWithTheMarkerIsDumpedAndUnreadable) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"body": "grantResponse is not JSON"})"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    PostReply posted = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    EXPECT_EQ(posted.result, 0);
     EXPECT_EQ(dump(), "grantResponse is not JSON");
+    EXPECT_EQ(posted.usable(), "grantResponse is not JSON");
     int32_t code = -1;
     SasReply reply;
-    EXPECT_EQ(read_sas_reply("grantResponse", &reply, &code), kReplyUnreadable);
+    EXPECT_EQ(read_sas_reply(posted.usable(), "grantResponse", &reply, &code),
+              ReplyReadResult::kUnreadable);
 }
 
 TEST_F(HttpsTest, SecondChunkWithTheMarkerReplacesTheFirst) {
@@ -256,7 +269,7 @@ TEST_F(HttpsTest, SecondChunkWithTheMarkerReplacesTheFirst) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"chunks": ["{\"aResponse\": 1}", "{\"bResponse\": 2}"]})"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}").result, 0);
     EXPECT_EQ(dump(), R"({"bResponse": 2})");
 }
 
@@ -265,12 +278,15 @@ TEST_F(HttpsTest, SecondChunkWithoutTheMarkerKeepsTheFirstInTheDump) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"chunks": ["{\"grantResponse\": [", "]}"]})"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    PostReply posted = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    EXPECT_EQ(posted.result, 0);
     EXPECT_EQ(dump(), R"({"grantResponse": [)");
+    EXPECT_EQ(posted.usable(), dump());
     // The parser therefore sees a cut reply.
     int32_t code = -1;
     SasReply reply;
-    EXPECT_EQ(read_sas_reply("grantResponse", &reply, &code), kReplyUnreadable);
+    EXPECT_EQ(read_sas_reply(posted.usable(), "grantResponse", &reply, &code),
+              ReplyReadResult::kUnreadable);
 }
 
 TEST_F(HttpsTest, OnlyTheLastChunkWithTheMarkerCountsWhenTheFirstLacksIt) {
@@ -278,7 +294,7 @@ TEST_F(HttpsTest, OnlyTheLastChunkWithTheMarkerCountsWhenTheFirstLacksIt) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"chunks": ["no marker here", "{\"grantResponse\": []}"]})"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}").result, 0);
     EXPECT_EQ(dump(), R"({"grantResponse": []})");
 }
 
@@ -293,7 +309,7 @@ TEST_P(HttpsBodySizeTest, LargeBodyArrivesInPiecesAndOnlyAPrefixIsDumped) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"size": )" + std::to_string(GetParam()) + "}"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}"), 0);
+    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}").result, 0);
     std::string dumped = dump();
     EXPECT_GT(dumped.size(), 0u);
     EXPECT_LE(dumped.size(), static_cast<size_t>(CURL_MAX_WRITE_SIZE));
@@ -307,7 +323,7 @@ TEST_F(HttpsTest, ClosedConnectionIsATransferError) {
     provision();
     ASSERT_TRUE(sim.push("heartbeat", R"({"close": true})"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), "{}"), CURLE_GOT_NOTHING);
+    EXPECT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), "{}").result, CURLE_GOT_NOTHING);
     std::string log = log_text();
     EXPECT_NE(log.find("[SAS] libcurl: (52) "), std::string::npos) << log;
     EXPECT_NE(log.find("[SAS] https_post() return 52\n"), std::string::npos);
@@ -316,7 +332,7 @@ TEST_F(HttpsTest, ClosedConnectionIsATransferError) {
 TEST_F(HttpsTest, RefusedConnectionLogsTheCurlError) {
     provision();
     // Nothing listens on port 1 in the sandbox's own network namespace.
-    EXPECT_EQ(https_post("https://127.0.0.1:1/v1.2/registration", kBody), CURLE_COULDNT_CONNECT);
+    EXPECT_EQ(https_post("https://127.0.0.1:1/v1.2/registration", kBody).result, CURLE_COULDNT_CONNECT);
     std::string log = log_text();
     size_t at = log.find("[SAS] libcurl: (7) ");
     ASSERT_NE(at, std::string::npos) << log;
@@ -329,17 +345,18 @@ TEST_F(HttpsTest, RefusedConnectionLogsTheCurlError) {
 TEST_F(HttpsTest, TheReplyStatesTheSasClockUntilTheNextExchange) {
     test::sim::Simulator sim;
     provision();
-    int64_t date = 0;
-    ASSERT_EQ(https_post(sim.endpoint_url("registration").c_str(), kBody), 0);
-    ASSERT_TRUE(reply_date(&date));
-    EXPECT_NEAR(static_cast<double>(date), static_cast<double>(std::time(nullptr)), 5.0);
+    PostReply answered = https_post(sim.endpoint_url("registration").c_str(), kBody);
+    ASSERT_EQ(answered.result, 0);
+    ASSERT_TRUE(answered.dated);
+    EXPECT_NEAR(static_cast<double>(answered.date), static_cast<double>(std::time(nullptr)), 5.0);
 
-    EXPECT_EQ(https_post("https://127.0.0.1:1/v1.2/registration", kBody), CURLE_COULDNT_CONNECT);
-    EXPECT_FALSE(reply_date(&date));
+    PostReply failed = https_post("https://127.0.0.1:1/v1.2/registration", kBody);
+    EXPECT_EQ(failed.result, CURLE_COULDNT_CONNECT);
+    EXPECT_FALSE(failed.dated);
 }
 
 TEST_F(HttpsTest, MissingUrlIsASetupFailure) {
-    EXPECT_EQ(post_json(nullptr, "{}", "", "", "", ""), -1);
+    EXPECT_EQ(post_json(nullptr, "{}", "", "", "", "").result, -1);
     EXPECT_NE(log_text().find("[SAS] curl[ok], strUrl[(null)]\n"), std::string::npos) << log_text();
 }
 
@@ -351,7 +368,7 @@ TEST_F(HttpsTest, StalledHandshakeHitsTheTenSecondConnectTimeout) {
     ASSERT_TRUE(sim.push_connection(R"({"handshake_delay": 13})"));
 
     auto start = std::chrono::steady_clock::now();
-    int32_t result = https_post(sim.endpoint_url("registration").c_str(), kBody);
+    int32_t result = https_post(sim.endpoint_url("registration").c_str(), kBody).result;
     double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     EXPECT_EQ(result, CURLE_OPERATION_TIMEDOUT);
     EXPECT_GE(waited, 9.5);
@@ -374,7 +391,7 @@ TEST_F(HttpsTest, OneExchangeTimeAndPeakMemory) {
     std::string times;
     for (int i = 0; i < 5; ++i) {
         auto start = std::chrono::steady_clock::now();
-        ASSERT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), kBody), 0);
+        ASSERT_EQ(https_post(sim.endpoint_url("heartbeat").c_str(), kBody).result, 0);
         double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         slowest = std::max(slowest, took);
         times += " " + std::to_string(static_cast<int>(took * 1000)) + " ms";
@@ -386,42 +403,50 @@ TEST_F(HttpsTest, OneExchangeTimeAndPeakMemory) {
     EXPECT_LT(slowest, 3.0);
 }
 
-// The write callback on its own: each chunk replaces the previous one.
+// The write callback on its own: a chunk with the marker replaces the
+// previous one, in the reply and in the dump.
 class SaveResponseTest : public HttpsTest {
 protected:
-    char buffer_[kResponseBufferSize];
+    PostReply reply_;
 };
 
-TEST_F(SaveResponseTest, ChunkOfExactlyTheBufferSizeIsKeptWholeWithoutTerminator) {
+TEST_F(SaveResponseTest, ChunkOfExactlyTheBufferSizeIsKeptWhole) {
     std::string chunk(kResponseBufferSize, 'x');
     chunk.replace(100, 8, "Response");
-    EXPECT_EQ(save_response(chunk.data(), 1, chunk.size(), buffer_), kResponseBufferSize);
-    EXPECT_EQ(std::memcmp(buffer_, chunk.data(), chunk.size()), 0);
-    EXPECT_EQ(buffer_[kResponseBufferSize - 1], 'x');
+    EXPECT_EQ(save_response(chunk.data(), 1, chunk.size(), &reply_), kResponseBufferSize);
+    EXPECT_EQ(reply_.dumped, chunk);
     EXPECT_EQ(dump(), chunk);
 }
 
 TEST_F(SaveResponseTest, ChunkOneByteTooLargeIsCutAndSignalsAbort) {
     std::string chunk(kResponseBufferSize + 1, 'y');
     chunk.replace(0, 8, "Response");
-    EXPECT_EQ(save_response(chunk.data(), 1, chunk.size(), buffer_), kResponseBufferSize - 1);
-    EXPECT_EQ(buffer_[kResponseBufferSize - 1], '\0');
+    EXPECT_EQ(save_response(chunk.data(), 1, chunk.size(), &reply_), kResponseBufferSize - 1);
+    EXPECT_EQ(reply_.dumped, chunk.substr(0, kResponseBufferSize - 1));
     EXPECT_EQ(dump(), chunk.substr(0, kResponseBufferSize - 1));
 }
 
-TEST_F(SaveResponseTest, LaterChunkReplacesEarlierOneAndClearsItsTail) {
+TEST_F(SaveResponseTest, LaterChunkReplacesEarlierOneAndLeavesNoTail) {
     std::string first(300, 'a');
-    save_response(first.data(), 3, 100, buffer_);
-    save_response(const_cast<char*>("short"), 1, 5, buffer_);
-    EXPECT_STREQ(buffer_, "short");
-    EXPECT_EQ(buffer_[6], '\0');
-    EXPECT_EQ(buffer_[299], '\0');
+    first.replace(0, 8, "Response");
+    save_response(first.data(), 3, 100, &reply_);
+    save_response(const_cast<char*>("shortResponse"), 1, 13, &reply_);
+    EXPECT_EQ(reply_.dumped, "shortResponse");
+    EXPECT_EQ(dump(), "shortResponse");
+}
+
+TEST_F(SaveResponseTest, ChunksWithoutTheMarkerAreNeitherKeptNorDumped) {
+    std::string first(300, 'a');
+    EXPECT_EQ(save_response(first.data(), 3, 100, &reply_), 300u);
+    EXPECT_EQ(save_response(const_cast<char*>("short"), 1, 5, &reply_), 5u);
+    EXPECT_TRUE(reply_.dumped.empty());
     EXPECT_FALSE(test::file_exists(kReplyDumpPath));
 }
 
 TEST_F(SaveResponseTest, MarkerAfterAnEmbeddedNulStillCounts) {
     const char chunk[] = "ab\0xyResponse";
-    EXPECT_EQ(save_response(const_cast<char*>(chunk), 1, sizeof chunk - 1, buffer_), sizeof chunk - 1);
+    EXPECT_EQ(save_response(const_cast<char*>(chunk), 1, sizeof chunk - 1, &reply_), sizeof chunk - 1);
+    EXPECT_EQ(reply_.dumped, std::string(chunk, sizeof chunk - 1));
     EXPECT_EQ(dump(), std::string(chunk, sizeof chunk - 1));
 }
 

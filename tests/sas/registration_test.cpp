@@ -270,34 +270,34 @@ protected:
 TEST_F(RegistrationReplyTest, SuccessCopiesCbsdId) {
     test::write_reply(
         R"({"registrationResponse":[{"cbsdId":"id-1","response":{"responseCode":0}}]})");
-    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_EQ(0, reply.responseCode);
     EXPECT_STREQ("id-1", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, SuccessWithoutCbsdIdKeepsThePreviousId) {
     test::write_reply(R"({"registrationResponse":[{"response":{"responseCode":0}}]})");
-    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_STREQ("previous", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, CbsdIdThatIsNoStringIsIgnored) {
     test::write_reply(R"({"registrationResponse":[{"cbsdId":17,"response":{"responseCode":0}}]})");
-    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_STREQ("previous", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, LongCbsdIdIsCutTo127) {
     test::write_reply(R"({"registrationResponse":[{"cbsdId":")" + std::string(300, 'i') +
                       R"(","response":{"responseCode":0}}]})");
-    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_EQ(std::string(127, 'i'), reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, RefusalKeepsTheCodeAndTheId) {
     test::write_reply(
         R"({"registrationResponse":[{"cbsdId":"id-2","response":{"responseCode":200}}]})");
-    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_EQ(200, reply.responseCode);
     EXPECT_STREQ("previous", reply.cbsdId);
 }
@@ -306,24 +306,24 @@ TEST_F(RegistrationReplyTest, OnlyTheFirstElementCounts) {
     test::write_reply(
         R"({"registrationResponse":[{"cbsdId":"first","response":{"responseCode":0}},)"
         R"({"cbsdId":"second","response":{"responseCode":103}}]})");
-    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_STREQ("first", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, ElementWithoutResponseIsNoSuccess) {
     test::write_reply(R"({"registrationResponse":[{"cbsdId":"id-3"}]})");
-    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_EQ(-1, reply.responseCode);
     EXPECT_STREQ("previous", reply.cbsdId);  // nothing taken from it
 }
 
 TEST_F(RegistrationReplyTest, MissingOrNonObjectDumpIsReportedAsWrongResponse) {
-    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_EQ(-1, reply.responseCode);
     test::write_reply(R"([{"registrationResponse":[]}])");
-    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, parse_registration_response(test::reply_bytes(), &reply));
     test::write_reply("<html>500</html>");
-    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, parse_registration_response(test::reply_bytes(), &reply));
     std::string log = test::log_text();
     size_t first = log.find("[SAS] wrong Response from SAS Server!\n\n");
     ASSERT_NE(std::string::npos, first);
@@ -334,7 +334,7 @@ TEST_F(RegistrationReplyTest, MissingOrNonObjectDumpIsReportedAsWrongResponse) {
 
 TEST_F(RegistrationReplyTest, StaleReplyOfAnotherMessageFailsSilently) {
     test::write_reply(R"({"grantResponse":[{"cbsdId":"x","response":{"responseCode":0}}]})");
-    EXPECT_EQ(-1, parse_registration_response(&reply));
+    EXPECT_EQ(-1, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_EQ(-1, reply.responseCode);
     EXPECT_EQ(std::string::npos, test::log_text().find("wrong Response"));
 }
@@ -375,7 +375,8 @@ TEST(RegistrationOptions, SingleStepOnlyForStepChoiceOne) {
 class RegistrationExchangeTest : public test::ExchangeTest {};
 
 TEST_F(RegistrationExchangeTest, TwoStepRegistrationReachesTheSasAndYieldsTheId) {
-    ASSERT_EQ(0, registeration_request(url.c_str(), &record));
+    ASSERT_EQ(0, test::posted(registeration_request(
+                         sas::https_transport(), url.c_str(), &record)));
     test::ReceivedBodies bodies(received("registration"), "registrationRequest");
     ASSERT_EQ(1u, bodies.size());
     json_t* sent = bodies.element(0);
@@ -385,7 +386,7 @@ TEST_F(RegistrationExchangeTest, TwoStepRegistrationReachesTheSasAndYieldsTheId)
     EXPECT_NE(std::string::npos, test::log_text().find("[SAS] URL = " + url + "/registration\n"));
 
     RegistrationResponse reply{};
-    EXPECT_EQ(0, parse_registration_response(&reply));
+    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
     EXPECT_STREQ("sim/FCC-TEST-1/SN0001", reply.cbsdId);
 }
 
@@ -396,7 +397,8 @@ TEST_F(RegistrationExchangeTest, SingleStepRegistrationSendsSignedInstallationDa
                                      "config config 'config'\n\toption sasStepChoice '1'\n\n"));
     config::config_set("/etc/config/sas", "cert", "cpiKeyFileName", "rsa.p12");
     config::config_set("/etc/config/sas", "cert", "cpiKeyFilePassword", test::kCpiPassword);
-    ASSERT_EQ(0, registeration_request(url.c_str(), &record));
+    ASSERT_EQ(0, test::posted(registeration_request(
+                         sas::https_transport(), url.c_str(), &record)));
     test::ReceivedBodies bodies(received("registration"), "registrationRequest");
     ASSERT_EQ(1u, bodies.size());
     json_t* signature = json_object_get(bodies.element(0), "cpiSignatureData");
@@ -413,7 +415,8 @@ TEST_F(RegistrationExchangeTest, SingleStepWithoutKeyNameSendsNothing) {
     ASSERT_TRUE(test::write_file("/etc/config/sas",
                                  test::sim::cert_section("cbsd.pem", "cbsd.key", "ca.pem") +
                                      "config config 'config'\n\toption sasStepChoice '1'\n\n"));
-    EXPECT_EQ(-1, registeration_request(url.c_str(), &record));
+    EXPECT_EQ(-1, test::posted(registeration_request(
+                         sas::https_transport(), url.c_str(), &record)));
     EXPECT_EQ(0u, request_count());
 }
 
@@ -422,7 +425,8 @@ TEST_F(RegistrationExchangeTest, OversizeBodyIsNeverPosted) {
     for (char* field :
          {record.userId, record.fccId, record.serialNumber, record.callSign, record.groupId})
         base::copy_text(field, 128, controls.c_str());
-    EXPECT_EQ(-1, registeration_request(url.c_str(), &record));
+    EXPECT_EQ(-1, test::posted(registeration_request(
+                         sas::https_transport(), url.c_str(), &record)));
     EXPECT_EQ(0u, request_count());
     EXPECT_NE(std::string::npos, test::log_text().find("[SAS] request message too long ("));
 }

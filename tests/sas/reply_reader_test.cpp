@@ -1,7 +1,6 @@
-// The reading every reply parser shares, on real dump files.
+// The reading every reply parser shares, on reply bytes in memory.
 #include "sas/reply_reader.h"
 
-#include "sas/https.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -13,19 +12,16 @@ namespace cbsd::sas {
 namespace {
 
 using test::read_file;
-using test::write_file;
 
 class ReplyReaderTest : public ::testing::Test {
 protected:
     void SetUp() override {
         std::filesystem::create_directories("/root/sas");
-        std::filesystem::remove(kReplyDumpPath);
         std::filesystem::remove("/root/sas/sas.log");
     }
-    static ReplyReadResult read(const std::string& dump, const char* member, SasReply* reply,
+    static ReplyReadResult read(const std::string& bytes, const char* member, SasReply* reply,
                                 int32_t* code) {
-        EXPECT_TRUE(write_file(kReplyDumpPath, dump));
-        return read_sas_reply(member, reply, code);
+        return read_sas_reply(bytes, member, reply, code);
     }
     static std::string log_text() { return read_file("/root/sas/sas.log"); }
 };
@@ -35,7 +31,7 @@ TEST_F(ReplyReaderTest, ReadsCodeAndFirstElement) {
     int32_t code = -1;
     ASSERT_EQ(read(R"({"grantResponse": [{"grantId": "g1", "response": {"responseCode": 401}}]})",
                    "grantResponse", &reply, &code),
-              kReplyRead);
+              ReplyReadResult::kRead);
     EXPECT_EQ(code, 401);
     char grantId[128] = "";
     EXPECT_EQ(copy_reply_text(reply.element, "grantId", grantId, sizeof grantId), 1);
@@ -49,7 +45,7 @@ TEST_F(ReplyReaderTest, SecondElementIsIgnored) {
                         {"grantId": "first", "response": {"responseCode": 0}},
                         {"grantId": "second", "response": {"responseCode": 500}}]})",
                    "heartbeatResponse", &reply, &code),
-              kReplyRead);
+              ReplyReadResult::kRead);
     EXPECT_EQ(code, 0);
     char grantId[128] = "";
     copy_reply_text(reply.element, "grantId", grantId, sizeof grantId);
@@ -61,7 +57,7 @@ TEST_F(ReplyReaderTest, ElementWithoutResponseHasNoCode) {
     int32_t code = -1;
     ASSERT_EQ(read(R"({"registrationResponse": [{"cbsdId": "c1"}]})", "registrationResponse",
                    &reply, &code),
-              kReplyNoCode);
+              ReplyReadResult::kNoCode);
     EXPECT_EQ(code, -1);
     char cbsdId[128] = "";
     copy_reply_text(reply.element, "cbsdId", cbsdId, sizeof cbsdId);
@@ -74,7 +70,7 @@ TEST_F(ReplyReaderTest, NonIntegerOrOutOfRangeCodeIsNoCode) {
         int32_t code = -1;
         std::string text = std::string(R"({"grantResponse": [{"response": {"responseCode": )") +
                            value + "}}]}";
-        EXPECT_EQ(read(text.c_str(), "grantResponse", &reply, &code), kReplyNoCode) << value;
+        EXPECT_EQ(read(text.c_str(), "grantResponse", &reply, &code), ReplyReadResult::kNoCode) << value;
         EXPECT_EQ(code, -1) << value;
     }
 }
@@ -82,7 +78,7 @@ TEST_F(ReplyReaderTest, NonIntegerOrOutOfRangeCodeIsNoCode) {
 TEST_F(ReplyReaderTest, EmptyArrayHasNoCodeAndNoElement) {
     SasReply reply;
     int32_t code = -1;
-    ASSERT_EQ(read(R"({"grantResponse": []})", "grantResponse", &reply, &code), kReplyNoCode);
+    ASSERT_EQ(read(R"({"grantResponse": []})", "grantResponse", &reply, &code), ReplyReadResult::kNoCode);
     EXPECT_EQ(code, -1);
     EXPECT_EQ(reply.element, nullptr);
     char field[16] = "kept";
@@ -90,10 +86,10 @@ TEST_F(ReplyReaderTest, EmptyArrayHasNoCodeAndNoElement) {
     EXPECT_STREQ(field, "kept");
 }
 
-TEST_F(ReplyReaderTest, MissingFileIsUnreadableAndLeavesTheCode) {
+TEST_F(ReplyReaderTest, NoBytesAreUnreadableAndLeaveTheCode) {
     SasReply reply;
     int32_t code = -1;
-    EXPECT_EQ(read_sas_reply("grantResponse", &reply, &code), kReplyUnreadable);
+    EXPECT_EQ(read_sas_reply("", "grantResponse", &reply, &code), ReplyReadResult::kUnreadable);
     EXPECT_EQ(code, -1);
     EXPECT_EQ(log_text().find("[SAS] "), std::string::npos);
 }
@@ -101,9 +97,9 @@ TEST_F(ReplyReaderTest, MissingFileIsUnreadableAndLeavesTheCode) {
 TEST_F(ReplyReaderTest, TopLevelArrayOrTextIsUnreadable) {
     int32_t code = 7;
     SasReply array;
-    EXPECT_EQ(read(R"([{"grantResponse": []}])", "grantResponse", &array, &code), kReplyUnreadable);
+    EXPECT_EQ(read(R"([{"grantResponse": []}])", "grantResponse", &array, &code), ReplyReadResult::kUnreadable);
     SasReply text;
-    EXPECT_EQ(read("<html>500</html>", "grantResponse", &text, &code), kReplyUnreadable);
+    EXPECT_EQ(read("<html>500</html>", "grantResponse", &text, &code), ReplyReadResult::kUnreadable);
     EXPECT_EQ(code, 7);
 }
 
@@ -111,11 +107,11 @@ TEST_F(ReplyReaderTest, MissingOrMistypedMemberFailsAfterLoggingTheReply) {
     int32_t code = 7;
     SasReply other;
     EXPECT_EQ(read(R"({"registrationResponse": [{"cbsdId": "c"}]})", "grantResponse", &other, &code),
-              kReplyNoMember);
+              ReplyReadResult::kNoMember);
     SasReply object;
     EXPECT_EQ(read(R"({"grantResponse": {"response": {"responseCode": 0}}})", "grantResponse",
                    &object, &code),
-              kReplyNoMember);
+              ReplyReadResult::kNoMember);
     EXPECT_EQ(code, 7);
     EXPECT_NE(log_text().find("[SAS] {\n  \"registrationResponse\": [\n    {\n      \"cbsdId\": \"c\"\n"),
               std::string::npos)
@@ -129,7 +125,7 @@ TEST_F(ReplyReaderTest, TextCopyIsBoundedAndSkipsNonStrings) {
                                           "heartbeatInterval": 30, "bad": "x",
                                           "response": {"responseCode": 0}}]})",
                    "grantResponse", &reply, &code),
-              kReplyRead);
+              ReplyReadResult::kRead);
     char shortField[5] = "";
     EXPECT_EQ(copy_reply_text(reply.element, "grantId", shortField, sizeof shortField), 1);
     EXPECT_STREQ(shortField, "0123");

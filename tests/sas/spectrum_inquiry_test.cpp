@@ -42,7 +42,7 @@ TEST(MhzToHz, ConvertsWithHundredKilohertzResolution) {
 TEST_F(SpectrumInquiryBodyTest, AsksForTheCellRangeInHertz) {
     base::copy_text(record.lowFrequency, sizeof record.lowFrequency, "3552.47");
     base::copy_text(record.highFrequency, sizeof record.highFrequency, "3570.0");
-    ASSERT_EQ(BodyStatus::Stored, build());
+    ASSERT_EQ(BodyStatus::kStored, build());
     ParsedBody parsed(body, "spectrumInquiryRequest");
     ASSERT_NE(nullptr, parsed.element());
     EXPECT_EQ("cbsd-1", string_member(parsed.element(), "cbsdId"));
@@ -58,7 +58,7 @@ TEST_F(SpectrumInquiryBodyTest, AsksForTheCellRangeInHertz) {
 TEST_F(SpectrumInquiryBodyTest, EmptyCellEdgesAreSentAsZero) {
     record.lowFrequency[0] = '\0';
     record.highFrequency[0] = '\0';
-    ASSERT_EQ(BodyStatus::Stored, build());
+    ASSERT_EQ(BodyStatus::kStored, build());
     ParsedBody parsed(body, "spectrumInquiryRequest");
     json_t* range = json_array_get(parsed.get("inquiredSpectrum"), 0);
     EXPECT_EQ(0, integer_member(range, "lowFrequency"));
@@ -66,7 +66,7 @@ TEST_F(SpectrumInquiryBodyTest, EmptyCellEdgesAreSentAsZero) {
 }
 
 TEST_F(SpectrumInquiryBodyTest, WithoutGrantCapabilitySendsFifteenIdenticalEntries) {
-    ASSERT_EQ(BodyStatus::Stored, build());
+    ASSERT_EQ(BodyStatus::kStored, build());
     ParsedBody parsed(body, "spectrumInquiryRequest");
     json_t* report = parsed.get("measReport");
     ASSERT_TRUE(json_is_object(report));
@@ -86,7 +86,7 @@ TEST_F(SpectrumInquiryBodyTest, WithoutGrantCapabilitySendsFifteenIdenticalEntri
 TEST_F(SpectrumInquiryBodyTest, OtherCapabilitiesSendNoReport) {
     for (const char* capability : {"RECEIVED_POWER_WITH_GRANT", "", "RECEIVED"}) {
         base::copy_text(record.measCapability, sizeof record.measCapability, capability);
-        ASSERT_EQ(BodyStatus::Stored, build());
+        ASSERT_EQ(BodyStatus::kStored, build());
         ParsedBody parsed(body, "spectrumInquiryRequest");
         ASSERT_NE(nullptr, parsed.element());
         EXPECT_EQ(nullptr, parsed.get("measReport")) << capability;
@@ -95,14 +95,14 @@ TEST_F(SpectrumInquiryBodyTest, OtherCapabilitiesSendNoReport) {
 }
 
 TEST_F(SpectrumInquiryBodyTest, BodyIsIndentedByTwoAndLogged) {
-    ASSERT_EQ(BodyStatus::Stored, build());
+    ASSERT_EQ(BodyStatus::kStored, build());
     EXPECT_EQ(0, std::string(body).find("{\n  \"spectrumInquiryRequest\": [\n    {\n"));
     EXPECT_NE(std::string::npos, test::log_text().find(std::string("[SAS] ") + body + "\n"));
 }
 
 TEST_F(SpectrumInquiryBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
     char small[200];
-    EXPECT_EQ(BodyStatus::TooLong,
+    EXPECT_EQ(BodyStatus::kTooLong,
               build_spectrum_inquiry_body("cbsd-1", &record, small, sizeof small));
     EXPECT_EQ(std::string(sizeof small, '\0'), std::string(small, sizeof small));
     EXPECT_NE(std::string::npos, test::log_text().find("bytes, limit 199), not sent\n"));
@@ -117,7 +117,7 @@ protected:
         test::write_reply(R"({"spectrumInquiryResponse":[{"cbsdId":"c-1","availableChannel":[)" +
                           channel + R"(],"response":{"responseCode":0}}]})");
         std::memset(&reply, 0, sizeof reply);
-        return parse_spectrum_inquiry_response(&reply);
+        return parse_spectrum_inquiry_response(test::reply_bytes(), &reply);
     }
     SpectrumInquiryResponse reply{};
 };
@@ -175,17 +175,17 @@ TEST_F(SpectrumInquiryReplyTest, LongTextsAreCutToTheirFields) {
 TEST_F(SpectrumInquiryReplyTest, SuccessWithoutChannelListFails) {
     test::write_reply(
         R"({"spectrumInquiryResponse":[{"cbsdId":"c-1","response":{"responseCode":0}}]})");
-    EXPECT_EQ(-1, parse_spectrum_inquiry_response(&reply));
+    EXPECT_EQ(-1, parse_spectrum_inquiry_response(test::reply_bytes(), &reply));
     EXPECT_EQ(0, reply.responseCode);
     EXPECT_STREQ("c-1", reply.cbsdId);
 }
 
 TEST_F(SpectrumInquiryReplyTest, RefusalAndStaleReplyFail) {
     test::write_reply(R"({"spectrumInquiryResponse":[{"response":{"responseCode":300}}]})");
-    EXPECT_EQ(-1, parse_spectrum_inquiry_response(&reply));
+    EXPECT_EQ(-1, parse_spectrum_inquiry_response(test::reply_bytes(), &reply));
     EXPECT_EQ(300, reply.responseCode);
     test::write_reply(R"({"registrationResponse":[{"cbsdId":"r","response":{"responseCode":0}}]})");
-    EXPECT_EQ(-1, parse_spectrum_inquiry_response(&reply));
+    EXPECT_EQ(-1, parse_spectrum_inquiry_response(test::reply_bytes(), &reply));
     EXPECT_EQ(-1, reply.responseCode);
 }
 
@@ -194,7 +194,8 @@ class SpectrumInquiryExchangeTest : public test::ExchangeTest {};
 TEST_F(SpectrumInquiryExchangeTest, InquiryReachesTheSasAndTheChannelIsRead) {
     RegistrationResponse registration{};
     base::copy_text(registration.cbsdId, sizeof registration.cbsdId, "cbsd-77");
-    ASSERT_EQ(0, spectrumInquiry_request(url.c_str(), &registration, &record));
+    ASSERT_EQ(0, test::posted(spectrumInquiry_request(
+                         sas::https_transport(), url.c_str(), &registration, &record)));
     test::ReceivedBodies bodies(received("spectrumInquiry"), "spectrumInquiryRequest");
     ASSERT_EQ(1u, bodies.size());
     EXPECT_EQ("cbsd-77", string_member(bodies.element(0), "cbsdId"));
@@ -205,7 +206,7 @@ TEST_F(SpectrumInquiryExchangeTest, InquiryReachesTheSasAndTheChannelIsRead) {
                                                    "rcvdPowerMeasReports")));
 
     SpectrumInquiryResponse reply{};
-    ASSERT_EQ(0, parse_spectrum_inquiry_response(&reply));
+    ASSERT_EQ(0, parse_spectrum_inquiry_response(test::reply_bytes(), &reply));
     EXPECT_STREQ("cbsd-77", reply.cbsdId);
     EXPECT_EQ(3552500000u, reply.lowFrequency);
     EXPECT_EQ(3567500000u, reply.highFrequency);

@@ -5,7 +5,7 @@
 #include "sas/https.h"
 #include "sas/tls_profile.h"
 
-#include "sim_support.h"
+#include "support/sas_simulator.h"
 #include "support/test_util.h"
 
 #include <curl/curl.h>
@@ -94,7 +94,7 @@ protected:
                                                       test::sim::cert_section("cbsd.pem", "cbsd.key", ca)));
     }
     static int32_t post(const test::sim::Simulator& sim) {
-        return https_post(sim.endpoint_url("registration").c_str(), kBody);
+        return https_post(sim.endpoint_url("registration").c_str(), kBody).result;
     }
     static std::string log_text() { return read_file("/root/sas/sas.log"); }
 };

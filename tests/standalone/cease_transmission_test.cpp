@@ -26,7 +26,7 @@ public:
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
             if (quit_.load()) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
-            seenWhenClosed_ = sim_endpoints();
+            seenWhenClosed_ = sas_endpoints();
             base::publish_gates_closed(true);
         });
     }
@@ -51,9 +51,9 @@ public:
     void refuse_next_heartbeat_while_open(int code) {
         authorize();
         base::publish_gates_closed(false);
-        sim_push("heartbeat", R"({"responseCode":)" + std::to_string(code) + "}");
-        sim_push("grant", R"({"responseCode":400})");  // stay in Registered afterwards
-        sim_push("registration", R"({"responseCode":200})");
+        sas_push("heartbeat", R"({"responseCode":)" + std::to_string(code) + "}");
+        sas_push("grant", R"({"responseCode":400})");  // stay in Registered afterwards
+        sas_push("registration", R"({"responseCode":200})");
     }
 };
 
@@ -70,15 +70,15 @@ TEST_F(CeaseTransmission, TerminatedGrantIsGivenBackOnlyAfterTheGatesClosed) {
     Endpoints atClose = seen_when_the_gates_closed(*this, 500);
     EXPECT_EQ(count_of(atClose, "heartbeat"), 2u);
     EXPECT_EQ(count_of(atClose, "relinquishment"), 0u);
-    EXPECT_EQ(count_of(sim_endpoints(), "relinquishment"), 1u);
+    EXPECT_EQ(count_of(sas_endpoints(), "relinquishment"), 1u);
 }
 
 TEST_F(CeaseTransmission, DeregistrationLeavesOnlyAfterTheGatesClosed) {
     Endpoints atClose = seen_when_the_gates_closed(*this, 105);
     EXPECT_EQ(count_of(atClose, "relinquishment"), 0u);
     EXPECT_EQ(count_of(atClose, "deregistration"), 0u);
-    EXPECT_EQ(count_of(sim_endpoints(), "relinquishment"), 1u);
-    EXPECT_EQ(count_of(sim_endpoints(), "deregistration"), 1u);
+    EXPECT_EQ(count_of(sas_endpoints(), "relinquishment"), 1u);
+    EXPECT_EQ(count_of(sas_endpoints(), "deregistration"), 1u);
 }
 
 TEST_F(CeaseTransmission, TheLoopHasItsTurnBeforeTheGuard) {
@@ -98,7 +98,7 @@ TEST_F(CeaseTransmission, GatesThatStayOpenHoldTheGrantBackAtMostThreeSeconds) {
     auto started = std::chrono::steady_clock::now();
     ASSERT_TRUE(PassGate::instance().step());  // the refused heartbeat
     auto waited = std::chrono::steady_clock::now() - started;
-    EXPECT_EQ(count_of(sim_endpoints(), "relinquishment"), 1u);
+    EXPECT_EQ(count_of(sas_endpoints(), "relinquishment"), 1u);
     EXPECT_GE(waited, std::chrono::milliseconds(2900));
     EXPECT_LT(waited, std::chrono::milliseconds(6000));
     EXPECT_TRUE(has(log_text(), "[SAS] traffic is not stopped yet, giving the grant back anyway.\n"));
@@ -108,9 +108,9 @@ TEST_F(QuickPasses, AnExpiredGrantIsNeverHeartbeated) {
     authorize();
     store("sasConfig", "grantExpireTime", "2020-01-01T00:00:00Z");
     // Were the pass to heartbeat anyway, this success would authorise again.
-    sim_push("grant", R"({"responseCode":400})");
+    sas_push("grant", R"({"responseCode":400})");
     ASSERT_TRUE(PassGate::instance().step());
-    Endpoints seen = sim_endpoints();
+    Endpoints seen = sas_endpoints();
     ASSERT_EQ(seen.size(), 5u);
     EXPECT_EQ(seen.back(), "grant");
     EXPECT_EQ(stored("operation", "status"), "Registered");

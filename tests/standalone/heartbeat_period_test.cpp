@@ -11,7 +11,7 @@
 namespace cbsd::standalone {
 namespace {
 
-size_t heartbeats() { return count_of(sim_endpoints(), "heartbeat"); }
+size_t heartbeats() { return count_of(sas_endpoints(), "heartbeat"); }
 
 // Steps one second at a time until the condition holds; false after `limit`.
 bool step_until(const std::function<bool()>& condition, unsigned limit) {
@@ -29,13 +29,13 @@ class GrantPeriod : public QuickPasses,
                     public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(GrantPeriod, AGrantWithoutAUsablePeriodHeartbeatsEverySixtySeconds) {
-    sim_set_default("heartbeat", R"({"remove":["heartbeatInterval"]})");
-    sim_push("grant", R"({"set":{"heartbeatInterval":10}})");
-    sim_push("heartbeat", R"({"responseCode":500})");
+    sas_set_default("heartbeat", R"({"remove":["heartbeatInterval"]})");
+    sas_push("grant", R"({"set":{"heartbeatInterval":10}})");
+    sas_push("heartbeat", R"({"responseCode":500})");
     run_to_first_sleep();
-    ASSERT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
+    ASSERT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
                                           "relinquishment"}));
-    sim_push("grant", GetParam());
+    sas_push("grant", GetParam());
     ASSERT_TRUE(step_until([] { return heartbeats() == 2; }, 10)) << log_text();
     ASSERT_EQ(stored("operation", "status"), "Authorized");
     ASSERT_TRUE(PassGate::instance().steps(59));
@@ -59,8 +59,8 @@ INSTANTIATE_TEST_SUITE_P(
 class HeartbeatPeriod : public QuickPasses {
 protected:
     void authorize_with(const std::string& reply) {
-        sim_push("grant", R"({"set":{"heartbeatInterval":10}})");
-        sim_set_default("heartbeat", reply);
+        sas_push("grant", R"({"set":{"heartbeatInterval":10}})");
+        sas_set_default("heartbeat", reply);
         authorize();
     }
     // True when the next heartbeat leaves exactly `period` s after the last.
@@ -92,21 +92,21 @@ TEST_F(HeartbeatPeriod, AReplyWithAPeriodSetsIt) {
 // The configured maxEirp (23) stays in the store and goes into the grant
 // request when the inquiry names no power.
 TEST_F(StandaloneThread, InquiryWithoutMaxEirpKeepsTheConfiguredPower) {
-    sim_push("spectrumInquiry",
+    sas_push("spectrumInquiry",
              R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
              R"("highFrequency":3700000000},"channelType":"GAA","ruleApplied":"FCC_PART_96"}]}})");
     authorize();
-    EXPECT_TRUE(has(sim_request_element("grant", 0), R"("maxEirp":23)"))
-        << sim_request_element("grant", 0);
+    EXPECT_TRUE(has(sas_request_element("grant", 0), R"("maxEirp":23)"))
+        << sas_request_element("grant", 0);
     EXPECT_EQ(stored("sasConfig", "maxEirp"), "23");
     EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "23");
 }
 
 TEST_F(StandaloneThread, InquiryWithoutAnyChannelKeepsTheConfiguredPower) {
-    sim_push("spectrumInquiry", R"({"set":{"availableChannel":[]}})");
+    sas_push("spectrumInquiry", R"({"set":{"availableChannel":[]}})");
     authorize();
-    EXPECT_TRUE(has(sim_request_element("grant", 0), R"("maxEirp":23)"))
-        << sim_request_element("grant", 0);
+    EXPECT_TRUE(has(sas_request_element("grant", 0), R"("maxEirp":23)"))
+        << sas_request_element("grant", 0);
     EXPECT_EQ(stored("sasConfig", "maxEirp"), "23");
 }
 

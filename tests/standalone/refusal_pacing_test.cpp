@@ -8,39 +8,39 @@ namespace {
 
 TEST_F(StandaloneThread, RepeatedGrantConflictsBackOff) {
     for (int i = 0; i < 3; ++i)
-        sim_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
+        sas_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
     run_to_first_sleep();
     // The first conflict asks again after 5 s; the second waits 15 s.
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "relinquishment"}));
     ASSERT_TRUE(PassGate::instance().steps(4));
-    EXPECT_EQ(sim_endpoints().size(), 4u);
+    EXPECT_EQ(sas_endpoints().size(), 4u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "relinquishment", "grant", "relinquishment"}));
     ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(sim_endpoints().size(), 6u);
+    EXPECT_EQ(sas_endpoints().size(), 6u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count_of(sim_endpoints(), "grant"), 3u);
+    EXPECT_EQ(count_of(sas_endpoints(), "grant"), 3u);
     // The third waits 30 s, then the grant goes through.
     ASSERT_TRUE(PassGate::instance().steps(29));
-    EXPECT_EQ(count_of(sim_endpoints(), "grant"), 3u);
+    EXPECT_EQ(count_of(sas_endpoints(), "grant"), 3u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count_of(sim_endpoints(), "grant"), 4u);
+    EXPECT_EQ(count_of(sas_endpoints(), "grant"), 4u);
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 
 TEST_F(StandaloneThread, AHeartbeatSuccessEndsTheRefusalStreak) {
     authorize();
-    sim_push("heartbeat", R"({"responseCode":500})");
+    sas_push("heartbeat", R"({"responseCode":500})");
     ASSERT_TRUE(PassGate::instance().steps(65));
     // 500: relinquish, and 5 s later a new grant and heartbeat.
     EXPECT_EQ(stored("operation", "status"), "Authorized");
-    size_t before = sim_endpoints().size();
-    sim_push("heartbeat", R"({"responseCode":500})");
+    size_t before = sas_endpoints().size();
+    sas_push("heartbeat", R"({"responseCode":500})");
     // The success ended the streak: this refusal waits 5 s again, not 15.
     ASSERT_TRUE(PassGate::instance().steps(65));
-    EXPECT_GT(sim_endpoints().size(), before + 2);
+    EXPECT_GT(sas_endpoints().size(), before + 2);
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 
@@ -48,11 +48,11 @@ TEST_F(StandaloneThread, TransmitTimesPastOnArrivalArePacedFromTheSecondOn) {
     // A wall clock an hour ahead of the SAS's: every transmit time it hands
     // out is already past.  The first expiry heartbeats again at once; the
     // ones after it wait like refusals.
-    sim_set_default("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-3600}}})");
+    sas_set_default("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-3600}}})");
     run_to_first_sleep();
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
     ASSERT_TRUE(PassGate::instance().steps(60));
-    size_t in_a_minute = count_of(sim_endpoints(), "heartbeat");
+    size_t in_a_minute = count_of(sas_endpoints(), "heartbeat");
     EXPECT_GE(in_a_minute, 3u);
     EXPECT_LE(in_a_minute, 8u);
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");

@@ -1,5 +1,7 @@
-// The StandAlone worker driven pass by pass against the SAS simulator: the
-// fixture shared by the worker's test files.
+// The StandAlone worker driven pass by pass against the scripted SAS of
+// scripted_sas.h, in process: the fixture shared by the worker's state-machine
+// test files.  No TLS, no HTTP, no Python: each exchange is answered at once,
+// so a test takes as long as the passes it releases.
 #pragma once
 
 #include "standalone/standalone_thread.h"
@@ -8,13 +10,16 @@
 #include "base/gate_state.h"
 #include "config/uci_store.h"
 #include "standalone/worker_control.h"
+#include "scripted_sas.h"
 #include "support/modem_standin.h"
 #include "thread_harness.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -23,11 +28,27 @@ namespace cbsd::standalone {
 
 using test::count_of;
 using test::PassGate;
-using test::sim_endpoints;
-using test::sim_push;
-using test::sim_set_default;
-using test::sim_request_element;
 using Endpoints = std::vector<std::string>;
+
+// The scripted SAS in the simulator's words (tests/sas_sim/README.md).
+inline void sas_push(const std::string& endpoint, const std::string& script) {
+    test::ScriptedSas::instance().push(endpoint, script);
+}
+inline void sas_set_default(const std::string& endpoint, const std::string& script) {
+    test::ScriptedSas::instance().set_default(endpoint, script);
+}
+inline Endpoints sas_endpoints() {
+    Endpoints names;
+    for (const test::ScriptedRequest& request : test::ScriptedSas::instance().requests())
+        names.push_back(request.endpoint);
+    return names;
+}
+inline std::string sas_request_element(const std::string& endpoint, size_t n) {
+    std::vector<std::pair<std::string, std::string>> requests;
+    for (const test::ScriptedRequest& request : test::ScriptedSas::instance().requests())
+        requests.emplace_back(request.endpoint, request.body);
+    return test::request_element(requests, endpoint, n);
+}
 
 inline std::string stored(const char* section, const char* option) {
     char value[256] = {};
@@ -46,17 +67,22 @@ inline bool has(const std::string& text, const std::string& piece) {
 class StandaloneThread : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        ASSERT_TRUE(test::SimulatorProcess::start(url_));
+        std::filesystem::create_directories("/root/sas");
+        std::filesystem::create_directories("/etc/lab");
         std::string path = test::kSourceDir + "/tests/lab/bin:" + getenv("PATH");
         setenv("PATH", path.c_str(), 1);
         test::write_file("/etc/TZ", "UTC0\n");
         setenv("TZ", "UTC0", 1);
         tzset();
     }
-    static void TearDownTestSuite() { test::SimulatorProcess::stop(); }
-
     void SetUp() override {
-        test::sim_clear();
+        test::ScriptedSas::instance().clear();
+        // Shell stand-ins, first on PATH: the modem files of
+        // support/modem_standin.h, and a logger that keeps each system-log
+        // copy as one line.  A pass then starts no Python.
+        test::install_modem_standin();
+        ASSERT_TRUE(test::write_file("/tmp/bin/logger", kLineLogger));
+        chmod("/tmp/bin/logger", 0755);
         set_connected(true);
         unlink("/root/sas/sas.log");
         ASSERT_TRUE(test::write_file(config::kSasConfigPath,
@@ -73,13 +99,15 @@ protected:
     }
 
     static void set_connected(bool connected) {
-        test::write_file("/etc/lab/modem.json",
-                         connected ? R"({"netstat": 4})" : R"({"netstat": 1})");
+        test::set_modem(connected ? "4" : "1", "3625000", "20");
     }
+
+    static inline const char* const kLineLogger =
+        "#!/bin/sh\nprintf '%s\\n' \"$*\" >> /etc/lab/syslog.jsonl\n";
 
     void start_thread() {
         standalone::worker_running.store(1);
-        thread_ = std::thread([] { standalone_thread(); });
+        thread_ = std::thread([] { standalone_thread(test::ScriptedSas::transport()); });
     }
 
     void stop_thread() {
@@ -99,29 +127,20 @@ protected:
     // waits the 60 s heartbeat period.
     void authorize() {
         run_to_first_sleep();
-        ASSERT_EQ(sim_endpoints(),
+        ASSERT_EQ(sas_endpoints(),
                   (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat"}));
         ASSERT_EQ(stored("operation", "status"), "Authorized");
     }
 
     static std::string log_text() { return test::read_file("/root/sas/sas.log"); }
 
-    static inline std::string url_;
+    // No peer listens there: only the scripted SAS is ever asked.
+    static inline const std::string url_ = "https://127.0.0.1:1/v1.2";
     std::thread thread_;
 };
 
-// Passes that start no Python: a shell modem stand-in and a logger that only
-// exits, for tests that step through whole heartbeat periods.
-class QuickPasses : public StandaloneThread {
-protected:
-    void SetUp() override {
-        StandaloneThread::SetUp();
-        test::install_modem_standin();
-        test::set_modem("4", "3625000", "20");
-    }
-
-private:
-    test::QuietLogger quiet_;
-};
+// The suite of the tests that step through whole heartbeat periods; every
+// pass is quick now (no Python, no TLS), so it needs nothing more.
+class QuickPasses : public StandaloneThread {};
 
 }  // namespace cbsd::standalone

@@ -26,7 +26,7 @@ TEST_F(StandaloneThread, RegistrationInquiryGrantAndHeartbeatFollowWithoutDelay)
     EXPECT_FALSE(stored("sasConfig", "grantExpireTime").empty());
     EXPECT_FALSE(stored("sasConfig", "transmitExpireTime").empty());
     EXPECT_EQ(stored("operation", "GrantRenew"), "0");
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 0), R"("operationState":"GRANTED")"));
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 0), R"("operationState":"GRANTED")"));
     std::string log = log_text();
     EXPECT_TRUE(has(log, "[SAS] standalone_thread is running.\n"));
     EXPECT_TRUE(has(log, "[SAS] Register successfully\n"));
@@ -38,10 +38,10 @@ TEST_F(StandaloneThread, RegistrationInquiryGrantAndHeartbeatFollowWithoutDelay)
 TEST_F(StandaloneThread, HeartbeatsEveryHeartbeatInterval) {
     authorize();
     ASSERT_TRUE(PassGate::instance().steps(59));
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 1u);
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 1u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
 }
 
 size_t occurrences(const std::string& text, const std::string& piece) {
@@ -67,33 +67,33 @@ TEST_F(StandaloneThread, OutcomesGoToTheSystemLogButSendingLinesDoNot) {
 }
 
 TEST_F(StandaloneThread, InquiryLowersTheGrantPower) {
-    sim_push("spectrumInquiry",
+    sas_push("spectrumInquiry",
              R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
              R"("highFrequency":3700000000},"channelType":"GAA","ruleApplied":"FCC_PART_96",)"
              R"("maxEirp":20}]}})");
     authorize();
-    EXPECT_TRUE(has(sim_request_element("grant", 0), R"("maxEirp":20)"));
+    EXPECT_TRUE(has(sas_request_element("grant", 0), R"("maxEirp":20)"));
     EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "20");
 }
 
 TEST_F(StandaloneThread, InquiryNeverRaisesTheGrantPower) {
-    sim_push("spectrumInquiry",
+    sas_push("spectrumInquiry",
              R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
              R"("highFrequency":3700000000},"channelType":"GAA","ruleApplied":"FCC_PART_96",)"
              R"("maxEirp":30}]}})");
     authorize();
-    EXPECT_TRUE(has(sim_request_element("grant", 0), R"("maxEirp":23)"));
+    EXPECT_TRUE(has(sas_request_element("grant", 0), R"("maxEirp":23)"));
     EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "23");
 }
 
 TEST_F(StandaloneThread, InquiryDeregisterCodeDeregistersAndStartsOverAfterFiveSeconds) {
-    sim_push("spectrumInquiry", R"({"responseCode":105})");
+    sas_push("spectrumInquiry", R"({"responseCode":105})");
     run_to_first_sleep();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "deregistration"}));
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "deregistration"}));
     ASSERT_TRUE(PassGate::instance().steps(4));
-    EXPECT_EQ(sim_endpoints().size(), 3u);
+    EXPECT_EQ(sas_endpoints().size(), 3u);
     ASSERT_TRUE(PassGate::instance().step());
-    Endpoints seen = sim_endpoints();
+    Endpoints seen = sas_endpoints();
     ASSERT_GE(seen.size(), 4u);
     EXPECT_EQ(Endpoints(seen.begin(), seen.begin() + 4),
               (Endpoints{"registration", "spectrumInquiry", "deregistration", "registration"}));
@@ -102,49 +102,49 @@ TEST_F(StandaloneThread, InquiryDeregisterCodeDeregistersAndStartsOverAfterFiveS
 }
 
 TEST_F(StandaloneThread, FailedInquiryIsAskedAgainAfterTheBackOff) {
-    sim_push("spectrumInquiry", R"({"responseCode":103})");
+    sas_push("spectrumInquiry", R"({"responseCode":103})");
     run_to_first_sleep();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry"}));
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry"}));
     ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(sim_endpoints().size(), 2u);
+    EXPECT_EQ(sas_endpoints().size(), 2u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "spectrumInquiry",
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "spectrumInquiry",
                                           "grant", "heartbeat"}));
 }
 
 TEST_F(StandaloneThread, FailedGrantIsRetriedAloneWithGrowingBackOff) {
-    sim_push("grant", R"({"responseCode":400})");
-    sim_push("grant", R"({"responseCode":400})");
+    sas_push("grant", R"({"responseCode":400})");
+    sas_push("grant", R"({"responseCode":400})");
     run_to_first_sleep();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant"}));
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant"}));
     EXPECT_TRUE(has(log_text(), "[SAS] Grant unsuccessfully, responseCode:400("));
     ASSERT_TRUE(PassGate::instance().steps(15));
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "grant"}));
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "grant"}));
     ASSERT_TRUE(PassGate::instance().steps(29));
-    EXPECT_EQ(sim_endpoints().size(), 4u);
+    EXPECT_EQ(sas_endpoints().size(), 4u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count_of(sim_endpoints(), "grant"), 3u);
+    EXPECT_EQ(count_of(sas_endpoints(), "grant"), 3u);
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 
 TEST_F(StandaloneThread, GrantConflictRelinquishesTheNamedGrantAndAsksAgainAfterFiveSeconds) {
-    sim_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
+    sas_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
     run_to_first_sleep();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "relinquishment"}));
     ASSERT_TRUE(PassGate::instance().steps(4));
-    EXPECT_EQ(sim_endpoints().size(), 4u);
+    EXPECT_EQ(sas_endpoints().size(), 4u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "relinquishment", "grant", "heartbeat"}));
-    EXPECT_TRUE(has(sim_request_element("relinquishment", 0), R"("grantId":"grant-old")"));
+    EXPECT_TRUE(has(sas_request_element("relinquishment", 0), R"("grantId":"grant-old")"));
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 
 TEST_F(StandaloneThread, GrantDeregisterCodeDeregisters) {
-    sim_push("grant", R"({"responseCode":105})");
+    sas_push("grant", R"({"responseCode":105})");
     run_to_first_sleep();
-    Endpoints seen = sim_endpoints();
+    Endpoints seen = sas_endpoints();
     ASSERT_GE(seen.size(), 4u);
     EXPECT_EQ(Endpoints(seen.begin(), seen.begin() + 4),
               (Endpoints{"registration", "spectrumInquiry", "grant", "deregistration"}));
@@ -153,15 +153,15 @@ TEST_F(StandaloneThread, GrantDeregisterCodeDeregisters) {
 TEST_F(StandaloneThread, GrantedHeartbeatRefusalsEndTheGrant) {
     for (int code : {500, 502}) {
         SCOPED_TRACE(code);
-        test::sim_clear();
+        test::ScriptedSas::instance().clear();
         test::write_file(config::kSasConfigPath, test::sas_config_text(url_, "Unregistered"));
         PassGate::instance().reset(false);
-        sim_push("heartbeat", R"({"responseCode":)" + std::to_string(code) + "}");
+        sas_push("heartbeat", R"({"responseCode":)" + std::to_string(code) + "}");
         run_to_first_sleep();
-        EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+        EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                               "heartbeat", "relinquishment"}));
         ASSERT_TRUE(PassGate::instance().steps(5));
-        EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+        EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                               "heartbeat", "relinquishment", "grant",
                                               "heartbeat"}));
         stop_thread();
@@ -169,26 +169,26 @@ TEST_F(StandaloneThread, GrantedHeartbeatRefusalsEndTheGrant) {
 }
 
 TEST_F(StandaloneThread, GrantedSuspendedHeartbeatWaitsOneMinute) {
-    sim_push("heartbeat", R"({"responseCode":501})");
+    sas_push("heartbeat", R"({"responseCode":501})");
     run_to_first_sleep();
     EXPECT_EQ(stored("operation", "status"), "Granted");
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
     ASSERT_TRUE(PassGate::instance().steps(59));
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 1u);
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 1u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 1), R"("operationState":"GRANTED")"));
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 1), R"("operationState":"GRANTED")"));
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 
 TEST_F(StandaloneThread, GrantedOtherHeartbeatRefusalBacksOff) {
-    sim_push("heartbeat", R"({"responseCode":103})");
+    sas_push("heartbeat", R"({"responseCode":103})");
     run_to_first_sleep();
     EXPECT_EQ(stored("operation", "status"), "Granted");
     ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 1u);
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 1u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
 }
 
 // Authorized, then the next heartbeat (60 s later) gets the given reply.
@@ -196,11 +196,11 @@ class AuthorizedHeartbeat : public StandaloneThread {
 protected:
     void refuse_next_heartbeat(const std::string& reply) {
         authorize();
-        sim_push("heartbeat", reply);
+        sas_push("heartbeat", reply);
         ASSERT_TRUE(PassGate::instance().steps(60));
     }
     static Endpoints after_authorization() {
-        Endpoints seen = sim_endpoints();
+        Endpoints seen = sas_endpoints();
         return Endpoints(seen.begin() + 4, seen.end());
     }
 };
@@ -220,8 +220,8 @@ TEST_F(AuthorizedHeartbeat, Code500AsksForANewGrant) {
 // last transmitExpireTime allowed.
 TEST_F(AuthorizedHeartbeat, Code500WithdrawsRadioEnable) {
     authorize();
-    sim_push("heartbeat", R"({"responseCode":500})");
-    sim_push("grant", R"({"responseCode":400})");  // hold the thread in Registered
+    sas_push("heartbeat", R"({"responseCode":500})");
+    sas_push("grant", R"({"responseCode":400})");  // hold the thread in Registered
     ASSERT_TRUE(PassGate::instance().steps(60));
     EXPECT_EQ(stored("operation", "status"), "Registered");
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
@@ -230,8 +230,8 @@ TEST_F(AuthorizedHeartbeat, Code500WithdrawsRadioEnable) {
 
 TEST_F(AuthorizedHeartbeat, Code502WithdrawsRadioEnable) {
     authorize();
-    sim_push("heartbeat", R"({"responseCode":502})");
-    sim_push("grant", R"({"responseCode":400})");
+    sas_push("heartbeat", R"({"responseCode":502})");
+    sas_push("grant", R"({"responseCode":400})");
     ASSERT_TRUE(PassGate::instance().steps(65));
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "relinquishment", "grant"}));
     EXPECT_EQ(stored("operation", "status"), "Registered");
@@ -247,20 +247,20 @@ TEST_F(AuthorizedHeartbeat, Code501SuspendsToGrantedForOneMinute) {
     EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
     ASSERT_TRUE(PassGate::instance().steps(60));
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "heartbeat"}));
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
 }
 
 TEST_F(AuthorizedHeartbeat, OtherCodeFallsBackToGrantedAndHeartbeatsAfterFiveSeconds) {
     authorize();
-    sim_push("heartbeat", R"({"responseCode":103})");
-    sim_push("heartbeat", R"({"responseCode":103})");
+    sas_push("heartbeat", R"({"responseCode":103})");
+    sas_push("heartbeat", R"({"responseCode":103})");
     ASSERT_TRUE(PassGate::instance().steps(60));
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat"}));
     ASSERT_TRUE(PassGate::instance().steps(4));
     EXPECT_EQ(after_authorization().size(), 1u);
     ASSERT_TRUE(PassGate::instance().step());
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat", "heartbeat"}));
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
     EXPECT_EQ(stored("operation", "status"), "Granted");
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
 }
@@ -278,7 +278,7 @@ TEST_F(AuthorizedHeartbeat, Code105RelinquishesDeregistersAndRegistersAgain) {
 
 TEST_F(AuthorizedHeartbeat, NoReplyRetriesEveryFiveSeconds) {
     authorize();
-    sim_push("heartbeat", R"({"close":true})");
+    sas_push("heartbeat", R"({"close":true})");
     ASSERT_TRUE(PassGate::instance().steps(60));
     EXPECT_EQ(after_authorization(), (Endpoints{"heartbeat"}));
     EXPECT_TRUE(has(log_text(), "[SAS] failed to do heartbeat_request(AUTHORIZED)\n"));
@@ -290,14 +290,14 @@ TEST_F(AuthorizedHeartbeat, NoReplyRetriesEveryFiveSeconds) {
 }
 
 TEST_F(StandaloneThread, TransmitExpiryStopsTransmissionButTheSamePassStillHeartbeats) {
-    sim_push("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-31}}})");
+    sas_push("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-31}}})");
     // The AUTHORIZED heartbeat of the expiring pass is suspended, which keeps
     // the thread waiting in Granted with what the expiry wrote.
-    sim_push("heartbeat", R"({"responseCode":501})");
+    sas_push("heartbeat", R"({"responseCode":501})");
     run_to_first_sleep();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "heartbeat", "heartbeat"}));
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
     EXPECT_TRUE(has(log_text(), "] is expired.\n"));
     EXPECT_EQ(stored("sasConfig", "transmitExpireTime"), "");
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
@@ -305,9 +305,9 @@ TEST_F(StandaloneThread, TransmitExpiryStopsTransmissionButTheSamePassStillHeart
 }
 
 TEST_F(StandaloneThread, TransmitDeadlineWithinTheGraceKeepsTransmitting) {
-    sim_push("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-20}}})");
+    sas_push("heartbeat", R"({"set":{"transmitExpireTime":{"$time":-20}}})");
     run_to_first_sleep();
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 1u);
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 1u);
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "1");
     EXPECT_FALSE(has(log_text(), "transmitExpireTime["));
 }
@@ -315,90 +315,90 @@ TEST_F(StandaloneThread, TransmitDeadlineWithinTheGraceKeepsTransmitting) {
 TEST_F(StandaloneThread, GrantExpiryActsInAnyState) {
     // Deregistered by the SAS while a grant time is still stored; the new
     // registration is refused, so the thread waits in Unregistered.
-    sim_push("heartbeat", R"({"responseCode":105})");
-    sim_push("registration", R"({"responseCode":200})");
-    sim_push("grant", R"({"responseCode":400})");
+    sas_push("heartbeat", R"({"responseCode":105})");
+    sas_push("registration", R"({"responseCode":200})");
+    sas_push("grant", R"({"responseCode":400})");
     run_to_first_sleep();
     ASSERT_EQ(stored("operation", "status"), "Unregistered");
     store("sasConfig", "grantExpireTime", "2020-01-01T00:00:00Z");
-    size_t registrations = count_of(sim_endpoints(), "registration");
+    size_t registrations = count_of(sas_endpoints(), "registration");
     ASSERT_TRUE(PassGate::instance().step());
     EXPECT_TRUE(has(log_text(), "[SAS] grantExpireTime[2020-01-01T00:00:00Z] is expired.\n"));
     EXPECT_EQ(stored("sasConfig", "grantExpireTime"), "");
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
     // The expiring pass sends nothing; the next one goes on from Registered
     // at once, and the grant it asked for was refused.
-    Endpoints seen = sim_endpoints();
+    Endpoints seen = sas_endpoints();
     EXPECT_EQ(count_of(seen, "registration"), registrations);
     EXPECT_EQ(seen.back(), "grant");
     EXPECT_EQ(stored("operation", "status"), "Registered");
 }
 
 TEST_F(StandaloneThread, RenewalWindowMarksTheGrantAndTheHeartbeatAsksForRenewal) {
-    sim_push("grant", R"({"set":{"grantExpireTime":{"$time":3600}}})");
+    sas_push("grant", R"({"set":{"grantExpireTime":{"$time":3600}}})");
     run_to_first_sleep();
     EXPECT_EQ(stored("operation", "GrantRenew"), "1");
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 0), R"("grantRenew":true)"));
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 0), R"("grantRenew":true)"));
 }
 
 TEST_F(StandaloneThread, OutsideTheRenewalWindowNoRenewalIsAsked) {
-    sim_push("grant", R"({"set":{"grantExpireTime":{"$time":7300}}})");
+    sas_push("grant", R"({"set":{"grantExpireTime":{"$time":7300}}})");
     run_to_first_sleep();
     EXPECT_EQ(stored("operation", "GrantRenew"), "0");
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 0), R"("grantRenew":false)"));
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 0), R"("grantRenew":false)"));
 }
 
 TEST_F(StandaloneThread, TransportFailureWaitsFifteenSeconds) {
-    sim_push("registration", R"({"close":true})");
+    sas_push("registration", R"({"close":true})");
     run_to_first_sleep();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration"}));
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration"}));
     EXPECT_TRUE(has(log_text(), "[SAS] failed to do registeration_request()\n"));
     ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(sim_endpoints().size(), 1u);
+    EXPECT_EQ(sas_endpoints().size(), 1u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count_of(sim_endpoints(), "registration"), 2u);
+    EXPECT_EQ(count_of(sas_endpoints(), "registration"), 2u);
 }
 
 TEST_F(StandaloneThread, LteChangeEndsTheBackOff) {
-    sim_push("registration", R"({"close":true})");
-    sim_push("registration", R"({"close":true})");
-    sim_push("registration", R"({"close":true})");
+    sas_push("registration", R"({"close":true})");
+    sas_push("registration", R"({"close":true})");
+    sas_push("registration", R"({"close":true})");
     run_to_first_sleep();
     ASSERT_TRUE(PassGate::instance().steps(15));  // 15 s: second failure, now 30 s
-    ASSERT_EQ(count_of(sim_endpoints(), "registration"), 2u);
+    ASSERT_EQ(count_of(sas_endpoints(), "registration"), 2u);
     set_connected(false);
     ASSERT_TRUE(PassGate::instance().steps(2));  // one waiting pass notices, the next sends
-    EXPECT_EQ(count_of(sim_endpoints(), "registration"), 3u);
+    EXPECT_EQ(count_of(sas_endpoints(), "registration"), 3u);
     // The back-off starts again at 15 s.
     ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(count_of(sim_endpoints(), "registration"), 3u);
+    EXPECT_EQ(count_of(sas_endpoints(), "registration"), 3u);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count_of(sim_endpoints(), "registration"), 4u);
+    EXPECT_EQ(count_of(sas_endpoints(), "registration"), 4u);
 }
 
 TEST_F(StandaloneThread, StopWhileUnregisteredSendsNothing) {
-    sim_push("registration", R"({"responseCode":200})");
+    sas_push("registration", R"({"responseCode":200})");
     run_to_first_sleep();
     stop_thread();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration"}));
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration"}));
     EXPECT_TRUE(has(log_text(), "[SAS] standalone_thread exit.\n"));
 }
 
 TEST_F(StandaloneThread, StopWhileRegisteredOnlyDeregisters) {
-    sim_push("grant", R"({"responseCode":400})");
+    sas_push("grant", R"({"responseCode":400})");
     run_to_first_sleep();
     stop_thread();
-    EXPECT_EQ(sim_endpoints(),
+    EXPECT_EQ(sas_endpoints(),
               (Endpoints{"registration", "spectrumInquiry", "grant", "deregistration"}));
 }
 
 TEST_F(StandaloneThread, StopWhileGrantedRelinquishesThenDeregisters) {
-    sim_push("heartbeat", R"({"responseCode":501})");
+    sas_push("heartbeat", R"({"responseCode":501})");
     run_to_first_sleep();
     stop_thread();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
                                           "relinquishment", "deregistration"}));
-    EXPECT_TRUE(has(sim_request_element("relinquishment", 0), R"("grantId":"grant-)"));
+    EXPECT_TRUE(has(sas_request_element("relinquishment", 0), R"("grantId":"grant-)"));
     EXPECT_EQ(stored("operation", "status"), "Granted");  // the stop writes no state
 }
 
@@ -407,14 +407,14 @@ TEST_F(StandaloneThread, StopWhileGrantedRelinquishesThenDeregisters) {
 TEST_F(StandaloneThread, StopWhileAuthorizedWithdrawsTheRadioThenRelinquishesAndDeregisters) {
     authorize();
     stop_thread();
-    EXPECT_EQ(sim_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
                                           "relinquishment", "deregistration"}));
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
     EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64()));
 }
 
 TEST_F(StandaloneThread, DebugModePrintsTheTimerLineEveryPass) {
-    sim_push("registration", R"({"responseCode":200})");
+    sas_push("registration", R"({"responseCode":200})");
     base::settings().debug = 1;
     ::testing::internal::CaptureStdout();
     run_to_first_sleep();
@@ -438,16 +438,16 @@ TEST_F(StandaloneThread, EmptyServerUrlEndsTheThreadAndKeepsTheRunningFlag) {
     std::string log = log_text();
     EXPECT_TRUE(has(log, "[SAS] sas server URL is invalid.\n"));
     EXPECT_TRUE(has(log, "[SAS] standalone_thread exit.\n"));
-    EXPECT_TRUE(sim_endpoints().empty());
+    EXPECT_TRUE(sas_endpoints().empty());
     standalone::worker_running.store(0);
 }
 
 TEST_F(StandaloneThread, UnknownStatusSendsNothing) {
     store("operation", "status", "authorized");
     start_thread();
-    EXPECT_FALSE(test::wait_until([] { return !sim_endpoints().empty(); }, 0.5));
+    EXPECT_FALSE(test::wait_until([] { return !sas_endpoints().empty(); }, 0.5));
     stop_thread();
-    EXPECT_TRUE(sim_endpoints().empty());
+    EXPECT_TRUE(sas_endpoints().empty());
     EXPECT_TRUE(has(log_text(), "[SAS] standalone_thread exit.\n"));
 }
 

@@ -40,14 +40,14 @@ TEST_F(StoreFault, AnExpiryTheStoreCannotClearIsActedOnOnceAndRequestsStayPaced)
     // A time past its grace in the file, which then cannot be written.
     store("sasConfig", "transmitExpireTime", "2020-01-01T00:00:00Z");
     set_read_only(true);
-    size_t before = sim_endpoints().size();
+    size_t before = sas_endpoints().size();
     ASSERT_TRUE(PassGate::instance().steps(120));
     std::string log = log_text();
     EXPECT_EQ(count(log, "] is expired.\n"), 1u) << log;
     EXPECT_EQ(count(log, "cannot be written"), 1u) << log;
     // The GRANTED heartbeat after the expiry, then one per heartbeat period:
     // the stale time in the file is not taken for a new expiry every pass.
-    size_t sent = sim_endpoints().size() - before;
+    size_t sent = sas_endpoints().size() - before;
     EXPECT_GE(sent, 2u) << log;
     EXPECT_LE(sent, 4u) << log;
     EXPECT_TRUE(transmit_deadline_held(base::monotonic_ms64()));
@@ -62,16 +62,16 @@ TEST_F(StoreFault, AnExpiryTheStoreCannotClearIsActedOnOnceAndRequestsStayPaced)
 TEST_F(StoreFault, AStatusTheStoreCannotTakeIsNotSentAgain) {
     authorize();
     set_read_only(true);
-    sim_push("heartbeat", R"({"responseCode":501})");
+    sas_push("heartbeat", R"({"responseCode":501})");
     ASSERT_TRUE(PassGate::instance().steps(60));
     // Suspended: Granted is held in memory and the thread waits its minute,
     // although the file still says Authorized.
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
     ASSERT_TRUE(PassGate::instance().steps(30));
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 2u);
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
     ASSERT_TRUE(PassGate::instance().steps(31));
-    EXPECT_EQ(count_of(sim_endpoints(), "heartbeat"), 3u);
-    EXPECT_TRUE(has(sim_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
+    EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 3u);
+    EXPECT_TRUE(has(sas_request_element("heartbeat", 2), R"("operationState":"GRANTED")"));
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ inline std::string status() {
 class WorkerControl : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        ASSERT_TRUE(test::SimulatorProcess::start(url_));
+        ASSERT_TRUE(test::SuiteSimulator::start(url_));
         std::string path = test::kSourceDir + "/tests/lab/bin:" + getenv("PATH");
         setenv("PATH", path.c_str(), 1);
         test::write_file("/etc/lab/modem.json", R"({"netstat": 4})");
@@ -54,7 +54,7 @@ protected:
         setenv("TZ", "UTC0", 1);
         tzset();
     }
-    static void TearDownTestSuite() { test::SimulatorProcess::stop(); }
+    static void TearDownTestSuite() { test::SuiteSimulator::stop(); }
 
     void SetUp() override {
         test::sim_clear();

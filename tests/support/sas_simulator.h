@@ -1,9 +1,12 @@
-// C++ side of the SAS simulator (tests/sas_sim): test PKI, device credential
-// layout and a simulator child process driven over its control socket.
-// Header-only so that the unit-test glob (*_test.cpp) does not pick it up.
+// The one C++ launcher of the SAS simulator (tests/sas_sim): test PKI, device
+// credential layout, and a simulator child process driven over its control
+// socket, either one per test (Simulator) or one per test binary
+// (SuiteSimulator, with the free sim_* calls of the worker tests).
+// Header-only, and no *_test.cpp name, so the unit-test glob skips it.
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <jansson.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -17,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -281,3 +285,74 @@ inline std::string quoted(const std::string& text) {
 }
 
 }  // namespace cbsd::test::sim
+
+namespace cbsd::test {
+
+// One simulator for all the tests of a binary, with the device's credentials
+// installed: started by a suite's SetUpTestSuite, stopped by its tear-down.
+class SuiteSimulator {
+public:
+    static bool start(std::string& url) {
+        std::filesystem::create_directories("/root/sas");
+        std::filesystem::create_directories("/etc/lab");
+        if (!sim::install_device_certs(sim::DeviceCerts{})) return false;
+        slot() = std::make_unique<sim::Simulator>();
+        if (!slot()->running()) return false;
+        url = slot()->url();
+        return true;
+    }
+    static void stop() { slot().reset(); }
+    static const sim::Simulator& get() { return *slot(); }
+
+private:
+    static std::unique_ptr<sim::Simulator>& slot() {
+        static std::unique_ptr<sim::Simulator> simulator;
+        return simulator;
+    }
+};
+
+inline void sim_push(const std::string& endpoint, const std::string& reply_json) {
+    EXPECT_TRUE(SuiteSimulator::get().push(endpoint, reply_json));
+}
+
+inline void sim_set_default(const std::string& endpoint, const std::string& reply_json) {
+    SuiteSimulator::get().call(R"({"cmd":"set_default","endpoint":")" + endpoint +
+                               R"(","reply":)" + reply_json + "}");
+}
+
+inline void sim_clear() { SuiteSimulator::get().clear(); }
+
+// The endpoints the simulator was asked, oldest first.
+inline std::vector<std::string> sim_endpoints() {
+    std::vector<std::string> names;
+    for (const sim::Request& request : SuiteSimulator::get().requests())
+        names.push_back(request.endpoint.empty() ? "?" : request.endpoint);
+    return names;
+}
+
+// Element 0 of the request array of the n-th request of an endpoint (0 = first),
+// as compact JSON text with sorted keys; "" when there is none.
+inline std::string request_element(const std::vector<std::pair<std::string, std::string>>& requests,
+                                   const std::string& endpoint, size_t n) {
+    size_t seen = 0;
+    for (const auto& [name, body] : requests) {
+        if (name != endpoint || seen++ != n) continue;
+        json_t* parsed = json_loads(body.c_str(), 0, nullptr);
+        json_t* element = json_array_get(json_object_get(parsed, (endpoint + "Request").c_str()), 0);
+        char* dumped = element ? json_dumps(element, JSON_COMPACT | JSON_SORT_KEYS) : nullptr;
+        std::string text = dumped ? dumped : "";
+        std::free(dumped);
+        json_decref(parsed);
+        return text;
+    }
+    return "";
+}
+
+inline std::string sim_request_element(const std::string& endpoint, size_t n) {
+    std::vector<std::pair<std::string, std::string>> requests;
+    for (const sim::Request& request : SuiteSimulator::get().requests())
+        requests.emplace_back(request.endpoint, request.body);
+    return request_element(requests, endpoint, n);
+}
+
+}  // namespace cbsd::test

@@ -1,0 +1,106 @@
+// The StandAlone worker's state across passes and the steps its state machine
+// is made of.  standalone_thread.cpp runs the passes; worker_steps.cpp holds
+// what several exchanges do (status, withdrawal, give-back, pacing);
+// registration_steps.cpp and heartbeat_steps.cpp hold the exchanges.
+#pragma once
+
+#include "config/device_record.h"
+#include "sas/exchange.h"
+#include "sas/replies.h"
+#include "sas/transport.h"
+#include "standalone/held_text.h"
+#include "standalone/oper_timer.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace cbsd::standalone {
+
+// A grant reply without a usable heartbeat period gets this one.
+inline constexpr uint32_t kDefaultHeartbeatInterval = 60;
+// Transmission stops only this long after its deadline.
+inline constexpr int32_t kTransmitGraceSeconds = 30;
+
+// The message records; later requests are built from the replies kept here.
+struct Records {
+    std::unique_ptr<config::DeviceRecord> device;
+    std::unique_ptr<sas::RegistrationResponse> registration;
+    std::unique_ptr<sas::SpectrumInquiryResponse> inquiry;
+    std::unique_ptr<sas::GrantResponse> grant;
+    std::unique_ptr<sas::HeartbeatResponse> heartbeat;
+    std::unique_ptr<sas::RelinquishmentResponse> relinquishment;
+    std::unique_ptr<sas::DeregistrationResponse> deregistration;
+};
+
+struct Worker {
+    // Every exchange of this worker goes through it.
+    sas::Transport transport;
+    char serverUrl[128] = {};
+    char status[32] = {};  // operation.status as read at the start of the pass
+    char timeText[32] = {};
+    char cbsdId[128] = {};
+    char grantId[128] = {};
+    OperTimer operTimer{};
+    uint32_t heartbeatInterval = kDefaultHeartbeatInterval;
+    bool lastLteConnected = true;
+    // Refusals answered by starting over, since the last heartbeat success.
+    uint32_t refusals = 0;
+    // The transmit time whose expiry was acted on, until the next success.
+    char expiredTransmit[32] = {};
+    // The grant time whose expiry was acted on, should the store keep it.
+    char expiredGrant[32] = {};
+    // Successes in a row whose transmit time was already past on arrival.
+    uint32_t pastOnArrival = 0;
+    // Decisions the store could not take, used until a write lands.
+    HeldText heldStatus;
+    HeldText heldTransmit;
+    Records records;
+};
+
+bool status_is(const Worker& w, uint32_t state);
+void write_status(Worker& w, uint32_t state);
+void read_status(Worker& w);
+void write_transmit_time(Worker& w, const char* text);
+
+// RadioEnable "0", with the deadline brought forward to the loop's turn.
+void withdraw_radio();
+// Withdraws the radio and waits (bounded) for the gates to close.
+void cease_transmission();
+// Paces a refusal that the procedure answers by starting over.
+void start_over_after_refusal(Worker& w);
+// Give the grant back, or the registration, once transmission has ceased.
+void relinquish(Worker& w);
+void deregister(Worker& w);
+// The SAS ended the registration: what is held is given back (the grant
+// first, when there is one) and the procedure starts over, unregistered.
+void start_over_unregistered(Worker& w, bool grantHeld);
+// The SAS ended the grant: it is given back and a new one is asked for.
+void start_over_registered(Worker& w);
+
+// One exchange of the worker: "send <request><detail>...", the post, then
+// "failed to do <request><detail or ()>" when no reply came, or else the
+// record cleared and the reply parsed into it.  Returns the reply.
+template <typename Record>
+sas::PostReply exchange(const char* request, const std::string& detail,
+                        const std::function<sas::PostReply()>& post,
+                        int32_t (*parse)(std::string_view, Record*), Record* record) {
+    std::string name = std::string(request) + "_request";
+    return sas::run_exchange(
+        {"\n[SAS] send " + name + detail + "...\n",
+         "[SAS] failed to do " + name + (detail.empty() ? "()" : detail) + "\n"},
+        post, [&](std::string_view bytes) {
+            *record = Record{};
+            parse(bytes, record);
+        });
+}
+
+// One exchange step each, as the stored status asks for it.
+void register_device(Worker& w);
+void run_registered(Worker& w);
+void run_granted(Worker& w);
+void run_authorized(Worker& w);
+
+}  // namespace cbsd::standalone
