@@ -245,25 +245,17 @@ void command_kind(const char* const argv[], char (&name)[160]) {
     }
 }
 
-// The status a child ends with when its program could not be run.  Under
-// qemu-user the exec failure shows up this way, often without a message,
-// instead of as posix_spawnp's error.
-constexpr int kCannotRunStatus = 127;
-
 // A tool that ends with a failure status and says why on standard error
 // starts or continues a streak; one that succeeds ends it.  A silent failure
-// status is an answer (a deletion of a rule that is not there), not a fault,
-// except the one that says the program could not be run.
+// status is an answer (a deletion of a rule that is not there), not a fault.
 void note_outcome(const char* const argv[], int status, const ErrorText& errors) {
     char name[160] = {};
     command_kind(argv, name);
-    int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     if (status == 0) {
         note_command_success(name);
     } else if (errors.kept > 0) {
+        int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         note_command_failure(name, code, errors.text);
-    } else if (code == kCannotRunStatus) {
-        note_command_failure(name, code, "cannot be started");
     }
 }
 
@@ -272,7 +264,7 @@ void note_start_failure(const char* const argv[], int spawn_error) {
     command_kind(argv, name);
     char message[kToolMessageLimit + 1];
     std::snprintf(message, sizeof message, "cannot be started: %s", std::strerror(spawn_error));
-    note_command_failure(name, kCannotRunStatus, message);
+    note_command_failure(name, 127, message);  // the shell's status for it
 }
 
 // Runs argv to completion within the limit; collector may be null.
