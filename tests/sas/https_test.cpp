@@ -226,6 +226,24 @@ TEST_F(HttpsTest, ReplyWithTheMarkerButAnErrorStatusIsNotUsed) {
     EXPECT_EQ(answered.usable(), dump());
 }
 
+TEST_F(HttpsTest, ADumpThatCannotBeWrittenHidesNoReplyAndShowsNoOldOne) {
+    test::sim::Simulator sim;
+    provision();
+    // A dump path that cannot be opened for writing, as on a full /tmp.
+    fs::create_directories(kReplyDumpPath);
+    ASSERT_TRUE(sim.push("heartbeat", R"({"responseCode": 500})"));
+    PostReply reply = https_post(sim.endpoint_url("heartbeat").c_str(), "{}");
+    EXPECT_EQ(reply.result, 0);
+    EXPECT_TRUE(fs::is_directory(kReplyDumpPath));
+    // This exchange's own answer, a refusal, is what the parsers read.
+    SasReply heartbeat;
+    int32_t code = -1;
+    EXPECT_EQ(read_sas_reply(reply.usable(), "heartbeatResponse", &heartbeat, &code),
+              ReplyReadResult::kRead);
+    EXPECT_EQ(code, 500);
+    fs::remove(kReplyDumpPath);
+}
+
 TEST_F(HttpsTest, EmptyReplyMakesTheOldDumpStale) {
     test::sim::Simulator sim;
     provision();
