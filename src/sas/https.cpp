@@ -7,6 +7,7 @@
 
 #include "config/device_record.h"
 #include "base/log.h"
+#include "base/settings.h"
 #include "config/accessors.h"
 #include "config/certificate_paths.h"
 #include "sas/reply_date.h"
@@ -95,7 +96,9 @@ bool set_transfer_options(CURL* curl, const char* url, const char* body, curl_sl
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, save_response);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, reply);
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
-    curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
+    // libcurl's trace goes to standard error, which procd hands to the system
+    // log line by line (about 40 lines an exchange): only in debug mode (-d).
+    curl_easy_setopt(curl, CURLOPT_VERBOSE, base::settings().debug ? 1L : 0L);
     curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, note_reply_date);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, reply);

@@ -2,6 +2,7 @@
 // with real mutual TLS and the real credential paths under /root/sas/cert.
 #include "sas/https.h"
 
+#include "base/settings.h"
 #include "sas/reply_reader.h"
 #include "support/sas_simulator.h"
 #include "support/test_util.h"
@@ -10,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -75,6 +78,31 @@ TEST_F(HttpsTest, FullExchangePostsJsonWithClientCertificateAndDumpsTheReply) {
     EXPECT_NE(dump().find("\"cbsdId\": \"sim/F1/S1\""), std::string::npos) << dump();
     EXPECT_NE(log_text().find("[SAS] https_post() return 0\n"), std::string::npos);
     EXPECT_EQ(log_text().find("is not exist"), std::string::npos);
+}
+
+// What an exchange writes on standard error, which procd makes system-log lines.
+std::string standard_error_of_an_exchange(const test::sim::Simulator& sim) {
+    std::fflush(stderr);
+    int saved = dup(STDERR_FILENO);
+    int capture = open("/tmp/exchange-stderr", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(capture, STDERR_FILENO);
+    close(capture);
+    https_post(sim.endpoint_url("registration").c_str(), kBody);
+    std::fflush(stderr);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    return read_file("/tmp/exchange-stderr");
+}
+
+TEST_F(HttpsTest, LibcurlsTraceOnlyInDebugMode) {
+    test::sim::Simulator sim;
+    provision();
+    base::settings().debug = 0;
+    EXPECT_EQ(standard_error_of_an_exchange(sim), "");
+    base::settings().debug = 1;
+    EXPECT_NE(standard_error_of_an_exchange(sim).find("POST /v1.2/registration"),
+              std::string::npos);
+    base::settings().debug = 0;
 }
 
 TEST_F(HttpsTest, MissingClientCertificateSendsNothing) {
