@@ -216,7 +216,7 @@ bool reply_date(int64_t* epochSeconds) {
 }
 
 int32_t https_post(const char* url, const char* body) {
-    CertificatePaths paths;
+    config::CertificatePaths paths;
     std::memset(&paths, 0, sizeof paths);
     config::load_cert_paths(&paths);
 
