@@ -1,6 +1,7 @@
 #include "daemon/startup.h"
 
 #include "config/accessors.h"
+#include "config/cbsd_state_reset.h"
 #include "daemon/profiles.h"
 #include "base/clock.h"
 #include "base/log.h"
@@ -166,7 +167,7 @@ int run_daemon() {
     ensure_work_dir();
     base::notice("\n[SAS] SAS Version 3.1\n");
 
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
     set_initial_traffic_state();
 
     provision_certificates();

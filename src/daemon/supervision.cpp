@@ -1,6 +1,7 @@
 #include "daemon/supervision.h"
 
 #include "config/accessors.h"
+#include "config/cbsd_state_reset.h"
 #include "config/uci_store.h"
 #include "daemon/config_watch.h"
 #include "daemon/profiles.h"
@@ -12,6 +13,7 @@
 #include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
 #include "gating/authorization.h"
+#include "gating/transmit_power.h"
 #include "modem/modem.h"
 
 #include <atomic>
@@ -84,7 +86,7 @@ void react_to_lte_link(const SupervisionState& state) {
 
 void enter_dp_mode() {
     base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
 }
 
 // A start that waits for a stopped worker's end (main thread only).
@@ -114,7 +116,7 @@ bool stop_worker_after_closing() {
 // configuration-change check of the same pass must not restart it.
 void enter_standalone_mode(SupervisionState& state) {
     base::notice_to_syslog("[SAS] CPE is communicating with SAS using StandAlone.\n");
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
     start_worker();
     copy_configuration_block(state.previous, state.current);
 }
@@ -126,7 +128,7 @@ bool react_to_sas_switch(SupervisionState& state) {
     if (!current.sasEnable) {
         base::notice_to_syslog("[SAS] sas disable.\n");
         stop_worker_after_closing();
-        gating::clear_cbsd_state();
+        config::clear_cbsd_state();
         gating::recover_network();
         return true;
     }
@@ -146,7 +148,7 @@ void react_to_mode_switch(SupervisionState& state) {
     if (state.current.dpEnable) {
         base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
         stop_worker();
-        gating::clear_cbsd_state();
+        config::clear_cbsd_state();
     } else {
         enter_standalone_mode(state);
     }
@@ -260,7 +262,7 @@ PassOutcome finish_changed_pass(SupervisionState& state) {
 // when the configuration still asks for StandAlone mode.
 void settle_stopped_worker(const SupervisionSnapshot& current) {
     if (!standalone::collect_stopped_worker()) return;
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
     bool wanted = g_startDeferred && current.sasEnable && !current.dpEnable;
     g_startDeferred = false;
     if (wanted && !stop_requested()) start_worker();
@@ -346,7 +348,7 @@ void restart_standalone_worker() {
         return;
     }
     base::sleep_seconds(1);
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
     if (!stop_requested()) start_worker();
 }
 
