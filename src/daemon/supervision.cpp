@@ -3,6 +3,7 @@
 #include "config/accessors.h"
 #include "config/cbsd_state_reset.h"
 #include "config/uci_store.h"
+#include "daemon/cell_range_update.h"
 #include "daemon/config_watch.h"
 #include "daemon/profiles.h"
 #include "daemon/signals.h"
@@ -14,7 +15,8 @@
 #include "standalone/worker_control.h"
 #include "gating/authorization.h"
 #include "gating/transmit_power.h"
-#include "modem/modem.h"
+#include "modem/cell_range.h"
+#include "modem/lte_info.h"
 
 #include <atomic>
 #include <cstdio>
@@ -68,7 +70,7 @@ void refresh_cell_frequency(SupervisionState& state) {
         std::memcpy(current.bandwidth, previous.bandwidth, sizeof current.bandwidth);
     } else if (text_differs(current.frequency, previous.frequency) ||
                text_differs(current.bandwidth, previous.bandwidth)) {
-        modem::wait_and_store_cell_range(kWaitWithoutLimit);
+        wait_and_store_cell_range(kWaitWithoutLimit);
     }
 }
 
@@ -78,7 +80,7 @@ void react_to_lte_link(const SupervisionState& state) {
         base::notice("[SAS] LTE is in connection.\n");
         if (modem::wait_for_lte(kLteAttachWaitSeconds) != 0)
             base::notice_to_syslog("[SAS] get current frequence information timeout.\n");
-        modem::store_cell_range();
+        store_cell_range();
     } else {
         base::notice_to_syslog("[SAS] LTE is not in connection.\n");
     }

@@ -1,7 +1,6 @@
 #include "modem/lte_info.h"
 
 #include "modem/line_filter.h"
-#include "modem/modem.h"
 #include "modem/modem_manager.h"
 
 #include <cstring>

@@ -1,8 +1,9 @@
+#include "modem/modem.h"
+
 #include "base/clock.h"
 #include "base/log.h"
 #include "modem/line_filter.h"
 #include "modem/lte_info.h"
-#include "modem/modem.h"
 #include "modem/modem_manager.h"
 #include "modem/modem_output.h"
 
