@@ -2,7 +2,8 @@
 
 #include "config/accessors.h"
 #include "config/cbsd_state_reset.h"
-#include "daemon/profiles.h"
+#include "daemon/certificate_handover.h"
+#include "daemon/profile_defaults.h"
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/settings.h"
