@@ -12,10 +12,6 @@ namespace cbsd::daemon {
 
 namespace {
 
-constexpr uint8_t kAutoOn = 1;
-constexpr uint8_t kAutoOff = 2;
-constexpr uint8_t kInBand48 = 1;
-constexpr uint8_t kNotInBand48 = 2;
 constexpr int kBandQueryFailed = -1;
 
 AutoEnableState process_auto_state;
@@ -28,15 +24,15 @@ void auto_enable(AutoEnableState& state) {
         base::notice("[SAS] SAS_AUTO no value");
 
     if (std::strcmp(value, "1") != 0) {
-        if (state.lastAuto != kAutoOff) {
+        if (state.lastAuto != AutoSwitch::kOff) {
             base::notice_to_syslog("[SAS] auto SAS is Off.\n");
-            state.lastAuto = kAutoOff;
+            state.lastAuto = AutoSwitch::kOff;
         }
         return;
     }
-    if (state.lastAuto != kAutoOn) {
+    if (state.lastAuto != AutoSwitch::kOn) {
         base::notice_to_syslog("[SAS] auto SAS is On.\n");
-        state.lastAuto = kAutoOn;
+        state.lastAuto = AutoSwitch::kOn;
     }
 
     int queried = modem::get_band();
@@ -46,24 +42,24 @@ void auto_enable(AutoEnableState& state) {
     if (queried == kBandQueryFailed) {
         if (!state.bandUnknown) {
             base::notice("[SAS] LTE band unknown, SAS stays as it was.\n");
-            state.bandUnknown = 1;
+            state.bandUnknown = true;
         }
         return;
     }
-    state.bandUnknown = 0;
+    state.bandUnknown = false;
     char band[8] = {};
     std::snprintf(band, sizeof band, "%d", queried);
     // enableMode is written on every pass while auto is on, not only on a change.
     if (std::strcmp(band, "48") == 0) {
-        if (state.lastBand != kInBand48) {
+        if (state.lastBand != BandSeen::kInBand48) {
             base::notice_to_syslog("[SAS] LTE is in Band 48, so turn on SAS automatically.\n");
-            state.lastBand = kInBand48;
+            state.lastBand = BandSeen::kInBand48;
         }
         config::write_sas_option(config::schema::kEnableMode, "1");
     } else {
-        if (state.lastBand != kNotInBand48) {
+        if (state.lastBand != BandSeen::kNotInBand48) {
             base::notice_to_syslog("[SAS] LTE is not in Band 48, so turn off SAS automatically.\n");
-            state.lastBand = kNotInBand48;
+            state.lastBand = BandSeen::kNotInBand48;
         }
         config::write_sas_option(config::schema::kEnableMode, "0");
     }

@@ -6,12 +6,15 @@
 
 namespace cbsd::daemon {
 
-// What the enablement keeps between passes.  Each starts at 0, which is
+// What the enablement keeps between passes.  Each starts as kNone, which is
 // neither value, so the first pass always logs.
+enum class AutoSwitch : uint8_t { kNone, kOn, kOff };
+enum class BandSeen : uint8_t { kNone, kInBand48, kNotInBand48 };  // the last band the modem told
+
 struct AutoEnableState {
-    uint8_t lastAuto = 0;  // 1 On, 2 Off
-    uint8_t lastBand = 0;  // 1 in Band 48, 2 not: the last band the modem told
-    uint8_t bandUnknown = 0;  // 1 while band queries fail (logged once per streak)
+    AutoSwitch lastAuto = AutoSwitch::kNone;
+    BandSeen lastBand = BandSeen::kNone;
+    bool bandUnknown = false;  // while band queries fail (logged once per streak)
 };
 
 void auto_enable();  // once per supervision pass, with the process's own state

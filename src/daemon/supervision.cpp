@@ -245,7 +245,7 @@ PassOutcome keep_last_decision(SupervisionState& state) {
         gating::unauthorize_device(0);
     else
         reassert_traffic_state(last);
-    return PassOutcome::Unchanged;
+    return PassOutcome::kUnchanged;
 }
 
 void note_readable_again(SupervisionState& state) {
@@ -256,7 +256,7 @@ void note_readable_again(SupervisionState& state) {
 
 PassOutcome finish_changed_pass(SupervisionState& state) {
     state.previous = state.current;
-    return PassOutcome::Changed;
+    return PassOutcome::kChanged;
 }
 
 // Once per pass: a stopped worker that has ended since is joined, what it
@@ -291,7 +291,7 @@ PassOutcome react_to_fresh_snapshot(SupervisionState& state) {
 
     if (snapshots_equal(state.current, state.previous)) {
         reassert_traffic_state(state.current);
-        return PassOutcome::Unchanged;
+        return PassOutcome::kUnchanged;
     }
 
     if (state.pass != 1) {
@@ -385,7 +385,7 @@ bool supervision_loop() {
     // ends the sleep that follows it.
     ConfigWatch watch(config::kSasConfigPath);
     while (!stop_requested()) {
-        if (run_supervision_pass(state) == PassOutcome::Unchanged) steady_sleep(watch);
+        if (run_supervision_pass(state) == PassOutcome::kUnchanged) steady_sleep(watch);
     }
     return state.current.sasEnable != 0;
 }
