@@ -1,17 +1,13 @@
 // The Band 48 automatic enablement, pass by pass.
 #include "daemon/auto_enable.h"
 
-#include "config/uci_store.h"
 #include "daemon/profile_fixture.h"
-#include "modem/lab_modem.h"
-#include "support/test_util.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 namespace cbsd::daemon {
-using namespace ::cbsd::config;
 using namespace ::cbsd::test;
 namespace {
 
@@ -145,7 +141,7 @@ TEST_F(AutoEnable, SwitchingAutoOffAndOnLogsEachChange) {
 }
 
 TEST_F(AutoEnable, UnreadableStoreIsLoggedAndCountsAsOff) {
-    unlink(kSasConfigPath);
+    unlink(config::kSasConfigPath);
     auto_enable(state_);
     EXPECT_TRUE(logged("[SAS] SAS_AUTO no value"));
     EXPECT_TRUE(logged("[SAS] auto SAS is Off.\n"));

@@ -1,10 +1,7 @@
 // The certificates left by the router's provisioning, taken at start-up.
 #include "daemon/certificate_handover.h"
 
-#include "config/uci_store.h"
 #include "daemon/profile_fixture.h"
-#include "modem/lab_modem.h"
-#include "support/test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +10,6 @@
 #include <sys/stat.h>
 
 namespace cbsd::daemon {
-using namespace ::cbsd::config;
 using namespace ::cbsd::test;
 namespace {
 

@@ -1,10 +1,7 @@
 // The first-run tag: tied to the executable's modification time.
 #include "daemon/first_run.h"
 
-#include "config/uci_store.h"
 #include "daemon/profile_fixture.h"
-#include "modem/lab_modem.h"
-#include "support/test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +13,6 @@
 #include <unistd.h>
 
 namespace cbsd::daemon {
-using namespace ::cbsd::config;
 using namespace ::cbsd::test;
 namespace {
 
@@ -63,7 +59,7 @@ TEST_F(FirstRun, TouchingTheExecutableMakesTheNextStartAFirstRun) {
 }
 
 TEST_F(FirstRun, UnreadableStoreStillCountsAsFirstRunAndWritesNothing) {
-    unlink(kSasConfigPath);
+    unlink(config::kSasConfigPath);
     // Nothing can be read, so the tag differs; the write creates no section.
     EXPECT_EQ(check_first_run(), 1);
     EXPECT_EQ(get("config", "cbsdTag"), "");

@@ -1,18 +1,14 @@
 // The first run's move of usedp and sasServerAddress to section config.
 #include "daemon/option_migration.h"
 
-#include "config/uci_store.h"
 #include "daemon/profile_defaults.h"
 #include "daemon/profile_fixture.h"
-#include "modem/lab_modem.h"
-#include "support/test_util.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 namespace cbsd::daemon {
-using namespace ::cbsd::config;
 using namespace ::cbsd::test;
 namespace {
 
@@ -32,7 +28,7 @@ TEST_F(OptionMigration, FirstRunMovesUsedpAndTheUsedpValueFallsIntoAddress) {
 TEST_F(OptionMigration, FirstRunWithoutOldOptionsEmptiesAddress) {
     set("config", "address", "https://sas.example/v1.2");
     apply_profile_defaults();
-    EXPECT_TRUE(absent("config", "address")) << test::read_file(kSasConfigPath);
+    EXPECT_TRUE(absent("config", "address")) << test::read_file(config::kSasConfigPath);
     EXPECT_EQ(get("config", "usedp"), "");
     EXPECT_TRUE(absent("operation", "sasServerAddress"));
 }

@@ -3,10 +3,7 @@
 
 #include "base/settings.h"
 #include "base/text.h"
-#include "config/uci_store.h"
 #include "daemon/profile_fixture.h"
-#include "modem/lab_modem.h"
-#include "support/test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +11,6 @@
 #include <string>
 
 namespace cbsd::daemon {
-using namespace ::cbsd::config;
 using namespace ::cbsd::test;
 namespace {
 
@@ -72,7 +68,7 @@ TEST_F(ProfileDefaults, SilentModemGivesTheCatchAllRow) {
     EXPECT_EQ(get("sasConfig", "maxEirp"), "0");
     EXPECT_EQ(get("config", "antennaBeamwidth"), "0");
     // The empty serial number is written all the same, which clears the old one.
-    EXPECT_TRUE(absent("config", "serialNumber")) << test::read_file(kSasConfigPath);
+    EXPECT_TRUE(absent("config", "serialNumber")) << test::read_file(config::kSasConfigPath);
     EXPECT_TRUE(logged("[SAS] CPE Product Model: \n"));
     EXPECT_TRUE(logged("[SAS] this product model does not support SAS.\n"));
     EXPECT_TRUE(logged("[SAS] failed to get SN."));

@@ -1,6 +1,5 @@
 #include "gating/authorization.h"
 
-#include "config/authorized_sample.h"
 #include "gating/gates.h"
 #include "gating_fixture.h"
 
@@ -14,18 +13,13 @@ using ::testing::IsEmpty;
 
 namespace {
 
-class AuthorizationTest : public GatingTest {
+class AuthorizationTest : public AuthorizedDeviceTest {
 protected:
     void SetUp() override {
-        GatingTest::SetUp();
+        AuthorizedDeviceTest::SetUp();
         add_interface("eth1.112", "lab0");
         add_interface("usb0.112", "lab1");
-        shell("mkdir -p /etc/config");
-        write_file("/etc/config/sas", kAuthorizedSasConfig);
-        set_modem(R"({"bandwidth": 20})");
     }
-
-    static void set_modem(const std::string& state) { write_file("/etc/lab/modem.json", state); }
 
     static void expect_all_open() {
         EXPECT_EQ(ip_forward(), "1\n1\n");

@@ -5,6 +5,7 @@
 // rules with the router's trailing blank and `logger` records its calls.
 #pragma once
 
+#include "config/authorized_sample.h"
 #include "config/lab_log.h"
 #include "config/uci_store.h"
 #include "base/settings.h"
@@ -70,6 +71,20 @@ protected:
         shell("echo " + std::to_string(ipv4) + " > /proc/sys/net/ipv4/ip_forward; echo " +
               std::to_string(ipv6) + " > /proc/sys/net/ipv6/conf/all/forwarding");
     }
+};
+
+// The gates of an authorized device: its store (tests/config/authorized_sample.h)
+// and a modem on a 20 MHz cell.
+class AuthorizedDeviceTest : public GatingTest {
+protected:
+    void SetUp() override {
+        GatingTest::SetUp();
+        shell("mkdir -p /etc/config");
+        write_file("/etc/config/sas", kAuthorizedSasConfig);
+        set_modem(R"({"bandwidth": 20})");
+    }
+
+    static void set_modem(const std::string& state) { write_file("/etc/lab/modem.json", state); }
 };
 
 }  // namespace cbsd::test

@@ -1,6 +1,5 @@
 #include "gating/transmit_power.h"
 
-#include "config/authorized_sample.h"
 #include "config/cbsd_state_reset.h"
 #include "config/uci_store.h"
 #include "gating_fixture.h"
@@ -17,17 +16,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-class TransmitPowerTest : public GatingTest {
-protected:
-    void SetUp() override {
-        GatingTest::SetUp();
-        shell("mkdir -p /etc/config");
-        write_file("/etc/config/sas", kAuthorizedSasConfig);
-        set_modem(R"({"bandwidth": 20})");
-    }
-
-    static void set_modem(const std::string& state) { write_file("/etc/lab/modem.json", state); }
-};
+class TransmitPowerTest : public AuthorizedDeviceTest {};
 
 TEST_F(TransmitPowerTest, PowerIsDensityPlusBandwidthFactorMinusGain) {
     EXPECT_EQ(gating::compute_transmit_power(), 27);
