@@ -18,6 +18,11 @@ namespace cbsd::daemon {
 
 namespace {
 
+// The stop as a whole must end within 10 s: the worker gets 8 of them.
+constexpr uint32_t kWorkerStopSeconds = 8;
+// A blocked loop's stop starts kLoopStopGraceMs late, so the worker gets less
+// time and the process still ends within 10 s of the signal.
+constexpr uint32_t kWorkerStopSecondsForBlockedLoop = 6;
 // Every command the stop starts (firewall tools, logger) gets at most this
 // long, so that its steps fit in the 10 s however those tools behave.
 constexpr int kStopCommandLimitSeconds = 2;
@@ -33,8 +38,6 @@ uint32_t seconds_left(uint32_t seconds, uint32_t spentMs) {
     return spent < seconds ? seconds - spent : 1;
 }
 
-}  // namespace
-
 // SIGTERM or SIGINT: with SAS enabled nobody holds an authorisation any more,
 // so the gates close first (they must not wait on the SAS), then the worker
 // gives its grant back and deregisters as on disable, within the time the
@@ -43,7 +46,7 @@ uint32_t seconds_left(uint32_t seconds, uint32_t spentMs) {
 // again), and every step is bounded: the gate lock is waited for at most 2 s
 // and every command this thread starts gets at most 2 s.  The second caller
 // parks; the stop deadline ends the process should the first one hang.
-void shut_down(bool sasEnabled, uint32_t workerSeconds) {
+[[noreturn]] void shut_down_within(bool sasEnabled, uint32_t workerSeconds) {
     if (g_stopping.exchange(true))
         for (;;) pause();
     standalone::allow_worker_starts(false);
@@ -64,8 +67,14 @@ void shut_down(bool sasEnabled, uint32_t workerSeconds) {
     std::_Exit(0);
 }
 
+}  // namespace
+
+void shut_down(bool sasEnabled) {
+    shut_down_within(sasEnabled, kWorkerStopSeconds);
+}
+
 void shut_down_for_blocked_loop() {
-    shut_down(last_sas_enabled(), kWorkerStopSecondsForBlockedLoop);
+    shut_down_within(last_sas_enabled(), kWorkerStopSecondsForBlockedLoop);
 }
 
 // The stop deadline's last act: forwarding, the gate that matters most, off
