@@ -86,7 +86,7 @@ void line_prefix(char* out, size_t size) {
 }  // namespace
 
 void last_words(const char* text) {
-    if (settings().logLevel < static_cast<int32_t>(Level::Notice)) return;
+    if (settings().logLevel < static_cast<int32_t>(Level::kNotice)) return;
     char line[512] = {};
     line_prefix(line, sizeof line);
     size_t used = std::strlen(line);
@@ -156,10 +156,10 @@ constexpr uint8_t kCopyToSyslog = 1;
         va_end(args);                                \
     }
 
-CBSD_LOG_HELPER(notice, Level::Notice, kLogFileOnly)
-CBSD_LOG_HELPER(notice_to_syslog, Level::Notice, kCopyToSyslog)
-CBSD_LOG_HELPER(error, Level::Error, kLogFileOnly)
-CBSD_LOG_HELPER(error_to_syslog, Level::Error, kCopyToSyslog)
+CBSD_LOG_HELPER(notice, Level::kNotice, kLogFileOnly)
+CBSD_LOG_HELPER(notice_to_syslog, Level::kNotice, kCopyToSyslog)
+CBSD_LOG_HELPER(error, Level::kError, kLogFileOnly)
+CBSD_LOG_HELPER(error_to_syslog, Level::kError, kCopyToSyslog)
 
 #undef CBSD_LOG_HELPER
 

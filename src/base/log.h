@@ -8,7 +8,7 @@ namespace cbsd::base {
 
 // Syslog numbering: a message is written when its level is at or below the
 // configured level (-v).
-enum class Level : int32_t { Error = 3, Notice = 5 };
+enum class Level : int32_t { kError = 3, kNotice = 5 };
 
 // Writes "[uptime, local time]message" to the log file when level is at or
 // below the configured level, echoes it in debug mode and, when to_syslog is

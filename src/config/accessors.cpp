@@ -141,4 +141,13 @@ void get_server_address(char* buffer, size_t size) {
     read_into_caller_buffer(schema::kAddress, buffer, size);
 }
 
+void set_cell_range(const char* low_frequency, const char* high_frequency, const char* bandwidth) {
+    config_set(kSasConfigPath, schema::kCellLowFrequency, low_frequency);
+    config_set(kSasConfigPath, schema::kCellHighFrequency, high_frequency);
+    config_set(kSasConfigPath, schema::kCellBandwidth, bandwidth);
+    base::notice("[SAS] lowFreq = %s\n", low_frequency);
+    base::notice("[SAS] higFreq = %s\n", high_frequency);
+    base::notice("[SAS] bandWidth = %s\n", bandwidth);
+}
+
 }  // namespace cbsd::config

@@ -29,5 +29,9 @@ int get_power_spectral_density();    // 0 when empty
 void get_status(char* buffer, size_t size);
 unsigned set_status(const char* value);
 void get_server_address(char* buffer, size_t size);
+// Section cellInfo: the serving cell's lowFrequency, highFrequency and
+// bandwidth, each logged after the writes.  Plain writes, without the
+// read-back of write_sas_option: a store without the section keeps none.
+void set_cell_range(const char* low_frequency, const char* high_frequency, const char* bandwidth);
 
 }  // namespace cbsd::config

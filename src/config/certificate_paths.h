@@ -1,7 +1,7 @@
 // Paths of the TLS credentials used by the HTTPS transport.
 #pragma once
 
-namespace cbsd::sas {
+namespace cbsd::config {
 
 struct CertificatePaths {
     char unused[256];      // kept for layout; neither the loader nor the transport uses it
@@ -11,4 +11,4 @@ struct CertificatePaths {
     char crlFile[256];
 };
 
-}  // namespace cbsd::sas
+}  // namespace cbsd::config

@@ -1,8 +1,5 @@
-// The built-in device profiles by product model, and the state that the
-// Band 48 automatic enablement keeps between supervision passes.
+// The built-in device profiles by product model.
 #pragma once
-
-#include <cstdint>
 
 namespace cbsd::config {
 
@@ -24,12 +21,5 @@ struct DeviceProfile {
 // ("unknow_model") for an unknown, empty or null model.
 const DeviceProfile& find_device_profile(const char* model);
 bool is_catch_all_profile(const DeviceProfile& profile);
-
-// Both start at 0, which is neither value, so the first pass always logs.
-struct AutoEnableState {
-    uint8_t lastAuto = 0;  // 1 On, 2 Off
-    uint8_t lastBand = 0;  // 1 in Band 48, 2 not: the last band the modem told
-    uint8_t bandUnknown = 0;  // 1 while band queries fail (logged once per streak)
-};
 
 }  // namespace cbsd::config

@@ -99,7 +99,7 @@ unsigned load_device_record(DeviceRecord* record) {
     return read_field(schema::kAntennaAzimuth, record->antennaAzimuth);
 }
 
-void load_cert_paths(sas::CertificatePaths* paths) {
+void load_cert_paths(CertificatePaths* paths) {
     if (!paths) return;
     load_cert_path(schema::kCertClientCertFileName, kClientCertDir, paths->clientCert,
                    sizeof paths->clientCert);

@@ -37,7 +37,7 @@ struct DeviceRecord {
 
 // Fills a cleared record; returns the flag of its last config_get.
 unsigned load_device_record(DeviceRecord* record);
-void load_cert_paths(sas::CertificatePaths* paths);
+void load_cert_paths(CertificatePaths* paths);
 void get_cpi_key_file(char* buffer, int size);
 void get_cpi_key_password(char* buffer, int size);
 

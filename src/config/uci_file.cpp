@@ -20,18 +20,18 @@ bool is_printable_word_char(char c) {
     return u >= 33 && u <= 126;
 }
 
-enum class WordKind { Value, Type, Name, PackageName };
+enum class WordKind { kValue, kType, kName, kPackageName };
 
 bool valid_word(std::string_view word, WordKind kind) {
     for (char c : word) {
         if (is_name_char(c)) continue;
         switch (kind) {
-            case WordKind::Value: break;
-            case WordKind::Name: return false;
-            case WordKind::PackageName:
+            case WordKind::kValue: break;
+            case WordKind::kName: return false;
+            case WordKind::kPackageName:
                 if (c != '-') return false;
                 break;
-            case WordKind::Type:
+            case WordKind::kType:
                 if (!is_printable_word_char(c)) return false;
                 break;
         }
@@ -179,7 +179,7 @@ private:
     bool at_end_of_command() {
         skip_space();
         std::string_view extra;
-        return argument(false, WordKind::Value, extra) && extra.empty();
+        return argument(false, WordKind::kValue, extra) && extra.empty();
     }
 
     bool parse_line() {
@@ -211,13 +211,13 @@ private:
 
     bool package_line() {
         std::string_view name;
-        return argument(true, WordKind::PackageName, name) && at_end_of_command();
+        return argument(true, WordKind::kPackageName, name) && at_end_of_command();
     }
 
     bool config_line() {
         std::string_view type, name;
-        if (!argument(true, WordKind::Type, type)) return false;
-        if (!argument(false, WordKind::Name, name)) return false;
+        if (!argument(true, WordKind::kType, type)) return false;
+        if (!argument(false, WordKind::kName, name)) return false;
         if (!at_end_of_command()) return false;
         if (!name.empty()) {
             for (size_t i = 0; i < package_.sections.size(); ++i) {
@@ -234,8 +234,8 @@ private:
 
     bool option_line(bool is_list) {
         std::string_view name, value;
-        if (!argument(true, WordKind::Name, name)) return false;
-        if (!argument(false, WordKind::Value, value)) return false;
+        if (!argument(true, WordKind::kName, name)) return false;
+        if (!argument(false, WordKind::kValue, value)) return false;
         if (!at_end_of_command()) return false;
         UciSection& section = package_.sections[current_];
         if (is_list) {
@@ -335,7 +335,7 @@ void uci_serialize(const UciPackage& package, std::string& out) {
 }
 
 bool uci_valid_name(std::string_view name) {
-    return !name.empty() && valid_word(name, WordKind::Name);
+    return !name.empty() && valid_word(name, WordKind::kName);
 }
 
 bool uci_valid_package_name(std::string_view name) {

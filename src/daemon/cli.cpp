@@ -64,23 +64,23 @@ CliOutcome parse_command_line(int argc, char** argv, base::ProcessSettings& s, i
         }
         case 'n':
             recover_network_and_exit();
-            return CliOutcome::Exit;
+            return CliOutcome::kExit;
         case 'p':
             config::print_config();
-            return CliOutcome::Exit;
+            return CliOutcome::kExit;
         case 'c':
             // Announced as "clear all cbsd config" but deliberately does nothing:
             // the daemon's own state reset happens at start-up.
-            return CliOutcome::Exit;
+            return CliOutcome::kExit;
         case 'h':
             print_usage();
-            return CliOutcome::Exit;
+            return CliOutcome::kExit;
         default:
             std::printf("[SAS] unknow option %c\n", optopt);
-            return CliOutcome::Exit;
+            return CliOutcome::kExit;
         }
     }
-    return CliOutcome::Run;
+    return CliOutcome::kRun;
 }
 
 }  // namespace cbsd::daemon

@@ -10,7 +10,7 @@ namespace cbsd::daemon {
 
 inline constexpr const char* kOptionString = "dDS:F:M:C:v:f:s:npch";
 
-enum class CliOutcome { Run, Exit };
+enum class CliOutcome { kRun, kExit };
 
 // Fills settings; on Exit, exit_status holds the status to leave with.
 CliOutcome parse_command_line(int argc, char** argv, base::ProcessSettings& settings, int& exit_status);

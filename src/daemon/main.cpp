@@ -7,7 +7,7 @@
 int main(int argc, char** argv) {
     int exit_status = 0;
     if (cbsd::daemon::parse_command_line(argc, argv, cbsd::base::settings(), exit_status) ==
-        cbsd::daemon::CliOutcome::Exit)
+        cbsd::daemon::CliOutcome::kExit)
         return exit_status;
     return cbsd::daemon::run_daemon();
 }

@@ -2,6 +2,7 @@
 
 #include "config/accessors.h"
 #include "config/uci_store.h"
+#include "modem/lte_info.h"
 #include "modem/modem.h"
 
 #include <cstdio>

@@ -1,9 +1,11 @@
 #include "daemon/supervision.h"
 
 #include "config/accessors.h"
+#include "config/cbsd_state_reset.h"
 #include "config/uci_store.h"
+#include "daemon/auto_enable.h"
+#include "daemon/cell_range_update.h"
 #include "daemon/config_watch.h"
-#include "daemon/profiles.h"
 #include "daemon/signals.h"
 #include "daemon/snapshot.h"
 #include "daemon/transmit_guard.h"
@@ -12,7 +14,9 @@
 #include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
 #include "gating/authorization.h"
-#include "modem/modem.h"
+#include "gating/transmit_power.h"
+#include "modem/cell_range.h"
+#include "modem/lte_info.h"
 
 #include <atomic>
 #include <cstdio>
@@ -66,7 +70,7 @@ void refresh_cell_frequency(SupervisionState& state) {
         std::memcpy(current.bandwidth, previous.bandwidth, sizeof current.bandwidth);
     } else if (text_differs(current.frequency, previous.frequency) ||
                text_differs(current.bandwidth, previous.bandwidth)) {
-        modem::wait_and_store_cell_range(kWaitWithoutLimit);
+        wait_and_store_cell_range(kWaitWithoutLimit);
     }
 }
 
@@ -76,7 +80,7 @@ void react_to_lte_link(const SupervisionState& state) {
         base::notice("[SAS] LTE is in connection.\n");
         if (modem::wait_for_lte(kLteAttachWaitSeconds) != 0)
             base::notice_to_syslog("[SAS] get current frequence information timeout.\n");
-        modem::store_cell_range();
+        store_cell_range();
     } else {
         base::notice_to_syslog("[SAS] LTE is not in connection.\n");
     }
@@ -84,7 +88,7 @@ void react_to_lte_link(const SupervisionState& state) {
 
 void enter_dp_mode() {
     base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
 }
 
 // A start that waits for a stopped worker's end (main thread only).
@@ -114,7 +118,7 @@ bool stop_worker_after_closing() {
 // configuration-change check of the same pass must not restart it.
 void enter_standalone_mode(SupervisionState& state) {
     base::notice_to_syslog("[SAS] CPE is communicating with SAS using StandAlone.\n");
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
     start_worker();
     copy_configuration_block(state.previous, state.current);
 }
@@ -126,7 +130,7 @@ bool react_to_sas_switch(SupervisionState& state) {
     if (!current.sasEnable) {
         base::notice_to_syslog("[SAS] sas disable.\n");
         stop_worker_after_closing();
-        gating::clear_cbsd_state();
+        config::clear_cbsd_state();
         gating::recover_network();
         return true;
     }
@@ -146,7 +150,7 @@ void react_to_mode_switch(SupervisionState& state) {
     if (state.current.dpEnable) {
         base::notice_to_syslog("[SAS] CPE is communicating with SAS using DP.\n");
         stop_worker();
-        gating::clear_cbsd_state();
+        config::clear_cbsd_state();
     } else {
         enter_standalone_mode(state);
     }
@@ -241,7 +245,7 @@ PassOutcome keep_last_decision(SupervisionState& state) {
         gating::unauthorize_device(0);
     else
         reassert_traffic_state(last);
-    return PassOutcome::Unchanged;
+    return PassOutcome::kUnchanged;
 }
 
 void note_readable_again(SupervisionState& state) {
@@ -252,7 +256,7 @@ void note_readable_again(SupervisionState& state) {
 
 PassOutcome finish_changed_pass(SupervisionState& state) {
     state.previous = state.current;
-    return PassOutcome::Changed;
+    return PassOutcome::kChanged;
 }
 
 // Once per pass: a stopped worker that has ended since is joined, what it
@@ -260,7 +264,7 @@ PassOutcome finish_changed_pass(SupervisionState& state) {
 // when the configuration still asks for StandAlone mode.
 void settle_stopped_worker(const SupervisionSnapshot& current) {
     if (!standalone::collect_stopped_worker()) return;
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
     bool wanted = g_startDeferred && current.sasEnable && !current.dpEnable;
     g_startDeferred = false;
     if (wanted && !stop_requested()) start_worker();
@@ -287,7 +291,7 @@ PassOutcome react_to_fresh_snapshot(SupervisionState& state) {
 
     if (snapshots_equal(state.current, state.previous)) {
         reassert_traffic_state(state.current);
-        return PassOutcome::Unchanged;
+        return PassOutcome::kUnchanged;
     }
 
     if (state.pass != 1) {
@@ -346,7 +350,7 @@ void restart_standalone_worker() {
         return;
     }
     base::sleep_seconds(1);
-    gating::clear_cbsd_state();
+    config::clear_cbsd_state();
     if (!stop_requested()) start_worker();
 }
 
@@ -381,7 +385,7 @@ bool supervision_loop() {
     // ends the sleep that follows it.
     ConfigWatch watch(config::kSasConfigPath);
     while (!stop_requested()) {
-        if (run_supervision_pass(state) == PassOutcome::Unchanged) steady_sleep(watch);
+        if (run_supervision_pass(state) == PassOutcome::kUnchanged) steady_sleep(watch);
     }
     return state.current.sasEnable != 0;
 }

@@ -35,8 +35,8 @@ struct SupervisionState {
 };
 
 enum class PassOutcome {
-    Changed,    // something changed: load again at once
-    Unchanged,  // steady state re-asserted: sleep before the next pass
+    kChanged,    // something changed: load again at once
+    kUnchanged,  // steady state re-asserted: sleep before the next pass
 };
 
 void init_supervision_state(SupervisionState& state);

@@ -1,12 +1,9 @@
 #include "gating/authorization.h"
 
-#include "config/accessors.h"
-#include "config/uci_store.h"
-#include "base/cbsd_state.h"
 #include "base/gate_state.h"
 #include "base/log.h"
 #include "gating/gates.h"
-#include "modem/modem.h"
+#include "gating/transmit_power.h"
 
 #include "base/system.h"
 
@@ -36,25 +33,6 @@ void close_all_gates() {
     set_ip_forward(false);
     set_firewall_icmp(false);
     set_bridge_forward(false);
-}
-
-// Whole-dB stand-in for ten times the decimal logarithm of the channel
-// bandwidth; 15 MHz maps to 11 on purpose, as the radio's power tables do.
-int32_t bandwidth_factor(int bandwidth_mhz) {
-    switch (bandwidth_mhz) {
-        case 20: return 13;
-        case 15: return 11;
-        case 10: return 10;
-        case 5: return 7;
-        default: return 0;  // unknown widths and a failed query
-    }
-}
-
-// The state published after a reset: the first row below Registered.
-const char* reset_state_name() {
-    for (const base::CbsdState* row = base::CbsdStateTable; row->id != 0; ++row)
-        if (row->id < base::kRegistered) return base::cbsd_state_name(row->id);
-    return "";
 }
 
 void open_all_gates() {
@@ -131,33 +109,6 @@ void recover_network() {
     GateHold hold(g_gateLock);
     open_all_gates();
     base::notice_to_syslog("[SAS] device network has been recovered.\n\n");
-}
-
-void clear_cbsd_state() {
-    base::notice("[SAS] clear cbsd state.\n");
-    const char* status = reset_state_name();
-    config::set_radio_enable("0");
-    config::set_status(status);
-    config::write_sas_option(config::schema::kSasPowerSpectralDensity, "");
-    base::notice("[SAS] set RadioEnable=0\n");
-    base::notice("[SAS] set status=%s\n", status);
-    base::notice("[SAS] set powerSpectralDensity=\"\"\n");
-}
-
-int32_t compute_transmit_power() {
-    int32_t factor = bandwidth_factor(modem::get_bandwidth());
-    // Both accessors log their own "No value" line when the store is
-    // unreadable; the gain then counts as -1 and the density as 0.
-    int32_t antenna_gain = config::get_antenna_gain();
-    int32_t density = config::get_power_spectral_density();
-    return density + factor - antenna_gain;
-}
-
-void apply_transmit_power(bool enable, int32_t power) {
-    // The point where a radio driver would take the new power; this product
-    // has none.
-    (void)enable;
-    (void)power;
 }
 
 }  // namespace cbsd::gating

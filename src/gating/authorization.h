@@ -1,5 +1,5 @@
-// Device-level switches over the gates, the CBSD state reset and the transmit
-// power computation.
+// Device-level switches over the gates: authorize, unauthorize, recover, and
+// the bounded close for the transmit guard and the stop.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,5 @@ bool close_open_gates();
 // lock waited for at most 2 s, each command at most 2 s): for the process's
 // stop, which must end in time even while another switch hangs.
 void unauthorize_device_within_bounds(uint8_t announce);
-void clear_cbsd_state();
-int32_t compute_transmit_power();
-void apply_transmit_power(bool enable, int32_t power);
 
 }  // namespace cbsd::gating

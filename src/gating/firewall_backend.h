@@ -1,7 +1,8 @@
 // The seam between the gate decisions (gates.cpp: what to inspect, when to
 // log, the cache marks) and the firewall that holds the ICMP and bridge
-// rules.  Two implementations: the iptables/ebtables commands and, where the
-// build has libnftables, native nftables tables of our own.  Forwarding is
+// rules.  Two implementations: the iptables/ebtables commands
+// (firewall_iptables.h) and, where the build has libnftables, native nftables
+// tables of our own (firewall_nft.h).  Forwarding is
 // the kernel switch in both and never goes through here.
 #pragma once
 
@@ -27,15 +28,5 @@ public:
     virtual void open_bridge() = 0;
     virtual void clear_bridge() = 0;
 };
-
-// The tool commands: iptables OUTPUT and ebtables BRIDGE_FORWARD.
-FirewallBackend& iptables_backend();
-
-#ifdef CBSD_HAVE_NFTABLES
-// Our own nftables tables through libnftables: no process is started.
-FirewallBackend& nftables_backend();
-// Whether libnftables opens a context and the kernel answers it.
-bool nftables_usable();
-#endif
 
 }  // namespace cbsd::gating

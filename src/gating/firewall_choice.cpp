@@ -4,6 +4,8 @@
 #include "base/system.h"
 #include "config/schema.h"
 #include "config/uci_store.h"
+#include "gating/firewall_iptables.h"
+#include "gating/firewall_nft.h"
 
 #include <atomic>
 #include <cstring>

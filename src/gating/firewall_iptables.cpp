@@ -1,6 +1,6 @@
 // The gates' rules through the iptables and ebtables tools: each listing is
 // one tool run read in-process, each change a fixed command line.
-#include "gating/firewall_backend.h"
+#include "gating/firewall_iptables.h"
 
 #include "base/log.h"
 #include "base/system.h"

@@ -4,7 +4,7 @@
 // a firewall that replaces its own tables (fw4 reload) leaves ours alone, and
 // a table of ours deleted behind our back lists as "no rule", so the next
 // close creates it again.
-#include "gating/firewall_backend.h"
+#include "gating/firewall_nft.h"
 
 #include "gating/rule_listing.h"
 

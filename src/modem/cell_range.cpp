@@ -1,8 +1,9 @@
-#include "config/uci_store.h"
+#include "modem/cell_range.h"
+
 #include "base/clock.h"
 #include "base/log.h"
+#include "modem/lte_info.h"
 #include "modem/modem.h"
-#include "modem/modem_output.h"
 
 #include <cstdint>
 
@@ -23,16 +24,6 @@ bool plausible(int frequency, int bandwidth) {
     return frequency >= 1 && frequency < 50000 && bandwidth >= 1 && bandwidth < 21;
 }
 
-void write_cell_range(int frequency, int bandwidth) {
-    CellRange range = compute_cell_range(frequency, bandwidth);
-    config::config_set(config::kSasConfigPath, config::schema::kCellLowFrequency, range.lowFrequency);
-    config::config_set(config::kSasConfigPath, config::schema::kCellHighFrequency, range.highFrequency);
-    config::config_set(config::kSasConfigPath, config::schema::kCellBandwidth, range.bandwidth);
-    base::notice("[SAS] lowFreq = %s\n", range.lowFrequency);
-    base::notice("[SAS] higFreq = %s\n", range.highFrequency);
-    base::notice("[SAS] bandWidth = %s\n", range.bandwidth);
-}
-
 }  // namespace
 
 int wait_for_lte(int timeout_s) {
@@ -46,7 +37,7 @@ int wait_for_lte(int timeout_s) {
     }
 }
 
-int wait_and_store_cell_range(int timeout_s) {
+int wait_for_cell_range(int timeout_s, CellRange& range) {
     uint32_t start = base::monotonic_seconds();
     for (;;) {
         renew_lte_info();  // each round waits for a change: it needs its own reply
@@ -55,7 +46,7 @@ int wait_and_store_cell_range(int timeout_s) {
         bool attached = is_lte_connected();
         if (attached && plausible(frequency, bandwidth)) {
             base::notice("[SAS] LTE accesses network success.\n");
-            write_cell_range(frequency, bandwidth);
+            range = compute_cell_range(frequency, bandwidth);
             return 0;
         }
         if (timed_out(start, timeout_s)) return -1;
@@ -63,16 +54,17 @@ int wait_and_store_cell_range(int timeout_s) {
     }
 }
 
-void store_cell_range() {
+bool read_cell_range(CellRange& range) {
     int bandwidth = get_bandwidth();
     int frequency = get_dl_frequency();
     // A modem manager that refused says nothing about the cell: the range
     // stored for it stays.
     if (lte_info_refused()) {
         base::notice("[SAS] the modem manager did not answer, the cell range stays.\n");
-        return;
+        return false;
     }
-    write_cell_range(frequency, bandwidth);
+    range = compute_cell_range(frequency, bandwidth);
+    return true;
 }
 
 }  // namespace cbsd::modem

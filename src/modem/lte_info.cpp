@@ -1,7 +1,6 @@
 #include "modem/lte_info.h"
 
 #include "modem/line_filter.h"
-#include "modem/modem.h"
 #include "modem/modem_manager.h"
 
 #include <cstring>
@@ -50,7 +49,7 @@ void ask(LteInfo& info, const char* shown_as) {
     std::memset(&info, 0, sizeof info);
     LteInfoFilters filters(info);
     ModemCall call = call_modem_manager("getlteinfo", filters, shown_as);
-    if (call == ModemCall::CutShort) filters.cut_short();
+    if (call == ModemCall::kCutShort) filters.cut_short();
     info.call = call;
     // Every text ends within its buffer, as each reader has always relied on.
     info.frequency[sizeof info.frequency - 1] = '\0';
@@ -77,6 +76,6 @@ LteInfoScope::~LteInfoScope() {
 
 void renew_lte_info() { t_have_reply = false; }
 
-bool lte_info_refused() { return t_reply.call == ModemCall::Refused; }
+bool lte_info_refused() { return t_reply.call == ModemCall::kRefused; }
 
 }  // namespace cbsd::modem

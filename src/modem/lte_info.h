@@ -1,6 +1,6 @@
 // The serving cell's getlteinfo reply as its three readers (frequency,
 // bandwidth, band) filtered it: one reply serves them all within a
-// supervision pass (LteInfoScope in modem.h).
+// supervision pass (LteInfoScope).
 #pragma once
 
 #include "modem/modem_manager.h"
@@ -20,5 +20,22 @@ struct LteInfo {
 // kept for the scope if there is one).  `shown_as` names the asking reader's
 // command line in a time-out line.
 const LteInfo& lte_info(const char* shown_as);
+
+// While one is alive, this thread's readers of the frequency, the bandwidth
+// and the band share one getlteinfo reply: a supervision pass asks the modem
+// once for all of them.  Outside any scope each reader asks anew.
+class LteInfoScope {
+public:
+    LteInfoScope();
+    ~LteInfoScope();
+    LteInfoScope(const LteInfoScope&) = delete;
+    LteInfoScope& operator=(const LteInfoScope&) = delete;
+};
+// Within a scope, the next reader asks again: a poll that waits for the
+// cell to change needs each round's own reply.
+void renew_lte_info();
+// True when the modem manager refused this thread's latest getlteinfo query:
+// its frequency, bandwidth and band then say nothing about the cell.
+bool lte_info_refused();
 
 }  // namespace cbsd::modem

@@ -1,5 +1,5 @@
-// Queries to the LTE modem manager (`ubus call ubus_lte ...`) and the serving
-// cell's frequency range.
+// Queries to the LTE modem manager (`ubus call ubus_lte ...`): the product,
+// the attachment and the serving cell's frequency, bandwidth and band.
 #pragma once
 
 #include <cstddef>
@@ -37,26 +37,5 @@ bool lte_connected_seen_within(uint32_t max_age_ms);
 int get_dl_frequency();  // tenths of a MHz; 0 on failure
 int get_bandwidth();     // MHz; -1 on failure
 int get_band();          // -1 on failure
-
-// While one is alive, this thread's readers of the frequency, the bandwidth
-// and the band share one getlteinfo reply: a supervision pass asks the modem
-// once for all of them.  Outside any scope each reader asks anew.
-class LteInfoScope {
-public:
-    LteInfoScope();
-    ~LteInfoScope();
-    LteInfoScope(const LteInfoScope&) = delete;
-    LteInfoScope& operator=(const LteInfoScope&) = delete;
-};
-// Within a scope, the next reader asks again: a poll that waits for the
-// cell to change needs each round's own reply.
-void renew_lte_info();
-// True when the modem manager refused this thread's latest getlteinfo query:
-// its frequency, bandwidth and band then say nothing about the cell.
-bool lte_info_refused();
-
-int wait_for_lte(int timeout_s);               // 0, or -1 on time-out (timeout_s <= 0: no limit)
-int wait_and_store_cell_range(int timeout_s);  // 0, or -1 on time-out
-void store_cell_range();
 
 }  // namespace cbsd::modem

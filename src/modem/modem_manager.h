@@ -7,10 +7,10 @@
 namespace cbsd::modem {
 
 enum class ModemCall {
-    Answered,  // ubus ended with status 0: the reply is the modem manager's
-    Refused,   // ubus ended with a failure status, nothing on standard output:
-               // `ubus_lte` not registered, no ubusd, a method that failed
-    CutShort,  // killed at the time limit, or ubus could not be started
+    kAnswered,  // ubus ended with status 0: the reply is the modem manager's
+    kRefused,   // ubus ended with a failure status, nothing on standard output:
+                // `ubus_lte` not registered, no ubusd, a method that failed
+    kCutShort,  // killed at the time limit, or ubus could not be started
 };
 
 // The reply goes to `reply` as it arrives.  `shown_as` is the command line a

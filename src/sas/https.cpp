@@ -200,7 +200,7 @@ PostReply post_json(const char* url, const char* body, const char* caPath, const
 void abort_exchanges(bool abort) { g_abortExchanges.store(abort); }
 
 PostReply https_post(const char* url, const char* body) {
-    CertificatePaths paths;
+    config::CertificatePaths paths;
     std::memset(&paths, 0, sizeof paths);
     config::load_cert_paths(&paths);
 

@@ -177,7 +177,7 @@ protected:
         DeviceRecordTest::SetUp();
         std::memset(&paths_, 0, sizeof paths_);
     }
-    sas::CertificatePaths paths_;
+    CertificatePaths paths_;
 };
 
 TEST_F(CertPathsTest, NamesAreJoinedToTheirDirectories) {

@@ -37,7 +37,7 @@ Parsed parse(std::vector<std::string> args) {
 
 TEST(CommandLine, DefaultsWithoutOptions) {
     Parsed p = parse({});
-    EXPECT_EQ(p.outcome, CliOutcome::Run);
+    EXPECT_EQ(p.outcome, CliOutcome::kRun);
     EXPECT_EQ(p.settings.debug, 0);
     EXPECT_EQ(p.settings.logLevel, 7);
     EXPECT_STREQ(p.settings.logFile, "/root/sas/sas.log");
@@ -54,7 +54,7 @@ TEST(CommandLine, DebugAfterLevelResetsTheLevel) {
 // no overrides, and the level stays whatever it was.
 TEST(CommandLine, ForegroundOptionChangesNothingButForeground) {
     Parsed p = parse({"-v", "3", "-D", "-S", "123"});
-    EXPECT_EQ(p.outcome, CliOutcome::Run);
+    EXPECT_EQ(p.outcome, CliOutcome::kRun);
     EXPECT_EQ(p.settings.foreground, 1);
     EXPECT_EQ(p.settings.debug, 0);
     EXPECT_EQ(p.settings.logLevel, 3);
@@ -91,7 +91,7 @@ TEST(CommandLine, TextOptionsAreBoundedToTheirFields) {
 
 TEST(CommandLine, InertClearOptionExitsWithZero) {
     Parsed p = parse({"-c", "-d"});
-    EXPECT_EQ(p.outcome, CliOutcome::Exit);
+    EXPECT_EQ(p.outcome, CliOutcome::kExit);
     EXPECT_EQ(p.status, 0);
     EXPECT_EQ(p.out, "");
     EXPECT_EQ(p.settings.debug, 0);  // options after a one-shot option are never reached
@@ -99,7 +99,7 @@ TEST(CommandLine, InertClearOptionExitsWithZero) {
 
 TEST(CommandLine, UsageTextByteForByte) {
     Parsed p = parse({"-h"});
-    EXPECT_EQ(p.outcome, CliOutcome::Exit);
+    EXPECT_EQ(p.outcome, CliOutcome::kExit);
     EXPECT_EQ(p.status, 0);
     EXPECT_EQ(p.out,
               "Usage: cbsd [OPTIONS]\n"
@@ -119,17 +119,17 @@ TEST(CommandLine, UsageTextByteForByte) {
 
 TEST(CommandLine, UnknownOptionOrMissingArgument) {
     Parsed unknown = parse({"-x"});
-    EXPECT_EQ(unknown.outcome, CliOutcome::Exit);
+    EXPECT_EQ(unknown.outcome, CliOutcome::kExit);
     EXPECT_EQ(unknown.status, 0);
     EXPECT_EQ(unknown.out, "[SAS] unknow option x\n");
     Parsed missing = parse({"-v"});
-    EXPECT_EQ(missing.outcome, CliOutcome::Exit);
+    EXPECT_EQ(missing.outcome, CliOutcome::kExit);
     EXPECT_EQ(missing.out, "[SAS] unknow option v\n");
 }
 
 TEST(CommandLine, OptionsBeforeAOneShotOptionHaveTakenEffect) {
     Parsed p = parse({"-v", "3", "-S", "123", "-h", "-v", "5"});
-    EXPECT_EQ(p.outcome, CliOutcome::Exit);
+    EXPECT_EQ(p.outcome, CliOutcome::kExit);
     EXPECT_EQ(p.settings.logLevel, 3);
     EXPECT_STREQ(p.settings.sn, "123");
 }

@@ -6,7 +6,7 @@
 
 #include "base/clock.h"
 #include "config/uci_store.h"
-#include "daemon/profiles.h"
+#include "daemon/profile_defaults.h"
 #include "modem/lab_modem.h"
 #include "support/test_util.h"
 

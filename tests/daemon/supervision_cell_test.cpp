@@ -11,15 +11,15 @@ TEST_F(SupervisionTest, LteLinkDownIsLoggedAndUpStoresTheCellRange) {
     settle();
     clear_log();
     set_modem("1", "3625000", "20");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] lteConnected change: 1 -> 0\n"), std::string::npos) << log();
     EXPECT_NE(log().find("[SAS] LTE is not in connection.\n"), std::string::npos);
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
 
     set_option("cellInfo", "lowFrequency", "");
     clear_log();
     set_modem("4", "3625000", "20");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] LTE is in connection.\n"), std::string::npos) << log();
     EXPECT_EQ(log().find("frequence information timeout"), std::string::npos);
     EXPECT_EQ(get_option("cellInfo", "lowFrequency"), "3615.0");
@@ -45,7 +45,7 @@ TEST_F(SupervisionTest, LteUpWithoutFrequencyWaitsFiveSecondsThenStoresWhatItRea
     // the frequency reads 0.
     switch_modem_after_lteinfo_replies(1, "4", "50", "20");
     auto started = std::chrono::steady_clock::now();
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     auto waited = std::chrono::steady_clock::now() - started;
     std::string text = log();
     EXPECT_NE(text.find("[SAS] LTE is in connection.\n"), std::string::npos) << text;
@@ -62,7 +62,7 @@ TEST_F(SupervisionTest, FrequencyChangeRefreshesTheCellRangeBeforeComparing) {
     settle();
     clear_log();
     set_modem("4", "3600000", "10");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_EQ(get_option("cellInfo", "lowFrequency"), "3595.0");
     EXPECT_EQ(get_option("cellInfo", "highFrequency"), "3605.0");
     std::string text = log();
@@ -115,8 +115,8 @@ TEST_F(SupervisionTest, GarbageFromTheModemNeverStopsTheLoopForGood) {
 TEST_F(SupervisionTest, MissingConfigurationFileOnTheFirstPassKeepsTrafficStopped) {
     std::remove(kSasConfigPath);
     ASSERT_TRUE(all_gates_open()) << describe_gates();
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_TRUE(all_gates_closed()) << describe_gates();
     EXPECT_EQ(count(log(), kUnreadableLine), 1u) << log();
     EXPECT_EQ(log().find("sas disable"), std::string::npos) << log();
@@ -146,14 +146,14 @@ TEST_P(UnreadableConfiguration, SasEnabledBeforeKeepsTheGatesClosed) {
     std::string good = read_file(kSasConfigPath);
     clear_log();
     break_the_file();
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_TRUE(all_gates_closed()) << describe_gates();
     EXPECT_EQ(count(log(), kUnreadableLine), 1u) << log();
     EXPECT_EQ(log().find("sas disable"), std::string::npos) << log();
     EXPECT_EQ(log().find("recovered"), std::string::npos) << log();
 
     write_file(kSasConfigPath, good);
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_EQ(count(log(), "[SAS] /etc/config/sas can be read again.\n"), 1u) << log();
     EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
@@ -163,7 +163,7 @@ TEST_P(UnreadableConfiguration, SasDisabledBeforeLeavesTrafficAsItIs) {
     ASSERT_EQ(settle(), 2);
     ASSERT_TRUE(all_gates_open()) << describe_gates();
     break_the_file();
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_TRUE(all_gates_open()) << describe_gates();
     EXPECT_EQ(count(log(), kUnreadableLine), 1u) << log();
 }
@@ -177,9 +177,9 @@ TEST_P(UnreadableConfiguration, DpAuthorizedClosesTheGates) {
     settle();
     ASSERT_TRUE(all_gates_open()) << describe_gates();
     break_the_file();
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_TRUE(all_gates_closed()) << describe_gates();
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_EQ(count(log(), kUnreadableLine), 1u) << log();
 }
 

@@ -152,7 +152,7 @@ protected:
     // Runs passes until one finds the steady state; returns how many ran.
     int settle() {
         for (int n = 1; n <= 10; ++n)
-            if (run_supervision_pass(state) == PassOutcome::Unchanged) return n;
+            if (run_supervision_pass(state) == PassOutcome::kUnchanged) return n;
         ADD_FAILURE() << "the loop did not settle\n" << log();
         return -1;
     }

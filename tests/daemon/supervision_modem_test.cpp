@@ -30,7 +30,7 @@ TEST_F(SupervisionTest, ARefusingModemManagerChangesNoDecision) {
                                    std::pair{"Failed to connect to ubus", 255}}) {
         refuse_every_query(message, status);
         for (int pass = 0; pass < 3; ++pass)
-            EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged) << log();
+            EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged) << log();
         EXPECT_TRUE(all_gates_open()) << describe_gates();
     }
     std::string text = log();
@@ -43,7 +43,7 @@ TEST_F(SupervisionTest, ARefusingModemManagerChangesNoDecision) {
               cell);
     // The modem manager is back with the same cell: still nothing to act on.
     install_modem_standin();
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged) << log();
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged) << log();
     EXPECT_TRUE(all_gates_open()) << describe_gates();
 }
 

@@ -17,7 +17,7 @@ TEST_F(SupervisionTest, StartingWithSasDisabledOpensTrafficOnceThenOnlySleeps) {
     start_with("0", "0", "0");
     shell("echo 0 > /proc/sys/net/ipv4/ip_forward; iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP");
 
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_EQ(count(log(), "[SAS] sas disable.\n"), 1u);
     EXPECT_NE(log().find("[SAS] device network has been recovered."), std::string::npos);
     EXPECT_TRUE(all_gates_open()) << describe_gates();
@@ -25,7 +25,7 @@ TEST_F(SupervisionTest, StartingWithSasDisabledOpensTrafficOnceThenOnlySleeps) {
     // Pass 1 skips the change report.
     EXPECT_EQ(log().find("lasted configuration"), std::string::npos);
 
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_EQ(count(log(), "[SAS] sas disable.\n"), 1u);
     EXPECT_EQ(log().find("lasted configuration"), std::string::npos);
     EXPECT_EQ(state.pass, 4u);
@@ -38,7 +38,7 @@ TEST_F(SupervisionTest, EnablingSasInDpModeClosesAllGates) {
     clear_log();
 
     set_option("config", "enableMode", "1");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     std::string text = log();
     EXPECT_NE(text.find("[SAS] sasEnable change: 0 -> 1\n"), std::string::npos) << text;
     EXPECT_NE(text.find("[SAS] sas will run with lasted configuration.\n"), std::string::npos);
@@ -65,7 +65,7 @@ TEST_F(SupervisionTest, RadioEnableInDpModeOpensGatesAndPublishesAuthorized) {
     clear_log();
 
     set_option("sasConfig", "RadioEnable", "1");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     std::string text = log();
     EXPECT_NE(text.find("[SAS] radioEnable change: 0 -> 1\n"), std::string::npos) << text;
     EXPECT_NE(text.find("[SAS] sas radio enable.\n"), std::string::npos);
@@ -77,7 +77,7 @@ TEST_F(SupervisionTest, RadioEnableInDpModeOpensGatesAndPublishesAuthorized) {
 
     clear_log();
     set_option("sasConfig", "RadioEnable", "0");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] sas radio disable.\n"), std::string::npos) << log();
     EXPECT_NE(log().find("[SAS] device has been unauthorized."), std::string::npos);
     EXPECT_TRUE(all_gates_closed()) << describe_gates();
@@ -86,7 +86,7 @@ TEST_F(SupervisionTest, RadioEnableInDpModeOpensGatesAndPublishesAuthorized) {
 
 TEST_F(SupervisionTest, FirstPassWithRadioEnabledUnauthorisesThenAuthorises) {
     start_with("1", "1", "1");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     std::string text = log();
     size_t unauthorized = text.find("[SAS] device has been unauthorized.");
     size_t authorized = text.find("[SAS] device has been authorized.");
@@ -96,7 +96,7 @@ TEST_F(SupervisionTest, FirstPassWithRadioEnabledUnauthorisesThenAuthorises) {
     EXPECT_EQ(get_option("operation", "status"), "Authorized");
     // The state reset of the SAS enable wrote RadioEnable 0, which the next
     // pass follows until the proxy writes it again.
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] sas radio disable.\n"), std::string::npos);
     EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
@@ -106,14 +106,14 @@ TEST_F(SupervisionTest, RadioChangesWhileSasIsOffChangeOnlyTheSnapshot) {
     settle();
     clear_log();
     set_option("sasConfig", "RadioEnable", "1");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] radioEnable change: 0 -> 1\n"), std::string::npos) << log();
     EXPECT_EQ(log().find("[SAS] sas radio enable."), std::string::npos);
     EXPECT_EQ(log().find("authorized"), std::string::npos);
     EXPECT_EQ(state.previous.radioEnable, 1);
     EXPECT_EQ(get_option("operation", "status"), "Unregistered");
     EXPECT_TRUE(all_gates_open()) << describe_gates();
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
 }
 
 TEST_F(SupervisionTest, CallSignChangeInDpModeIsReportedButRestartsNothing) {
@@ -121,14 +121,14 @@ TEST_F(SupervisionTest, CallSignChangeInDpModeIsReportedButRestartsNothing) {
     settle();
     clear_log();
     set_option("config", "callSign", "CALL2");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     std::string text = log();
     EXPECT_NE(text.find("[SAS] callSign change: CALL1 -> CALL2\n"), std::string::npos) << text;
     EXPECT_NE(text.find("[SAS] sas will run with lasted configuration.\n"), std::string::npos);
     EXPECT_EQ(text.find("sas configuration is changed"), std::string::npos);
     EXPECT_EQ(text.find("clear cbsd state"), std::string::npos);
     EXPECT_EQ(text.find("thread"), std::string::npos);
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
 }
 
 TEST_F(SupervisionTest, PowerChangeWithRadioDisabledIsRecordedSilently) {
@@ -136,11 +136,11 @@ TEST_F(SupervisionTest, PowerChangeWithRadioDisabledIsRecordedSilently) {
     settle();
     clear_log();
     set_option("sasConfig", "powerSpectralDensity", "20");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] powerSptDensity change: 0 -> 20\n"), std::string::npos) << log();
     EXPECT_EQ(log().find("powerSptDensity is changed"), std::string::npos);
     EXPECT_EQ(state.previous.powerSptDensity, 20);
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
 }
 
 TEST_F(SupervisionTest, PowerChangeWithRadioEnabledAppliesTheNewPower) {
@@ -150,7 +150,7 @@ TEST_F(SupervisionTest, PowerChangeWithRadioEnabledAppliesTheNewPower) {
     settle();
     clear_log();
     set_option("sasConfig", "powerSpectralDensity", "20");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] powerSptDensity is changed(SAS_CONFIG_POWER=20).\n"), std::string::npos)
         << log();
 }
@@ -162,7 +162,7 @@ TEST_F(SupervisionTest, RadioSwitchTogetherWithPowerChangeStaysQuietAboutPower) 
     // Both written before the next pass: the radio branch takes the power along.
     set_option("sasConfig", "RadioEnable", "1");
     set_option("sasConfig", "powerSpectralDensity", "15");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] sas radio enable.\n"), std::string::npos) << log();
     EXPECT_EQ(log().find("powerSptDensity is changed"), std::string::npos);
 }
@@ -173,7 +173,7 @@ TEST_F(SupervisionTest, RulesRemovedBehindTheDaemonsBackAreRestoredBySteadyPass)
     ASSERT_TRUE(all_gates_closed()) << describe_gates();
     shell("iptables -F OUTPUT; /usr/sbin/ebtables -F BRIDGE_FORWARD; echo 1 > /proc/sys/net/ipv4/ip_forward");
     ASSERT_FALSE(icmp_drop_rule_present());
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_TRUE(all_gates_closed()) << describe_gates();
 }
 
@@ -181,7 +181,7 @@ TEST_F(SupervisionTest, RulesAddedBehindTheBackOfAnOpenDeviceAreRemoved) {
     start_with("0", "0", "0");
     settle();
     shell("iptables -I OUTPUT -p icmp --icmp-type 8 -j DROP; echo 0 > /proc/sys/net/ipv4/ip_forward");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Unchanged);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kUnchanged);
     EXPECT_TRUE(all_gates_open()) << describe_gates();
 }
 
@@ -192,7 +192,7 @@ TEST_F(SupervisionTest, DisablingSasOpensTrafficAndResetsTheState) {
     ASSERT_TRUE(all_gates_closed()) << describe_gates();
     clear_log();
     set_option("config", "enableMode", "0");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] sasEnable change: 1 -> 0\n"), std::string::npos) << log();
     EXPECT_NE(log().find("[SAS] sas disable.\n"), std::string::npos);
     EXPECT_TRUE(all_gates_open()) << describe_gates();
@@ -201,7 +201,7 @@ TEST_F(SupervisionTest, DisablingSasOpensTrafficAndResetsTheState) {
 
 TEST_F(SupervisionTest, StandAloneModeStartsOneWorkerAndRestartsItOnConfigurationChange) {
     start_with("1", "0", "0");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_NE(log().find("[SAS] CPE is communicating with SAS using StandAlone.\n"), std::string::npos)
         << log();
     EXPECT_EQ(count(log(), "create standalone thread["), 1u);
@@ -212,7 +212,7 @@ TEST_F(SupervisionTest, StandAloneModeStartsOneWorkerAndRestartsItOnConfiguratio
     settle();
     clear_log();
     set_option("config", "callSign", "CALL9");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     std::string text = log();
     size_t changed = text.find("[SAS] sas configuration is changed.\n");
     size_t stopped = text.find("] is stopped");
@@ -225,7 +225,7 @@ TEST_F(SupervisionTest, StandAloneModeStartsOneWorkerAndRestartsItOnConfiguratio
 
     clear_log();
     set_option("config", "usedp", "1");
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     text = log();
     EXPECT_NE(text.find("[SAS] CPE is communicating with SAS using DP.\n"), std::string::npos) << text;
     EXPECT_NE(text.find("] is stopped"), std::string::npos);

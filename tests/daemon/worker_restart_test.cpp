@@ -64,7 +64,7 @@ TEST_F(WorkerControl, RestartWhoseOldWorkerOutlivesItsStopStartsTheNewOneAfterIt
     test::sim_set_default("relinquishment", R"({"delay":30})");
     config::config_set(config::kSasConfigPath, "config", "callSign", "CALL9");
     auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(run_supervision_pass(state), PassOutcome::Changed);
+    EXPECT_EQ(run_supervision_pass(state), PassOutcome::kChanged);
     EXPECT_GE(seconds_since(begin), standalone::kWorkerStopWaitSeconds);
     // The pass around it, its gate closes included (slow under the sanitizers);
     // far below the 30 s the held relinquishment would take.

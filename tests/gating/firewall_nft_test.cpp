@@ -3,7 +3,7 @@
 // log lines and cache marks.
 #ifdef CBSD_HAVE_NFTABLES
 
-#include "gating/firewall_backend.h"
+#include "gating/firewall_nft.h"
 #include "gating/firewall_choice.h"
 
 #include "gating_fixture.h"

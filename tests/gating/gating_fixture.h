@@ -5,6 +5,8 @@
 // rules with the router's trailing blank and `logger` records its calls.
 #pragma once
 
+#include "config/authorized_sample.h"
+#include "config/lab_log.h"
 #include "config/uci_store.h"
 #include "base/settings.h"
 #include "gating/gates.h"
@@ -20,24 +22,6 @@
 #include <vector>
 
 namespace cbsd::test {
-
-inline constexpr const char* kSyslogRecords = "/etc/lab/syslog.jsonl";
-
-inline void put_lab_stand_ins_on_path() {
-    static const bool done = [] {
-        std::string path = std::string(CBSD_SOURCE_DIR) + "/tests/lab/bin:" +
-                           (std::getenv("PATH") ? std::getenv("PATH") : "/usr/sbin:/usr/bin:/bin");
-        return setenv("PATH", path.c_str(), 1) == 0;
-    }();
-    (void)done;
-}
-
-inline std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
 
 inline std::string cache_value(const char* option) {
     char value[32] = {};
@@ -66,19 +50,9 @@ protected:
                   "ok\n");
     }
 
-    static std::string log_text() { return read_file("/root/sas/sas.log"); }
-
-    // Messages of the log file without their "[uptime, time]" prefix.
-    static std::vector<std::string> log_messages() {
-        std::vector<std::string> messages;
-        for (const std::string& line : lines_of(log_text())) {
-            size_t end = line.find(']');
-            messages.push_back(end == std::string::npos ? line : line.substr(end + 1));
-        }
-        return messages;
-    }
-
-    static std::vector<std::string> syslog_records() { return lines_of(read_file(kSyslogRecords)); }
+    static std::string log_text() { return sas_log_text(); }
+    static std::vector<std::string> log_messages() { return sas_log_messages(); }
+    static std::vector<std::string> syslog_records() { return syslog_record_lines(); }
 
     static std::vector<std::string> output_rules() {
         return lines_of(shell("iptables -S OUTPUT | grep -v '^-P'"));
@@ -97,6 +71,20 @@ protected:
         shell("echo " + std::to_string(ipv4) + " > /proc/sys/net/ipv4/ip_forward; echo " +
               std::to_string(ipv6) + " > /proc/sys/net/ipv6/conf/all/forwarding");
     }
+};
+
+// The gates of an authorized device: its store (tests/config/authorized_sample.h)
+// and a modem on a 20 MHz cell.
+class AuthorizedDeviceTest : public GatingTest {
+protected:
+    void SetUp() override {
+        GatingTest::SetUp();
+        shell("mkdir -p /etc/config");
+        write_file("/etc/config/sas", kAuthorizedSasConfig);
+        set_modem(R"({"bandwidth": 20})");
+    }
+
+    static void set_modem(const std::string& state) { write_file("/etc/lab/modem.json", state); }
 };
 
 }  // namespace cbsd::test

@@ -6,6 +6,7 @@
 #include "base/system.h"
 #include "config/uci_store.h"
 #include "modem/lab_modem.h"
+#include "modem/lte_info.h"
 #include "modem/modem.h"
 #include "support/test_util.h"
 
@@ -29,11 +30,6 @@ protected:
         test::write_file(config::kSasConfigPath, "config sas 'config'\n\nconfig sas 'cellInfo'\n");
     }
     static std::string log_text() { return test::read_file("/root/sas/sas.log"); }
-    static std::string cell_option(const char* option) {
-        char value[32] = {};
-        config::config_get(config::kSasConfigPath, "cellInfo", option, value, sizeof value);
-        return value;
-    }
 };
 
 TEST_F(ModemAnswer, AnAnsweredProductQueryGivesModelAndSerialFromOneReply) {
@@ -116,24 +112,6 @@ TEST_F(ModemAnswer, AStatusQueryKilledAtItsTimeLimitReadsAsNotAttached) {
     test::set_lab_modem(R"({"netstat": 4, "hang": ["getltestatus"]})");
     base::TimeLimitCap cap(1);
     EXPECT_FALSE(is_lte_connected());
-}
-
-TEST_F(ModemAnswer, ARefusedInfoQueryIsMarkedAndKeepsTheStoredCellRange) {
-    test::set_lab_modem(R"({"dlfreq": 3625000, "bandwidth": 20})");
-    store_cell_range();
-    EXPECT_FALSE(lte_info_refused());
-    ASSERT_EQ(cell_option("lowFrequency"), "3615.0");
-    test::set_lab_modem(R"({"registered": false, "dlfreq": 3700000, "bandwidth": 10})");
-    store_cell_range();
-    EXPECT_TRUE(lte_info_refused());
-    EXPECT_EQ(cell_option("lowFrequency"), "3615.0");
-    EXPECT_EQ(cell_option("highFrequency"), "3635.0");
-    EXPECT_EQ(cell_option("bandwidth"), "20");
-    EXPECT_NE(log_text().find("[SAS] the modem manager did not answer, the cell range stays.\n"),
-              std::string::npos) << log_text();
-    test::set_lab_modem(R"({"dlfreq": 3700000, "bandwidth": 10})");
-    store_cell_range();
-    EXPECT_EQ(cell_option("lowFrequency"), "3695.0");
 }
 
 TEST_F(ModemAnswer, AnInfoReplyWithoutTheMembersIsNoRefusal) {

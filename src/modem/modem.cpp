@@ -1,8 +1,9 @@
+#include "modem/modem.h"
+
 #include "base/clock.h"
 #include "base/log.h"
 #include "modem/line_filter.h"
 #include "modem/lte_info.h"
-#include "modem/modem.h"
 #include "modem/modem_manager.h"
 #include "modem/modem_output.h"
 
@@ -37,7 +38,7 @@ ModemCall run_query(const Query& query, char* output, int capacity) {
     std::memset(output, 0, static_cast<size_t>(capacity));
     LineFilter filter(query.pattern, false, output, capacity);
     ModemCall call = call_modem_manager(query.method, filter, query.shown_as);
-    if (call == ModemCall::CutShort) filter.cut_short();
+    if (call == ModemCall::kCutShort) filter.cut_short();
     output[capacity - 1] = '\0';
     return call;
 }
@@ -88,7 +89,7 @@ bool last_attachment() {
 // last seen; a killed query reads as not attached, as it always has.
 bool query_attachment() {
     char output[1024];
-    if (run_query(kNetworkStatusQuery, output, sizeof output) == ModemCall::Refused)
+    if (run_query(kNetworkStatusQuery, output, sizeof output) == ModemCall::kRefused)
         return last_attachment();
     return shows_attached(output);
 }
@@ -110,12 +111,12 @@ bool read_product_info(ProductInfo& info) {
     ProductFilters filters(model_lines, serial_lines, sizeof model_lines);
     ModemCall call = call_modem_manager(kProductModelQuery.method, filters,
                                         kProductModelQuery.shown_as);
-    if (call == ModemCall::CutShort) filters.cut_short();
+    if (call == ModemCall::kCutShort) filters.cut_short();
     model_lines[sizeof model_lines - 1] = '\0';
     serial_lines[sizeof serial_lines - 1] = '\0';
     parse_quoted_value(model_lines, info.model, sizeof info.model - 1);
     parse_quoted_value(serial_lines, info.serial, sizeof info.serial - 1);
-    return call == ModemCall::Answered;
+    return call == ModemCall::kAnswered;
 }
 
 bool is_lte_connected() {

@@ -1,0 +1,159 @@
+// The Band 48 automatic enablement, pass by pass.
+#include "daemon/auto_enable.h"
+
+#include "daemon/profile_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace cbsd::daemon {
+using namespace ::cbsd::test;
+namespace {
+
+class AutoEnable : public ProfileFixture {
+protected:
+    void SetUp() override {
+        ProfileFixture::SetUp();
+        set("config", "auto", "1");
+        set("config", "enableMode", "x");
+    }
+    static int count(const std::string& text) {
+        std::string log = log_text();
+        int n = 0;
+        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
+        return n;
+    }
+    AutoEnableState state_{};
+};
+
+TEST_F(AutoEnable, Band48TurnsSasOn) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "1");
+    EXPECT_TRUE(logged("[SAS] auto SAS is On.\n"));
+    EXPECT_TRUE(logged("[SAS] LTE is in Band 48, so turn on SAS automatically.\n"));
+    EXPECT_TRUE(sent_to_syslog("LTE is in Band 48, so turn on SAS automatically."));
+}
+
+TEST_F(AutoEnable, EnableModeIsWrittenEveryPassButLoggedOnlyOnChange) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    set("config", "enableMode", "0");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "1");
+    EXPECT_EQ(count("auto SAS is On"), 1);
+    EXPECT_EQ(count("LTE is in Band 48"), 1);
+}
+
+TEST_F(AutoEnable, OtherBandTurnsSasOff) {
+    test::set_lab_modem(R"({"band": 41})");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "0");
+    EXPECT_TRUE(logged("[SAS] LTE is not in Band 48, so turn off SAS automatically.\n"));
+}
+
+// A failed query is "unknown", not "not Band 48": enableMode stays as the
+// last answer left it, and the unknown band is logged once per streak.
+TEST_F(AutoEnable, FailingBandQueryKeepsTheLastDecision) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    ASSERT_EQ(get("config", "enableMode"), "1");
+    test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
+    auto_enable(state_);
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "1");
+    EXPECT_FALSE(logged("LTE is not in Band 48"));
+    EXPECT_TRUE(logged("get band error:"));
+    EXPECT_EQ(count("[SAS] LTE band unknown, SAS stays as it was.\n"), 1);
+    test::set_lab_modem(R"({"band": 41})");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "0");
+}
+
+// A modem manager that restarts: the unknown band is logged once per
+// streak, and the same band told again afterwards is no news.
+TEST_F(AutoEnable, TheSameBandAfterAFailureStreakIsNoNews) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    for (int streak = 0; streak < 2; ++streak) {
+        test::set_lab_modem(R"({"registered": false, "band": 48})");
+        auto_enable(state_);
+        auto_enable(state_);
+        test::set_lab_modem(R"({"band": 48})");
+        auto_enable(state_);
+    }
+    EXPECT_EQ(get("config", "enableMode"), "1");
+    EXPECT_EQ(count("LTE is in Band 48"), 1);
+    EXPECT_EQ(count("[SAS] LTE band unknown, SAS stays as it was.\n"), 2);
+}
+
+TEST_F(AutoEnable, FailingBandQueryOnTheFirstPassWritesNothing) {
+    test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "x");
+    EXPECT_FALSE(logged("Band 48"));
+}
+
+TEST_F(AutoEnable, BandChangesAreLoggedEachTime) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    test::set_lab_modem(R"({"band": 2})");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "0");
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "1");
+    EXPECT_EQ(count("LTE is in Band 48"), 2);
+    EXPECT_EQ(count("LTE is not in Band 48"), 1);
+}
+
+TEST_F(AutoEnable, ManualModeLeavesEnableModeAsTheUserSetIt) {
+    set("config", "auto", "0");
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    auto_enable(state_);
+    EXPECT_EQ(get("config", "enableMode"), "x");
+    EXPECT_EQ(count("[SAS] auto SAS is Off.\n"), 1);
+    EXPECT_FALSE(logged("Band 48"));
+}
+
+TEST_F(AutoEnable, OnlyExactlyOneMeansAuto) {
+    for (const char* value : {"01", "1 ", "yes", "11", ""}) {
+        set("config", "auto", value);
+        test::set_lab_modem(R"({"band": 48})");
+        auto_enable(state_);
+        EXPECT_EQ(get("config", "enableMode"), "x") << value;
+    }
+}
+
+TEST_F(AutoEnable, SwitchingAutoOffAndOnLogsEachChange) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable(state_);
+    set("config", "auto", "0");
+    auto_enable(state_);
+    set("config", "auto", "1");
+    auto_enable(state_);
+    EXPECT_EQ(count("auto SAS is On"), 2);
+    EXPECT_EQ(count("auto SAS is Off"), 1);
+    // The band state survives the Off period: no second band message.
+    EXPECT_EQ(count("LTE is in Band 48"), 1);
+}
+
+TEST_F(AutoEnable, UnreadableStoreIsLoggedAndCountsAsOff) {
+    unlink(config::kSasConfigPath);
+    auto_enable(state_);
+    EXPECT_TRUE(logged("[SAS] SAS_AUTO no value"));
+    EXPECT_TRUE(logged("[SAS] auto SAS is Off.\n"));
+}
+
+TEST_F(AutoEnable, ProcessStateIsKeptBetweenPasses) {
+    test::set_lab_modem(R"({"band": 48})");
+    auto_enable();
+    auto_enable();
+    EXPECT_EQ(get("config", "enableMode"), "1");
+    EXPECT_EQ(count("auto SAS is On"), 1);
+}
+
+}  // namespace
+}  // namespace cbsd::daemon
