@@ -13,6 +13,8 @@ namespace cbsd::daemon {
 namespace {
 
 constexpr uint32_t kLookMs = 50;
+// Without a stop notice (no handlers installed) the flag is looked at this often.
+constexpr uint32_t kIdleLookMs = 60000;
 
 // Real sleeps on purpose: the bound must hold whatever clock a test
 // installs, and nothing here may wait on what another thread holds.
@@ -22,7 +24,8 @@ void nap() {
 }
 
 [[noreturn]] void watch(uint32_t limitMs, void (*lastAct)()) {
-    while (!stop_requested()) nap();
+    // Asleep until the signal: a router's CPU is not woken for nothing.
+    while (!stop_requested()) wait_for_stop_request(kIdleLookMs);
     uint32_t seenMs = base::monotonic_ms();
     while (base::monotonic_ms() - seenMs < limitMs) nap();
     if (lastAct) lastAct();

@@ -1,6 +1,8 @@
 // The worker's heartbeats, in Granted and in Authorized, and what each answer
 // makes of the grant.
-#include "standalone/worker.h"
+#include "standalone/heartbeat_steps.h"
+
+#include "standalone/worker_steps.h"
 
 #include "base/cbsd_state.h"
 #include "base/log.h"

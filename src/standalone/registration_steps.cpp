@@ -1,6 +1,8 @@
 // The worker's steps up to a grant: registration, the spectrum inquiry and
 // the grant request, each one exchange and its decision.
-#include "standalone/worker.h"
+#include "standalone/registration_steps.h"
+
+#include "standalone/worker_steps.h"
 
 #include "base/cbsd_state.h"
 #include "base/log.h"

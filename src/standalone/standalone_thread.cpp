@@ -16,7 +16,10 @@
 #include "standalone/lte_watch.h"
 #include "standalone/oper_timer.h"
 #include "standalone/transmit_deadline.h"
+#include "standalone/heartbeat_steps.h"
+#include "standalone/registration_steps.h"
 #include "standalone/worker.h"
+#include "standalone/worker_steps.h"
 
 #include <cstring>
 #include <memory>

@@ -1,7 +1,7 @@
-// The StandAlone worker's state across passes and the steps its state machine
-// is made of.  standalone_thread.cpp runs the passes; worker_steps.cpp holds
-// what several exchanges do (status, withdrawal, give-back, pacing);
-// registration_steps.cpp and heartbeat_steps.cpp hold the exchanges.
+// The StandAlone worker's state across passes, and the frame of one exchange.
+// standalone_thread.cpp runs the passes; worker_steps.h holds what several
+// exchanges do (status, withdrawal, give-back, pacing); registration_steps.h
+// and heartbeat_steps.h hold the exchanges.
 #pragma once
 
 #include "config/device_record.h"
@@ -60,26 +60,6 @@ struct Worker {
     Records records;
 };
 
-bool status_is(const Worker& w, uint32_t state);
-void write_status(Worker& w, uint32_t state);
-void read_status(Worker& w);
-void write_transmit_time(Worker& w, const char* text);
-
-// RadioEnable "0", with the deadline brought forward to the loop's turn.
-void withdraw_radio();
-// Withdraws the radio and waits (bounded) for the gates to close.
-void cease_transmission();
-// Paces a refusal that the procedure answers by starting over.
-void start_over_after_refusal(Worker& w);
-// Give the grant back, or the registration, once transmission has ceased.
-void relinquish(Worker& w);
-void deregister(Worker& w);
-// The SAS ended the registration: what is held is given back (the grant
-// first, when there is one) and the procedure starts over, unregistered.
-void start_over_unregistered(Worker& w, bool grantHeld);
-// The SAS ended the grant: it is given back and a new one is asked for.
-void start_over_registered(Worker& w);
-
 // One exchange of the worker: "send <request><detail>...", the post, then
 // "failed to do <request><detail or ()>" when no reply came, or else the
 // record cleared and the reply parsed into it.  Returns the reply.
@@ -96,11 +76,5 @@ sas::PostReply exchange(const char* request, const std::string& detail,
             parse(bytes, record);
         });
 }
-
-// One exchange step each, as the stored status asks for it.
-void register_device(Worker& w);
-void run_registered(Worker& w);
-void run_granted(Worker& w);
-void run_authorized(Worker& w);
 
 }  // namespace cbsd::standalone

@@ -1,7 +1,7 @@
 // What several exchanges of the worker do alike: the status they publish, the
 // withdrawal of the radio, the give-back of the grant, and the pacing of a
 // refusal.
-#include "standalone/worker.h"
+#include "standalone/worker_steps.h"
 
 #include "base/cbsd_state.h"
 #include "base/clock.h"

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <csignal>
 #include <cstring>
 #include <netinet/in.h>
@@ -81,6 +83,31 @@ TEST(Signals, TermAndIntRequestTheStopWithoutEndingTheProcess) {
     EXPECT_TRUE(stop_requested());
     ASSERT_EQ(raise(SIGINT), 0);
     EXPECT_TRUE(stop_requested());
+}
+
+// The stop deadline's thread sleeps until the signal instead of looking at
+// the flag many times a second.
+TEST(Signals, AWaitForTheStopLastsItsTimeoutAndEndsAtTheSignal) {
+    install_signal_handlers();
+    auto begin = std::chrono::steady_clock::now();
+    wait_for_stop_request(300);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(290));
+    EXPECT_FALSE(stop_requested());
+
+    std::thread raiser([] {
+        usleep(200 * 1000);
+        kill(getpid(), SIGTERM);
+    });
+    begin = std::chrono::steady_clock::now();
+    wait_for_stop_request(20000);
+    auto waited = std::chrono::steady_clock::now() - begin;
+    raiser.join();
+    EXPECT_TRUE(stop_requested());
+    EXPECT_LT(waited, std::chrono::seconds(5));
+    // Once asked, the stop is seen at once by every later wait.
+    begin = std::chrono::steady_clock::now();
+    wait_for_stop_request(20000);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
 }  // namespace
