@@ -1,6 +1,7 @@
 // Typed accessors of /etc/config/sas and the log lines they leave.
 #include "config/accessors.h"
 #include "config/uci_store.h"
+#include "sas_file_test.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -18,23 +19,16 @@ namespace {
 using test::read_file;
 using test::write_file;
 
-const char* const kSas = "/etc/config/sas";
-const char* const kLog = "/root/sas/sas.log";
+const char* const kSas = test::kSasFile;
 
-class AccessorsTest : public ::testing::Test {
+class AccessorsTest : public test::SasFileTest {
 protected:
-    void SetUp() override {
-        mkdir("/root/sas", 0755);
-        unlink(kLog);
-        unlink(kSas);
-    }
     static void write_sas(const std::string& config_options, const std::string& sas_config_options,
                           const std::string& operation_options = "") {
         ASSERT_TRUE(write_file(kSas, "config sas 'config'\n" + config_options +
                                          "config sas 'sasConfig'\n" + sas_config_options +
                                          "config sas 'operation'\n" + operation_options));
     }
-    static std::string log_text() { return read_file(kLog); }
 };
 
 TEST_F(AccessorsTest, FlagsAreSetOnlyByTheIntegerOne) {
@@ -115,16 +109,9 @@ TEST_F(AccessorsTest, NumbersUseTheDecimalConversion) {
 
 TEST_F(AccessorsTest, StatusIsReadWithOneByteLessAndTerminated) {
     write_sas("", "", "\toption status 'Authorized'\n");
-    char status[16];
-    std::memset(status, 'x', sizeof status);
-    get_status(status, sizeof status);
-    EXPECT_STREQ(status, "Authorized");
-
-    char small[5];
-    std::memset(small, 'x', sizeof small);
-    get_status(small, sizeof small);
+    EXPECT_EQ(test::read_bounded(get_status, 16), "Authorized");
     // size - 1 = 4 bytes are read, of which config_get keeps 3.
-    EXPECT_STREQ(small, "Aut");
+    EXPECT_EQ(test::read_bounded(get_status, 5), "Aut");
 }
 
 TEST_F(AccessorsTest, StatusOfAnUnreadableFileIsEmpty) {
@@ -135,12 +122,8 @@ TEST_F(AccessorsTest, StatusOfAnUnreadableFileIsEmpty) {
 
 TEST_F(AccessorsTest, ServerAddressIsReadLikeTheStatus) {
     write_sas("\toption address 'https://sas.example.net'\n", "");
-    char address[128] = "stale";
-    get_server_address(address, sizeof address);
-    EXPECT_STREQ(address, "https://sas.example.net");
-    char tiny[8];
-    get_server_address(tiny, sizeof tiny);
-    EXPECT_STREQ(tiny, "https:");
+    EXPECT_EQ(test::read_bounded(get_server_address, 128), "https://sas.example.net");
+    EXPECT_EQ(test::read_bounded(get_server_address, 8), "https:");
 }
 
 TEST_F(AccessorsTest, SettersWriteTheirOptions) {

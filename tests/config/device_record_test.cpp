@@ -1,6 +1,7 @@
 // The device record and the credential paths, loaded from a real
 // /etc/config/sas (each test process has its own /etc).
 #include "config/device_record.h"
+#include "sas_file_test.h"
 
 #include "support/test_util.h"
 
@@ -8,6 +9,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <ostream>
 #include <string>
 
 namespace cbsd::config {
@@ -16,15 +18,12 @@ namespace {
 using test::read_file;
 using test::write_file;
 
-const char* const kSas = "/etc/config/sas";
-const char* const kLog = "/root/sas/sas.log";
+const char* const kSas = test::kSasFile;
 
-class DeviceRecordTest : public ::testing::Test {
+class DeviceRecordTest : public test::SasFileTest {
 protected:
     void SetUp() override {
-        std::filesystem::create_directories("/root/sas");
-        std::filesystem::remove(kLog);
-        std::filesystem::remove(kSas);
+        SasFileTest::SetUp();
         std::memset(&record_, 0, sizeof record_);
     }
     static std::string section(const std::string& name, const std::string& options) {
@@ -40,7 +39,6 @@ protected:
         EXPECT_TRUE(write_file(kSas, section("cpi", options)));
         return load_device_record(&record_);
     }
-    static std::string log_text() { return read_file(kLog); }
 
     DeviceRecord record_;
 };
@@ -119,15 +117,6 @@ TEST_F(DeviceRecordTest, MissingOptionsLeaveEmptyFieldsAndReturnOne) {
     EXPECT_STREQ(record_.height, "");
 }
 
-TEST_F(DeviceRecordTest, FeetAreConvertedToMetresWithTwoDecimals) {
-    load_height("100", "1");
-    EXPECT_STREQ(record_.height, "30.48");
-    load_height("1000", "1");
-    EXPECT_STREQ(record_.height, "304.80");
-    load_height("3.5", "1");
-    EXPECT_STREQ(record_.height, "1.07");
-}
-
 TEST_F(DeviceRecordTest, EmptyHeightInFeetBecomesZero) {
     load_height("", "1");
     EXPECT_STREQ(record_.height, "0.00");
@@ -137,39 +126,52 @@ TEST_F(DeviceRecordTest, EmptyHeightInFeetBecomesZero) {
     EXPECT_STREQ(record_.height, "0.00");
 }
 
-TEST_F(DeviceRecordTest, LargeFeetValueIsCutToSevenCharacters) {
-    load_height("32808", "1");
-    EXPECT_STREQ(record_.height, "9999.88");
-    load_height("32809", "1");
-    EXPECT_STREQ(record_.height, "10000.1");
-    load_height("99999", "1");
-    EXPECT_STREQ(record_.height, "30479.7");
+// A height and its unit (nullptr: no unit option) and the height the record holds.
+struct HeightCase {
+    const char* height;
+    const char* unit;
+    const char* stored;
+};
+
+void PrintTo(const HeightCase& c, std::ostream* out) {
+    *out << "height '" << c.height << "' unit " << (c.unit ? "'" + std::string(c.unit) + "'" : "absent");
 }
 
-TEST_F(DeviceRecordTest, OtherUnitsKeepTheHeightAsEntered) {
-    for (const char* unit : {"0", "2", "feet", "01", "11", ""}) {
-        load_height("12.75", unit);
-        EXPECT_STREQ(record_.height, "12.75") << "unit '" << unit << "'";
-    }
-    load_height("12.75", nullptr);
-    EXPECT_STREQ(record_.height, "12.75");
-    load_height("abc", "0");
-    EXPECT_STREQ(record_.height, "abc");
+class Height : public DeviceRecordTest, public ::testing::WithParamInterface<HeightCase> {};
+
+TEST_P(Height, IsStoredAsExpected) {
+    load_height(GetParam().height, GetParam().unit);
+    EXPECT_STREQ(record_.height, GetParam().stored);
 }
 
-TEST_F(DeviceRecordTest, LongHeightIsCutToSixCharacters) {
-    load_height("1234567", "0");
-    EXPECT_STREQ(record_.height, "123456");
-    // In feet, the cut comes before the conversion.
-    load_height("1234567", "1");
-    EXPECT_STREQ(record_.height, "37629.3");
-}
+INSTANTIATE_TEST_SUITE_P(FeetAreConvertedToMetresWithTwoDecimals, Height,
+                         ::testing::Values(HeightCase{"100", "1", "30.48"},
+                                           HeightCase{"1000", "1", "304.80"},
+                                           HeightCase{"3.5", "1", "1.07"}));
 
-TEST_F(DeviceRecordTest, UnitIsReadWithTwoCharactersAtMost) {
-    // "1x" fits the unit buffer and is not "1"; "1xy" is cut to "1x" as well.
-    load_height("100", "1xy");
-    EXPECT_STREQ(record_.height, "100");
-}
+INSTANTIATE_TEST_SUITE_P(LargeFeetValueIsCutToSevenCharacters, Height,
+                         ::testing::Values(HeightCase{"32808", "1", "9999.88"},
+                                           HeightCase{"32809", "1", "10000.1"},
+                                           HeightCase{"99999", "1", "30479.7"}));
+
+INSTANTIATE_TEST_SUITE_P(OtherUnitsKeepTheHeightAsEntered, Height,
+                         ::testing::Values(HeightCase{"12.75", "0", "12.75"},
+                                           HeightCase{"12.75", "2", "12.75"},
+                                           HeightCase{"12.75", "feet", "12.75"},
+                                           HeightCase{"12.75", "01", "12.75"},
+                                           HeightCase{"12.75", "11", "12.75"},
+                                           HeightCase{"12.75", "", "12.75"},
+                                           HeightCase{"12.75", nullptr, "12.75"},
+                                           HeightCase{"abc", "0", "abc"}));
+
+// In feet, the cut comes before the conversion.
+INSTANTIATE_TEST_SUITE_P(LongHeightIsCutToSixCharacters, Height,
+                         ::testing::Values(HeightCase{"1234567", "0", "123456"},
+                                           HeightCase{"1234567", "1", "37629.3"}));
+
+// "1x" fits the unit buffer and is not "1"; "1xy" is cut to "1x" as well.
+INSTANTIATE_TEST_SUITE_P(UnitIsReadWithTwoCharactersAtMost, Height,
+                         ::testing::Values(HeightCase{"100", "1xy", "100"}));
 
 class CertPathsTest : public DeviceRecordTest {
 protected:
@@ -236,12 +238,8 @@ TEST_F(CertPathsTest, NullRecordIsIgnored) {
 TEST_F(DeviceRecordTest, CpiKeyNameAndPasswordAreCopiedBounded) {
     ASSERT_TRUE(write_file(kSas, section("cert", option("cpiKeyFileName", "cpi.p12") +
                                                      option("cpiKeyFilePassword", "secret-pass"))));
-    char name[256] = "x";
-    get_cpi_key_file(name, sizeof name);
-    EXPECT_STREQ(name, "cpi.p12");
-    char password[7];
-    get_cpi_key_password(password, sizeof password);
-    EXPECT_STREQ(password, "secret");
+    EXPECT_EQ(test::read_bounded(get_cpi_key_file, 256), "cpi.p12");
+    EXPECT_EQ(test::read_bounded(get_cpi_key_password, 7), "secret");
 }
 
 TEST_F(DeviceRecordTest, CpiKeyGettersIgnoreNullBufferAndNonPositiveSize) {

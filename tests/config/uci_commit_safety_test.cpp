@@ -3,6 +3,7 @@
 // written) and a read-only one.  Each test mounts a tiny tmpfs of its own in
 // the test process's private mount namespace.
 #include "config/uci_store.h"
+#include "sas_file_test.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -21,15 +22,7 @@ namespace {
 constexpr const char* kStoreDir = "/tmp/small-store";
 constexpr const char* kPackage = "/tmp/small-store/sas";
 
-const std::string kOriginal =
-    "\n"
-    "config sas 'config'\n"
-    "\toption enableMode '1'\n"
-    "\toption address 'https://sas.example.net/v1.2'\n"
-    "\n"
-    "config sas 'operation'\n"
-    "\toption status 'Authorized'\n"
-    "\n";
+const std::string kOriginal = test::typical_sas_file("Authorized");
 
 // Fills the file system until a write fails with ENOSPC.
 void fill_up(const std::string& path) {

@@ -1,6 +1,7 @@
 // config_get / config_set on real files (each test process has its own /etc
 // and /tmp).
 #include "config/uci_store.h"
+#include "sas_file_test.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -16,17 +17,8 @@ namespace {
 using test::read_file;
 using test::write_file;
 
-const char* const kSas = "/etc/config/sas";
-
-const char* const kTypicalFile =
-    "\n"
-    "config sas 'config'\n"
-    "\toption enableMode '1'\n"
-    "\toption address 'https://sas.example.net/v1.2'\n"
-    "\n"
-    "config sas 'operation'\n"
-    "\toption status 'Registered'\n"
-    "\n";
+const char* const kSas = test::kSasFile;
+const std::string kTypicalFile = test::typical_sas_file("Registered");
 
 class UciStoreTest : public ::testing::Test {
 protected:
@@ -38,6 +30,15 @@ protected:
         char buffer[256] = "untouched";
         unsigned result = config_get(path, section, option, buffer, sizeof buffer);
         return std::to_string(result) + ":" + buffer;
+    }
+    // The 63-character form is read; the 64-character one is neither read nor written.
+    static void expect_63_read_and_64_refused(const std::string& path63, const std::string& path64) {
+        ASSERT_TRUE(write_file(path63, kTypicalFile));
+        ASSERT_TRUE(write_file(path64, kTypicalFile));
+        EXPECT_EQ(get("config", "enableMode", path63.c_str()), "1:1");
+        EXPECT_EQ(get("config", "enableMode", path64.c_str()), "0:untouched");
+        EXPECT_EQ(config_set(path64.c_str(), "config", "enableMode", "0"), 0u);
+        EXPECT_EQ(read_file(path64), kTypicalFile);
     }
 };
 
@@ -122,12 +123,7 @@ TEST_F(UciStoreTest, PackageNameOf64CharactersIsRefusedAnd63Accepted) {
     std::string name64(64, 'p');
     std::string path63 = "/tmp/" + name63;
     std::string path64 = "/tmp/" + name64;
-    ASSERT_TRUE(write_file(path63, kTypicalFile));
-    ASSERT_TRUE(write_file(path64, kTypicalFile));
-    EXPECT_EQ(get("config", "enableMode", path63.c_str()), "1:1");
-    EXPECT_EQ(get("config", "enableMode", path64.c_str()), "0:untouched");
-    EXPECT_EQ(config_set(path64.c_str(), "config", "enableMode", "0"), 0u);
-    EXPECT_EQ(read_file(path64), kTypicalFile);
+    expect_63_read_and_64_refused(path63, path64);
     EXPECT_EQ(config_set(path63.c_str(), "config", "enableMode", "0"), 1u);
     EXPECT_EQ(get("config", "enableMode", path63.c_str()), "1:0");
 }
@@ -140,12 +136,7 @@ TEST_F(UciStoreTest, DirectoryPartOf64CharactersIsRefusedAnd63Accepted) {
     ASSERT_EQ(mkdir(dir64.c_str(), 0755), 0);
     std::string path63 = dir63 + "/sas";
     std::string path64 = dir64 + "/sas";
-    ASSERT_TRUE(write_file(path63, kTypicalFile));
-    ASSERT_TRUE(write_file(path64, kTypicalFile));
-    EXPECT_EQ(get("config", "enableMode", path63.c_str()), "1:1");
-    EXPECT_EQ(get("config", "enableMode", path64.c_str()), "0:untouched");
-    EXPECT_EQ(config_set(path64.c_str(), "config", "enableMode", "0"), 0u);
-    EXPECT_EQ(read_file(path64), kTypicalFile);
+    expect_63_read_and_64_refused(path63, path64);
 }
 
 TEST_F(UciStoreTest, LongestPossiblePathIsAcceptedAnd129CharactersRefused) {
@@ -318,21 +309,20 @@ ino_t inode_of(const char* path) {
 
 // Flash wears: a set that would leave the values as they are leaves the file
 // itself as it is (same inode, same bytes, even when hand-formatted).
-TEST_F(UciStoreTest, SetOfTheValueAlreadyThereDoesNotRewriteTheFile) {
-    const std::string by_hand = "config sas config\n  option enableMode 1 # on\n";
-    ASSERT_TRUE(write_file(kSas, by_hand));
+void expect_set_leaves_the_file(const std::string& content, const char* option, const char* value) {
+    ASSERT_TRUE(write_file(kSas, content));
     const ino_t before = inode_of(kSas);
-    EXPECT_EQ(config_set(kSas, "config", "enableMode", "1"), 1u);
-    EXPECT_EQ(read_file(kSas), by_hand);
+    EXPECT_EQ(config_set(kSas, "config", option, value), 1u);
+    EXPECT_EQ(read_file(kSas), content);
     EXPECT_EQ(inode_of(kSas), before);
 }
 
+TEST_F(UciStoreTest, SetOfTheValueAlreadyThereDoesNotRewriteTheFile) {
+    expect_set_leaves_the_file("config sas config\n  option enableMode 1 # on\n", "enableMode", "1");
+}
+
 TEST_F(UciStoreTest, RemovalOfAnAbsentOptionDoesNotRewriteTheFile) {
-    ASSERT_TRUE(write_file(kSas, kTypicalFile));
-    const ino_t before = inode_of(kSas);
-    EXPECT_EQ(config_set(kSas, "config", "usedp", ""), 1u);
-    EXPECT_EQ(read_file(kSas), kTypicalFile);
-    EXPECT_EQ(inode_of(kSas), before);
+    expect_set_leaves_the_file(kTypicalFile, "usedp", "");
 }
 
 TEST_F(UciStoreTest, ADifferentValueIsStillWritten) {
