@@ -8,6 +8,7 @@
 #include "modem/line_filter.h"
 #include "modem/modem.h"
 #include "modem/modem_output.h"
+#include "modem/product_query.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -70,12 +71,8 @@ TEST_F(ModemForms, LastMembersHaveNoCommaAndReadAsBefore) {
     EXPECT_EQ(status, "{\n\t\"netstat\": 4\n}\n");
     EXPECT_TRUE(shows_attached(kept(status, "netstat", false).c_str()));
 
-    char model[32] = {};
-    get_product_model(model, sizeof model - 1);
-    EXPECT_STREQ(model, "RQ5518L-M2");
-    char serial[256] = {};
-    get_serial_number(serial, sizeof serial - 1);
-    EXPECT_STREQ(serial, "QW0042");
+    EXPECT_EQ(test::queried(get_product_model, 32), "RQ5518L-M2");
+    EXPECT_EQ(test::queried(get_serial_number, 256), "QW0042");
     EXPECT_TRUE(is_lte_connected());
     EXPECT_EQ(get_dl_frequency(), 36250);
     EXPECT_EQ(get_bandwidth(), 20);
@@ -108,12 +105,8 @@ TEST_F(ModemForms, ProductModelAsTheOnlyMember) {
 // Every form in which the modem manager gives no value: the queries' failure
 // values, the caller's buffers untouched, the usual one-line messages.
 void expect_no_values() {
-    char model[32] = "kept";
-    get_product_model(model, sizeof model - 1);
-    EXPECT_STREQ(model, "kept");
-    char serial[32] = "kept";
-    get_serial_number(serial, sizeof serial - 1);
-    EXPECT_STREQ(serial, "kept");
+    EXPECT_EQ(test::queried(get_product_model, 32, "kept"), "kept");
+    EXPECT_EQ(test::queried(get_serial_number, 32, "kept"), "kept");
     EXPECT_FALSE(is_lte_connected());
     EXPECT_EQ(get_dl_frequency(), 0);
     EXPECT_EQ(get_bandwidth(), -1);

@@ -5,6 +5,7 @@
 #include "base/system.h"
 #include "modem/lte_info.h"
 #include "modem/modem.h"
+#include "modem/product_query.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -112,12 +113,8 @@ TEST_F(ModemManager, StatusAndProductQueriesMatchTheirPipelines) {
     serve("getltestatus", "{\n\t\"netstat\": 1,\n\t\"simstatus\": 4,\n}\n");
     EXPECT_FALSE(is_lte_connected());  // only the netstat line counts
     serve("getproductinfo", "{\n\t\"productmodule\": \"QX-7\",\n\t\"SN\": \"SN9\",\n}\n");
-    char model[32] = {};
-    get_product_model(model, sizeof model - 1);
-    EXPECT_STREQ(model, "QX-7");
-    char serial[32] = {};
-    get_serial_number(serial, sizeof serial - 1);
-    EXPECT_STREQ(serial, "SN9");
+    EXPECT_EQ(test::queried(get_product_model, 32), "QX-7");
+    EXPECT_EQ(test::queried(get_serial_number, 32), "SN9");
 }
 
 int lteinfo_calls() {

@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <cstring>
+#include <ostream>
 #include <string>
 
 namespace cbsd::modem {
@@ -137,41 +138,46 @@ TEST(Number, SecondLineIsNotReadPastAComma) {
 }
 
 TEST(Attach, AnyFourCountsAsAttached) {
-    EXPECT_TRUE(shows_attached("\t\"netstat\": 4,\n"));
-    EXPECT_TRUE(shows_attached("\t\"netstat\": 14,\n"));
-    EXPECT_TRUE(shows_attached("\t\"netstat4\": 1,\n"));
-    EXPECT_FALSE(shows_attached("\t\"netstat\": 1,\n"));
-    EXPECT_FALSE(shows_attached(""));
-    EXPECT_FALSE(shows_attached(nullptr));
+    const struct {
+        const char* line;
+        bool attached;
+    } cases[] = {{"\t\"netstat\": 4,\n", true}, {"\t\"netstat\": 14,\n", true},
+                 {"\t\"netstat4\": 1,\n", true}, {"\t\"netstat\": 1,\n", false},
+                 {"", false},                     {nullptr, false}};
+    for (const auto& c : cases) EXPECT_EQ(shows_attached(c.line), c.attached) << (c.line ? c.line : "(null)");
 }
 
-TEST(CellRangeArithmetic, TwentyMegahertzAroundCentre) {
-    CellRange range = compute_cell_range(36250, 20);
-    EXPECT_STREQ(range.lowFrequency, "3615.0");
-    EXPECT_STREQ(range.highFrequency, "3635.0");
-    EXPECT_STREQ(range.bandwidth, "20");
+// A centre frequency (100 kHz units) and bandwidth (MHz) and the range stored for them.
+struct RangeCase {
+    const char* name;
+    int centre;
+    int bandwidth;
+    const char* low;
+    const char* high;
+    const char* stored_bandwidth;
+};
+
+void PrintTo(const RangeCase& c, std::ostream* out) {
+    *out << "centre " << c.centre << " bandwidth " << c.bandwidth;
 }
 
-TEST(CellRangeArithmetic, OddBandwidthGivesHalfTenths) {
-    CellRange range = compute_cell_range(36000, 3);
-    EXPECT_STREQ(range.lowFrequency, "3598.5");
-    EXPECT_STREQ(range.highFrequency, "3601.5");
-    EXPECT_STREQ(range.bandwidth, "3");
+class CellRangeArithmeticCase : public ::testing::TestWithParam<RangeCase> {};
+
+TEST_P(CellRangeArithmeticCase, GivesTheStoredRange) {
+    CellRange range = compute_cell_range(GetParam().centre, GetParam().bandwidth);
+    EXPECT_STREQ(range.lowFrequency, GetParam().low);
+    EXPECT_STREQ(range.highFrequency, GetParam().high);
+    EXPECT_STREQ(range.bandwidth, GetParam().stored_bandwidth);
 }
 
-TEST(CellRangeArithmetic, FailedReadingsAreStoredAsComputed) {
-    CellRange range = compute_cell_range(0, -1);
-    EXPECT_STREQ(range.lowFrequency, "0.5");
-    EXPECT_STREQ(range.highFrequency, "-0.5");
-    EXPECT_STREQ(range.bandwidth, "-1");
-}
-
-TEST(CellRangeArithmetic, ImplausibleValuesAreNotChecked) {
-    CellRange range = compute_cell_range(50000, 21);
-    EXPECT_STREQ(range.lowFrequency, "4989.5");
-    EXPECT_STREQ(range.highFrequency, "5010.5");
-    EXPECT_STREQ(range.bandwidth, "21");
-}
+// Failed readings are stored as computed; implausible values are not checked.
+INSTANTIATE_TEST_SUITE_P(
+    CellRangeArithmetic, CellRangeArithmeticCase,
+    ::testing::Values(RangeCase{"TwentyMegahertzAroundCentre", 36250, 20, "3615.0", "3635.0", "20"},
+                      RangeCase{"OddBandwidthGivesHalfTenths", 36000, 3, "3598.5", "3601.5", "3"},
+                      RangeCase{"FailedReadingsAreStoredAsComputed", 0, -1, "0.5", "-0.5", "-1"},
+                      RangeCase{"ImplausibleValuesAreNotChecked", 50000, 21, "4989.5", "5010.5", "21"}),
+    [](const ::testing::TestParamInfo<RangeCase>& info) { return std::string(info.param.name); });
 
 TEST(CellRangeArithmetic, ExtremeValuesDoNotOverflow) {
     CellRange range = compute_cell_range(INT_MAX, INT_MAX);

@@ -2,6 +2,7 @@
 #include "base/settings.h"
 #include "modem/lab_modem.h"
 #include "modem/modem.h"
+#include "modem/product_query.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -133,9 +134,7 @@ TEST_F(ModemQuery, FailureMessageCarriesTheCommandOutput) {
 TEST_F(ModemQuery, FailingModemManagerGivesFailureValues) {
     test::set_lab_modem(R"({"fail": true, "productmodule": "RQ5518L", "netstat": 4,
                            "dlfreq": 3625000, "bandwidth": 20, "band": 48})");
-    char model[32] = "kept";
-    get_product_model(model, sizeof model - 1);
-    EXPECT_STREQ(model, "kept");
+    EXPECT_EQ(test::queried(get_product_model, 32, "kept"), "kept");
     EXPECT_FALSE(is_lte_connected());
     EXPECT_EQ(get_dl_frequency(), 0);
     EXPECT_EQ(get_bandwidth(), -1);
