@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 using cbsd::base::run_command;
 
@@ -209,28 +210,31 @@ TEST(RunProgram, ChildrenGetTheDefaultBrokenPipeAction) {
 
 // ----- captured argument vectors ----------------------------------------------
 
+// Runs `argv` through run_capture into a buffer of `size` bytes and gives what
+// the buffer then holds; run_capture is to return the buffer when `started`,
+// nullptr otherwise.
+namespace {
+std::string captured(std::vector<const char*> argv, int size, bool started = true) {
+    argv.push_back(nullptr);
+    std::vector<char> buffer(size, '\0');
+    EXPECT_EQ(cbsd::base::run_capture(argv.data(), buffer.data(), size), started ? buffer.data() : nullptr);
+    return buffer.data();
+}
+}  // namespace
+
 TEST(RunCapture, KeepsTheOutputOfAnArgumentVectorUninterpreted) {
-    const char* const argv[] = {"printf", "%s\\n", "$(id); a b", nullptr};
-    char buffer[64] = {};
-    EXPECT_EQ(cbsd::base::run_capture(argv, buffer, sizeof buffer), buffer);
-    EXPECT_STREQ(buffer, "$(id); a b\n");
+    EXPECT_EQ(captured({"printf", "%s\\n", "$(id); a b"}, 64), "$(id); a b\n");
 }
 
 TEST(RunCapture, AMissingProgramIsNotStarted) {
     // qemu-user runs posix_spawn's child as a plain fork, so an exec failure
     // comes back as a started child that exits 127 instead of an error.
     if (getenv("CBSD_UNDER_EMULATOR")) GTEST_SKIP() << "exec failures are not reported under qemu-user";
-    const char* const argv[] = {"no-such-program-here", nullptr};
-    char buffer[16] = {};
-    EXPECT_EQ(cbsd::base::run_capture(argv, buffer, sizeof buffer), nullptr);
-    EXPECT_STREQ(buffer, "");
+    EXPECT_EQ(captured({"no-such-program-here"}, 16, false), "");
 }
 
 TEST(RunCapture, AFailingProgramKeepsWhatItPrinted) {
-    const char* const argv[] = {"sh", "-c", "echo partial; exit 4", nullptr};
-    char buffer[16] = {};
-    EXPECT_EQ(cbsd::base::run_capture(argv, buffer, sizeof buffer), buffer);
-    EXPECT_STREQ(buffer, "partial\n");
+    EXPECT_EQ(captured({"sh", "-c", "echo partial; exit 4"}, 16), "partial\n");
 }
 
 TEST_F(TimeLimit, ACapturedProgramThatHangsIsKilledAndKeepsItsEarlyOutput) {
