@@ -154,14 +154,14 @@ TEST(UciFileTest, SetUpdatesInPlaceAndEmptyRemoves) {
 }
 
 TEST(UciFileTest, NameRules) {
-    EXPECT_TRUE(uci_valid_name("RadioEnable_2"));
-    EXPECT_FALSE(uci_valid_name(""));
-    EXPECT_FALSE(uci_valid_name("a-b"));
-    EXPECT_FALSE(uci_valid_name("a.b"));
-    EXPECT_TRUE(uci_valid_package_name("sas_cache"));
-    EXPECT_TRUE(uci_valid_package_name("a-b.c"));
-    EXPECT_FALSE(uci_valid_package_name("a b"));
-    EXPECT_FALSE(uci_valid_package_name(""));
+    struct NameCase {
+        const char* name;
+        bool valid;
+    };
+    for (NameCase c : {NameCase{"RadioEnable_2", true}, {"", false}, {"a-b", false}, {"a.b", false}})
+        EXPECT_EQ(uci_valid_name(c.name), c.valid) << "option '" << c.name << "'";
+    for (NameCase c : {NameCase{"sas_cache", true}, {"a-b.c", true}, {"a b", false}, {"", false}})
+        EXPECT_EQ(uci_valid_package_name(c.name), c.valid) << "package '" << c.name << "'";
 }
 
 }  // namespace
