@@ -5,7 +5,7 @@
 #   3. clang libFuzzer build: every fuzz target for CBSD_FUZZ_SECONDS (default 60) each
 #   4. router builds (mipsel, armhf, -Os), their sizes, and the unit suite under qemu-user
 #      for mipsel (whole) and armhf (32-bit time_t, long and pointers) and s390x
-#      (big-endian), these two without the worker's exchanges with the simulator
+#      (big-endian), these two without the worker's and the loop's suites
 # Must run as root: tests use private mount and network namespaces.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -87,8 +87,8 @@ cross_start=$SECONDS
 mkdir -p build-mipsel
 if bash scripts/cross-build.sh --tests mipsel armhf s390x 2>&1 | tee build-mipsel/cross-build.log; then
     run_ctest mipsel build-mipsel -L unit
-    # The worker's exchanges with the simulator run the same code on every
-    # target and take most of the suite's time under emulation; the other two
+    # The worker's and the supervision loop's suites run the same code on every
+    # target and took most of the suite's time under emulation; the other two
     # targets run everything else (parsers, time arithmetic, the store, gates).
     worker_exchanges='^(StandaloneThread|AuthorizedHeartbeat|SupervisionTest|StoreFault|WorkerControl|RestartStress)\.'
     run_ctest armhf build-armhf -L unit -E "$worker_exchanges"
