@@ -132,6 +132,25 @@ protected:
         ASSERT_EQ(stored("operation", "status"), "Authorized");
     }
 
+    // Lets `quiet` passes go by while the SAS has still been asked `asked`
+    // times in all, then releases the pass that asks again.  Callers wrap it
+    // in ASSERT_NO_FATAL_FAILURE so that a stuck thread ends the test.
+    static void wait_out(int quiet, size_t asked) {
+        ASSERT_TRUE(PassGate::instance().steps(quiet));
+        EXPECT_EQ(sas_endpoints().size(), asked);
+        ASSERT_TRUE(PassGate::instance().step());
+    }
+
+    // The grant is refused as conflicting with grant-old (pushed by the
+    // caller): the first passes relinquish it and wait the 5 s before asking
+    // again, which this releases.
+    void run_through_grant_conflict() {
+        run_to_first_sleep();
+        EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                              "relinquishment"}));
+        ASSERT_NO_FATAL_FAILURE(wait_out(4, 4));
+    }
+
     static std::string log_text() { return test::read_file("/root/sas/sas.log"); }
 
     // No peer listens there: only the scripted SAS is ever asked.
