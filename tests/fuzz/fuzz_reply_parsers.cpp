@@ -11,22 +11,27 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     return 0;
 }
 
+namespace {
+
+// One parser over the bytes, into a fresh reply of its own.
+template <typename Reply>
+void feed(std::string_view bytes, int32_t (*parse)(std::string_view, Reply*)) {
+    Reply reply{};
+    parse(bytes, &reply);
+}
+
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     cbsd::fuzz::empty_log();
     std::string_view bytes(reinterpret_cast<const char*>(data), size);
 
     using namespace cbsd::sas;
-    RegistrationResponse registration{};
-    parse_registration_response(bytes, &registration);
-    SpectrumInquiryResponse inquiry{};
-    parse_spectrum_inquiry_response(bytes, &inquiry);
-    GrantResponse grant{};
-    parse_grant_response(bytes, &grant);
-    HeartbeatResponse heartbeat{};
-    parse_heartbeat_response(bytes, &heartbeat);
-    RelinquishmentResponse relinquishment{};
-    parse_relinquishment_response(bytes, &relinquishment);
-    DeregistrationResponse deregistration{};
-    parse_deregistration_response(bytes, &deregistration);
+    feed(bytes, parse_registration_response);
+    feed(bytes, parse_spectrum_inquiry_response);
+    feed(bytes, parse_grant_response);
+    feed(bytes, parse_heartbeat_response);
+    feed(bytes, parse_relinquishment_response);
+    feed(bytes, parse_deregistration_response);
     return 0;
 }
