@@ -58,9 +58,7 @@ TEST_F(StandaloneThread, ErrorStatusWithASuccessInItsBodyEndsTheAuthorisation) {
     ASSERT_TRUE(PassGate::instance().steps(60));
     EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
     EXPECT_TRUE(has(log_text(), "[SAS] Heartbeat unsuccessfully, responseCode:-1(UNKNOWN)\n"));
-    EXPECT_EQ(stored("operation", "status"), "Granted");
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
-    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
+    expect_silent_in("Granted");
 }
 
 // An error page after a success is not read as the previous reply again.
@@ -68,9 +66,7 @@ TEST_F(StandaloneThread, ErrorPageAfterASuccessAuthorisesNothing) {
     authorize();
     sas_push("heartbeat", R"({"html_error":true})");
     ASSERT_TRUE(PassGate::instance().steps(60));
-    EXPECT_EQ(stored("operation", "status"), "Granted");
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
-    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
+    expect_silent_in("Granted");
     ASSERT_TRUE(PassGate::instance().steps(4));
     EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
     ASSERT_TRUE(PassGate::instance().step());

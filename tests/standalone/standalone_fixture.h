@@ -9,6 +9,7 @@
 #include "base/clock.h"
 #include "base/gate_state.h"
 #include "config/uci_store.h"
+#include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
 #include "scripted_sas.h"
 #include "support/modem_standin.h"
@@ -149,6 +150,14 @@ protected:
         EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                               "relinquishment"}));
         ASSERT_NO_FATAL_FAILURE(wait_out(4, 4));
+    }
+
+    // The device stands in `status` and may not transmit: RadioEnable is off
+    // and no transmit deadline is held.
+    static void expect_silent_in(const char* status) {
+        EXPECT_EQ(stored("operation", "status"), status);
+        EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+        EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
     }
 
     static std::string log_text() { return test::read_file("/root/sas/sas.log"); }

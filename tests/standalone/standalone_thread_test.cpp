@@ -214,9 +214,7 @@ TEST_F(AuthorizedHeartbeat, Code500WithdrawsRadioEnable) {
     sas_push("heartbeat", R"({"responseCode":500})");
     sas_push("grant", R"({"responseCode":400})");  // hold the thread in Registered
     ASSERT_TRUE(PassGate::instance().steps(60));
-    EXPECT_EQ(stored("operation", "status"), "Registered");
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
-    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
+    expect_silent_in("Registered");
 }
 
 TEST_F(AuthorizedHeartbeat, Code502WithdrawsRadioEnable) {
