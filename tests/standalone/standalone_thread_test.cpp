@@ -44,11 +44,7 @@ TEST_F(StandaloneThread, HeartbeatsEveryHeartbeatInterval) {
     EXPECT_TRUE(has(sas_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
 }
 
-size_t occurrences(const std::string& text, const std::string& piece) {
-    size_t n = 0;
-    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
-    return n;
-}
+using test::occurrences;
 
 TEST_F(StandaloneThread, OutcomesGoToTheSystemLogButSendingLinesDoNot) {
     unlink("/etc/lab/syslog.jsonl");
