@@ -24,12 +24,16 @@ protected:
         for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
         return n;
     }
+    // One pass with the modem answering `modem` (the lab modem's JSON).
+    void pass_with(const char* modem) {
+        test::set_lab_modem(modem);
+        auto_enable(state_);
+    }
     AutoEnableState state_{};
 };
 
 TEST_F(AutoEnable, Band48TurnsSasOn) {
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"band": 48})");
     EXPECT_EQ(get("config", "enableMode"), "1");
     EXPECT_TRUE(logged("[SAS] auto SAS is On.\n"));
     EXPECT_TRUE(logged("[SAS] LTE is in Band 48, so turn on SAS automatically.\n"));
@@ -37,8 +41,7 @@ TEST_F(AutoEnable, Band48TurnsSasOn) {
 }
 
 TEST_F(AutoEnable, EnableModeIsWrittenEveryPassButLoggedOnlyOnChange) {
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"band": 48})");
     set("config", "enableMode", "0");
     auto_enable(state_);
     EXPECT_EQ(get("config", "enableMode"), "1");
@@ -47,8 +50,7 @@ TEST_F(AutoEnable, EnableModeIsWrittenEveryPassButLoggedOnlyOnChange) {
 }
 
 TEST_F(AutoEnable, OtherBandTurnsSasOff) {
-    test::set_lab_modem(R"({"band": 41})");
-    auto_enable(state_);
+    pass_with(R"({"band": 41})");
     EXPECT_EQ(get("config", "enableMode"), "0");
     EXPECT_TRUE(logged("[SAS] LTE is not in Band 48, so turn off SAS automatically.\n"));
 }
@@ -56,32 +58,26 @@ TEST_F(AutoEnable, OtherBandTurnsSasOff) {
 // A failed query is "unknown", not "not Band 48": enableMode stays as the
 // last answer left it, and the unknown band is logged once per streak.
 TEST_F(AutoEnable, FailingBandQueryKeepsTheLastDecision) {
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"band": 48})");
     ASSERT_EQ(get("config", "enableMode"), "1");
-    test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"fail": ["getlteinfo"], "band": 48})");
     auto_enable(state_);
     EXPECT_EQ(get("config", "enableMode"), "1");
     EXPECT_FALSE(logged("LTE is not in Band 48"));
     EXPECT_TRUE(logged("get band error:"));
     EXPECT_EQ(count("[SAS] LTE band unknown, SAS stays as it was.\n"), 1);
-    test::set_lab_modem(R"({"band": 41})");
-    auto_enable(state_);
+    pass_with(R"({"band": 41})");
     EXPECT_EQ(get("config", "enableMode"), "0");
 }
 
 // A modem manager that restarts: the unknown band is logged once per
 // streak, and the same band told again afterwards is no news.
 TEST_F(AutoEnable, TheSameBandAfterAFailureStreakIsNoNews) {
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"band": 48})");
     for (int streak = 0; streak < 2; ++streak) {
-        test::set_lab_modem(R"({"registered": false, "band": 48})");
+        pass_with(R"({"registered": false, "band": 48})");
         auto_enable(state_);
-        auto_enable(state_);
-        test::set_lab_modem(R"({"band": 48})");
-        auto_enable(state_);
+        pass_with(R"({"band": 48})");
     }
     EXPECT_EQ(get("config", "enableMode"), "1");
     EXPECT_EQ(count("LTE is in Band 48"), 1);
@@ -89,20 +85,16 @@ TEST_F(AutoEnable, TheSameBandAfterAFailureStreakIsNoNews) {
 }
 
 TEST_F(AutoEnable, FailingBandQueryOnTheFirstPassWritesNothing) {
-    test::set_lab_modem(R"({"fail": ["getlteinfo"], "band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"fail": ["getlteinfo"], "band": 48})");
     EXPECT_EQ(get("config", "enableMode"), "x");
     EXPECT_FALSE(logged("Band 48"));
 }
 
 TEST_F(AutoEnable, BandChangesAreLoggedEachTime) {
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
-    test::set_lab_modem(R"({"band": 2})");
-    auto_enable(state_);
+    pass_with(R"({"band": 48})");
+    pass_with(R"({"band": 2})");
     EXPECT_EQ(get("config", "enableMode"), "0");
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"band": 48})");
     EXPECT_EQ(get("config", "enableMode"), "1");
     EXPECT_EQ(count("LTE is in Band 48"), 2);
     EXPECT_EQ(count("LTE is not in Band 48"), 1);
@@ -110,8 +102,7 @@ TEST_F(AutoEnable, BandChangesAreLoggedEachTime) {
 
 TEST_F(AutoEnable, ManualModeLeavesEnableModeAsTheUserSetIt) {
     set("config", "auto", "0");
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"band": 48})");
     auto_enable(state_);
     EXPECT_EQ(get("config", "enableMode"), "x");
     EXPECT_EQ(count("[SAS] auto SAS is Off.\n"), 1);
@@ -121,15 +112,13 @@ TEST_F(AutoEnable, ManualModeLeavesEnableModeAsTheUserSetIt) {
 TEST_F(AutoEnable, OnlyExactlyOneMeansAuto) {
     for (const char* value : {"01", "1 ", "yes", "11", ""}) {
         set("config", "auto", value);
-        test::set_lab_modem(R"({"band": 48})");
-        auto_enable(state_);
+        pass_with(R"({"band": 48})");
         EXPECT_EQ(get("config", "enableMode"), "x") << value;
     }
 }
 
 TEST_F(AutoEnable, SwitchingAutoOffAndOnLogsEachChange) {
-    test::set_lab_modem(R"({"band": 48})");
-    auto_enable(state_);
+    pass_with(R"({"band": 48})");
     set("config", "auto", "0");
     auto_enable(state_);
     set("config", "auto", "1");

@@ -3,6 +3,7 @@
 #include "daemon/cell_range_update.h"
 
 #include "config/uci_store.h"
+#include "daemon/profile_fixture.h"
 #include "modem/cell_fixture.h"
 #include "modem/lab_modem.h"
 #include "modem/lte_info.h"
@@ -17,24 +18,23 @@ namespace {
 
 using test::FakeClock;
 
-class CellRangeUpdate : public test::CellFixture {};
+class CellRangeUpdate : public test::CellFixture {
+protected:
+    // Section cellInfo holds this range.
+    void expect_range(const char* low, const char* high, const char* bandwidth) {
+        EXPECT_EQ(cell("lowFrequency"), low);
+        EXPECT_EQ(cell("highFrequency"), high);
+        EXPECT_EQ(cell("bandwidth"), bandwidth);
+    }
+};
 
 TEST_F(CellRangeUpdate, WaitAndStoreWritesRangeOfAPlausibleCell) {
     test::set_lab_modem(R"({"netstat": 4, "dlfreq": 3625000, "bandwidth": 20})");
     EXPECT_EQ(wait_and_store_cell_range(5), 0);
-    EXPECT_EQ(cell("lowFrequency"), "3615.0");
-    EXPECT_EQ(cell("highFrequency"), "3635.0");
-    EXPECT_EQ(cell("bandwidth"), "20");
-    std::string log = log_text();
-    size_t success = log.find("[SAS] LTE accesses network success.\n");
-    size_t low = log.find("[SAS] lowFreq = 3615.0\n");
-    size_t high = log.find("[SAS] higFreq = 3635.0\n");
-    size_t width = log.find("[SAS] bandWidth = 20\n");
-    ASSERT_NE(success, std::string::npos) << log;
-    ASSERT_NE(width, std::string::npos) << log;
-    EXPECT_LT(success, low);
-    EXPECT_LT(low, high);
-    EXPECT_LT(high, width);
+    expect_range("3615.0", "3635.0", "20");
+    test::expect_in_order(log_text(), {"[SAS] LTE accesses network success.\n",
+                                       "[SAS] lowFreq = 3615.0\n", "[SAS] higFreq = 3635.0\n",
+                                       "[SAS] bandWidth = 20\n"});
 }
 
 TEST_F(CellRangeUpdate, WaitAndStoreRejectsBandwidthOfTwentyOneOrMore) {
@@ -69,25 +69,19 @@ TEST_F(CellRangeUpdate, WaitAndStoreWithoutTimeLimitWaitsForPlausibleValues) {
     };
     EXPECT_EQ(wait_and_store_cell_range(0), 0);
     EXPECT_EQ(FakeClock::sleeps, 2);
-    EXPECT_EQ(cell("lowFrequency"), "3598.5");
-    EXPECT_EQ(cell("highFrequency"), "3601.5");
-    EXPECT_EQ(cell("bandwidth"), "3");
+    expect_range("3598.5", "3601.5", "3");
 }
 
 TEST_F(CellRangeUpdate, StoreKeepsImplausibleValuesUnchecked) {
     test::set_lab_modem(R"({"netstat": 1, "dlfreq": 5000000, "bandwidth": 21})");
     store_cell_range();
-    EXPECT_EQ(cell("lowFrequency"), "4989.5");
-    EXPECT_EQ(cell("highFrequency"), "5010.5");
-    EXPECT_EQ(cell("bandwidth"), "21");
+    expect_range("4989.5", "5010.5", "21");
 }
 
 TEST_F(CellRangeUpdate, StoreWritesFailedReadingsAsComputed) {
     test::set_lab_modem(R"({})");
     store_cell_range();
-    EXPECT_EQ(cell("lowFrequency"), "0.5");
-    EXPECT_EQ(cell("highFrequency"), "-0.5");
-    EXPECT_EQ(cell("bandwidth"), "-1");
+    expect_range("0.5", "-0.5", "-1");
     std::string log = log_text();
     EXPECT_NE(log.find("[SAS] lowFreq = 0.5\n"), std::string::npos) << log;
     EXPECT_NE(log.find("[SAS] higFreq = -0.5\n"), std::string::npos) << log;
@@ -99,9 +93,7 @@ TEST_F(CellRangeUpdate, StoreWritesFailedReadingsAsComputed) {
 TEST_F(CellRangeUpdate, StoreOddBandwidthGivesHalfMegahertzEdges) {
     test::set_lab_modem(R"({"netstat": 4, "dlfreq": 3600000, "bandwidth": 3})");
     store_cell_range();
-    EXPECT_EQ(cell("lowFrequency"), "3598.5");
-    EXPECT_EQ(cell("highFrequency"), "3601.5");
-    EXPECT_EQ(cell("bandwidth"), "3");
+    expect_range("3598.5", "3601.5", "3");
 }
 
 TEST_F(CellRangeUpdate, StoreWithoutCellInfoSectionWritesNothingAndDoesNotFail) {
@@ -119,9 +111,7 @@ TEST_F(CellRangeUpdate, ARefusedInfoQueryIsMarkedAndKeepsTheStoredCellRange) {
     test::set_lab_modem(R"({"registered": false, "dlfreq": 3700000, "bandwidth": 10})");
     store_cell_range();
     EXPECT_TRUE(modem::lte_info_refused());
-    EXPECT_EQ(cell("lowFrequency"), "3615.0");
-    EXPECT_EQ(cell("highFrequency"), "3635.0");
-    EXPECT_EQ(cell("bandwidth"), "20");
+    expect_range("3615.0", "3635.0", "20");
     EXPECT_NE(log_text().find("[SAS] the modem manager did not answer, the cell range stays.\n"),
               std::string::npos) << log_text();
     test::set_lab_modem(R"({"dlfreq": 3700000, "bandwidth": 10})");

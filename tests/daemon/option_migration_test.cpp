@@ -7,22 +7,27 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace cbsd::daemon {
 using namespace ::cbsd::test;
 namespace {
 
-class OptionMigration : public ProfileFixture {};
+class OptionMigration : public ProfileFixture {
+protected:
+    // Section config holds these values, section operation neither old option.
+    static void expect_moved(const char* usedp, const char* address) {
+        expect_values({{"config", "usedp", usedp}, {"config", "address", address}});
+        EXPECT_TRUE(absent("operation", "usedp"));
+        EXPECT_TRUE(absent("operation", "sasServerAddress"));
+    }
+};
 
 TEST_F(OptionMigration, FirstRunMovesUsedpAndTheUsedpValueFallsIntoAddress) {
-    set("operation", "usedp", "1");
-    set("config", "address", "https://keep.example");
+    set_all({{"operation", "usedp", "1"}, {"config", "address", "https://keep.example"}});
     apply_profile_defaults();
-    EXPECT_EQ(get("config", "usedp"), "1");
     // No operation.sasServerAddress: the shared buffer still holds "1".
-    EXPECT_EQ(get("config", "address"), "1");
-    EXPECT_TRUE(absent("operation", "usedp"));
-    EXPECT_TRUE(absent("operation", "sasServerAddress"));
+    expect_moved("1", "1");
 }
 
 TEST_F(OptionMigration, FirstRunWithoutOldOptionsEmptiesAddress) {
@@ -34,25 +39,22 @@ TEST_F(OptionMigration, FirstRunWithoutOldOptionsEmptiesAddress) {
 }
 
 TEST_F(OptionMigration, FirstRunMovesBothOldOptions) {
-    set("operation", "usedp", "0");
-    set("operation", "sasServerAddress", "https://old.example/v1.2");
+    set_all({{"operation", "usedp", "0"},
+             {"operation", "sasServerAddress", "https://old.example/v1.2"}});
     apply_profile_defaults();
-    EXPECT_EQ(get("config", "usedp"), "0");
-    EXPECT_EQ(get("config", "address"), "https://old.example/v1.2");
-    EXPECT_TRUE(absent("operation", "usedp"));
-    EXPECT_TRUE(absent("operation", "sasServerAddress"));
+    expect_moved("0", "https://old.example/v1.2");
 }
 
 TEST_F(OptionMigration, FirstRunWithUsedpSetMovesNothing) {
-    set("config", "usedp", "0");
-    set("config", "address", "https://sas.example");
-    set("operation", "usedp", "1");
-    set("operation", "sasServerAddress", "https://old.example");
+    const std::vector<Option> options = {
+        {"config", "usedp", "0"},
+        {"config", "address", "https://sas.example"},
+        {"operation", "usedp", "1"},
+        {"operation", "sasServerAddress", "https://old.example"},
+    };
+    set_all(options);
     apply_profile_defaults();
-    EXPECT_EQ(get("config", "usedp"), "0");
-    EXPECT_EQ(get("config", "address"), "https://sas.example");
-    EXPECT_EQ(get("operation", "usedp"), "1");
-    EXPECT_EQ(get("operation", "sasServerAddress"), "https://old.example");
+    expect_values(options);
     // Still a first run: the beamwidth was written before the check.
     EXPECT_EQ(get("config", "antennaBeamwidth"), "60");
 }

@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace cbsd::daemon {
 using namespace ::cbsd::test;
@@ -18,15 +19,17 @@ class ProfileDefaults : public ProfileFixture {};
 
 TEST_F(ProfileDefaults, KnownModelWritesItsRow) {
     apply_profile_defaults();
-    EXPECT_EQ(get("config", "fccId"), "7XK44RQ5518L96");
-    EXPECT_EQ(get("config", "antennaGain"), "14");
-    EXPECT_EQ(get("sasConfig", "maxEirp"), "27");
-    EXPECT_EQ(get("config", "serialNumber"), "SN0042");
-    EXPECT_EQ(get("config", "cbsdCategory"), "B");
-    EXPECT_EQ(get("config", "radioTechnology"), "E_UTRA");
-    EXPECT_EQ(get("config", "antennaModel"), "Internal");
-    EXPECT_EQ(get("cpi", "heightType"), "AGL");
-    EXPECT_EQ(get("cpi", "groupType"), "INTERFERENCE_COORDINATION");
+    expect_values({
+        {"config", "fccId", "7XK44RQ5518L96"},
+        {"config", "antennaGain", "14"},
+        {"sasConfig", "maxEirp", "27"},
+        {"config", "serialNumber", "SN0042"},
+        {"config", "cbsdCategory", "B"},
+        {"config", "radioTechnology", "E_UTRA"},
+        {"config", "antennaModel", "Internal"},
+        {"cpi", "heightType", "AGL"},
+        {"cpi", "groupType", "INTERFERENCE_COORDINATION"},
+    });
     // First run of this executable on this store.
     EXPECT_EQ(get("cpi", "indoorDeployment"), "0");
     EXPECT_EQ(get("config", "antennaBeamwidth"), "60");
@@ -63,10 +66,12 @@ TEST_F(ProfileDefaults, SilentModemGivesTheCatchAllRow) {
     test::set_lab_modem("{}");
     set("config", "serialNumber", "OLD");
     apply_profile_defaults();
-    EXPECT_EQ(get("config", "fccId"), "unknow_fccid");
-    EXPECT_EQ(get("config", "antennaGain"), "0");
-    EXPECT_EQ(get("sasConfig", "maxEirp"), "0");
-    EXPECT_EQ(get("config", "antennaBeamwidth"), "0");
+    expect_values({
+        {"config", "fccId", "unknow_fccid"},
+        {"config", "antennaGain", "0"},
+        {"sasConfig", "maxEirp", "0"},
+        {"config", "antennaBeamwidth", "0"},
+    });
     // The empty serial number is written all the same, which clears the old one.
     EXPECT_TRUE(absent("config", "serialNumber")) << test::read_file(config::kSasConfigPath);
     EXPECT_TRUE(logged("[SAS] CPE Product Model: \n"));
@@ -87,21 +92,18 @@ TEST_F(ProfileDefaults, UnknownModelGetsTheCatchAllRow) {
 
 TEST_F(ProfileDefaults, SecondStartLeavesFirstRunOptionsAlone) {
     mark_as_run_before();
-    set("cpi", "indoorDeployment", "1");
-    set("config", "antennaBeamwidth", "90");
-    set("config", "usedp", "");
-    set("config", "address", "https://sas.example/v1.2");
-    set("operation", "usedp", "1");
-    set("operation", "sasServerAddress", "https://old.example");
-    set("config", "fccId", "edited");
-    set("config", "antennaGain", "99");
+    const std::vector<Option> first_run_options = {
+        {"cpi", "indoorDeployment", "1"},
+        {"config", "antennaBeamwidth", "90"},
+        {"config", "usedp", ""},
+        {"config", "address", "https://sas.example/v1.2"},
+        {"operation", "usedp", "1"},
+        {"operation", "sasServerAddress", "https://old.example"},
+    };
+    set_all(first_run_options);
+    set_all({{"config", "fccId", "edited"}, {"config", "antennaGain", "99"}});
     apply_profile_defaults();
-    EXPECT_EQ(get("cpi", "indoorDeployment"), "1");
-    EXPECT_EQ(get("config", "antennaBeamwidth"), "90");
-    EXPECT_EQ(get("config", "usedp"), "");
-    EXPECT_EQ(get("config", "address"), "https://sas.example/v1.2");
-    EXPECT_EQ(get("operation", "usedp"), "1");
-    EXPECT_EQ(get("operation", "sasServerAddress"), "https://old.example");
+    expect_values(first_run_options);
     // The other defaults are rewritten at every start.
     EXPECT_EQ(get("config", "fccId"), "7XK44RQ5518L96");
     EXPECT_EQ(get("config", "antennaGain"), "14");
@@ -149,9 +151,11 @@ TEST_F(ProfileDefaults, OverridesNeedDebugModeAndAValue) {
     s.fccId[0] = '\0';
     base::copy_text(s.category, sizeof s.category, "A");
     apply_profile_defaults();
-    EXPECT_EQ(get("config", "serialNumber"), "SN0042");
-    EXPECT_EQ(get("config", "fccId"), "7XK44RQ5518L96");
-    EXPECT_EQ(get("config", "cbsdCategory"), "A");
+    expect_values({
+        {"config", "serialNumber", "SN0042"},
+        {"config", "fccId", "7XK44RQ5518L96"},
+        {"config", "cbsdCategory", "A"},
+    });
 }
 
 }  // namespace

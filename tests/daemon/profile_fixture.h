@@ -10,9 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace cbsd::test {
 
@@ -45,6 +47,36 @@ inline bool absent(const std::string& section, const std::string& option) {
 
 inline void set(const char* section, const char* option, const char* value) {
     config::config_set(config::kSasConfigPath, section, option, value);
+}
+
+// One option of the store with its value.
+struct Option {
+    const char* section;
+    const char* option;
+    const char* value;
+};
+
+inline void set_all(const std::vector<Option>& options) {
+    for (const Option& o : options) set(o.section, o.option, o.value);
+}
+
+// An EXPECT for each option, named in its message.
+inline void expect_values(const std::vector<Option>& options) {
+    for (const Option& o : options)
+        EXPECT_EQ(get(o.section, o.option), o.value) << o.section << "." << o.option;
+}
+
+// Each line is in the log, each after the one before it.
+inline void expect_in_order(const std::string& log, std::initializer_list<const char*> lines) {
+    size_t previous = std::string::npos;
+    for (const char* line : lines) {
+        size_t at = log.find(line);
+        ASSERT_NE(at, std::string::npos) << line << "\n" << log;
+        if (previous != std::string::npos) {
+            EXPECT_LT(previous, at) << line;
+        }
+        previous = at;
+    }
 }
 
 inline std::string executable_tag() {

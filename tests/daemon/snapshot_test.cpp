@@ -3,6 +3,7 @@
 #include "daemon/snapshot.h"
 
 #include "config/uci_store.h"
+#include "daemon/profile_fixture.h"
 
 #include "support/modem_standin.h"
 #include "support/test_util.h"
@@ -24,9 +25,6 @@ using test::write_file;
 const char* const kLogPath = "/root/sas/sas.log";
 
 using test::install_modem_standin;
-using test::modem_info_reply;
-using test::modem_status_reply;
-using test::put_test_bin_first_on_path;
 using test::set_modem;
 using test::set_modem_garbage;
 
@@ -121,18 +119,9 @@ TEST_F(SnapshotTest, MissingConfigurationGivesEmptyTextZeroFlagsAndNoValueLines)
         ASSERT_EQ(raw[i], 0) << "byte " << i;
     EXPECT_STREQ(s.frequency, "36250");
 
-    std::string log = read_file(kLogPath);
-    size_t enable = log.find("[SAS] enableMode no value");
-    size_t usedp = log.find("[SAS] usedp no value");
-    size_t radio = log.find("[SAS] RadioEnable no value");
-    size_t psd = log.find("[SAS] powerSpectralDensity No value.\n");
-    ASSERT_NE(enable, std::string::npos) << log;
-    ASSERT_NE(usedp, std::string::npos) << log;
-    ASSERT_NE(radio, std::string::npos) << log;
-    ASSERT_NE(psd, std::string::npos) << log;
-    EXPECT_LT(enable, usedp);
-    EXPECT_LT(usedp, radio);
-    EXPECT_LT(radio, psd);
+    test::expect_in_order(read_file(kLogPath),
+                          {"[SAS] enableMode no value", "[SAS] usedp no value",
+                           "[SAS] RadioEnable no value", "[SAS] powerSpectralDensity No value.\n"});
 }
 
 TEST_F(SnapshotTest, HeightOfEightCharactersOrMoreIsCutToSix) {

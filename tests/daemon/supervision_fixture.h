@@ -6,6 +6,7 @@
 #include "daemon/supervision.h"
 
 #include "daemon/snapshot.h"
+#include "daemon/profile_fixture.h"
 #include "config/uci_store.h"
 #include "standalone/worker_control.h"
 #include "gating/gates.h"
@@ -88,9 +89,7 @@ inline std::string config_text(const std::string& enable_mode, const std::string
 }
 
 inline std::string get_option(const char* section, const char* option) {
-    char value[256] = {};
-    config::config_get(kSasConfigPath, section, option, value, sizeof value);
-    return value;
+    return test::get(section, option);
 }
 
 inline void set_option(const char* section, const char* option, const char* value) {

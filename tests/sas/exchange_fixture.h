@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,22 @@ namespace cbsd::test {
 inline std::string_view reply_bytes() { return reply_under_test(); }
 
 inline void write_reply(const std::string& text) { reply_under_test() = text; }
+
+// A reply parser's test: `reply` is zeroed before each test, and parse() puts
+// one element into the reply array named `kMember` and parses the whole.
+template <typename Reply, const char* kMember, int32_t (*kParse)(std::string_view, Reply*)>
+class ReplyParserTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        prepare_log_directory();
+        std::memset(&reply, 0, sizeof reply);
+    }
+    int32_t parse(const std::string& element) {
+        write_reply(std::string(R"({")") + kMember + R"(":[)" + element + "]}");
+        return kParse(reply_bytes(), &reply);
+    }
+    Reply reply{};
+};
 
 // Keeps what the exchange brought back for the parsers; its transport result.
 inline int32_t posted(const sas::PostReply& reply) {

@@ -114,19 +114,16 @@ TEST_F(GrantBodyTest, BodyThatDoesNotFitIsRefusedWhole) {
 
 // --- the reply ---
 
-class GrantReplyTest : public ::testing::Test {
+constexpr char kGrantMember[] = "grantResponse";
+
+class GrantReplyTest
+    : public test::ReplyParserTest<GrantResponse, kGrantMember, parse_grant_response> {
 protected:
     void SetUp() override {
-        test::prepare_log_directory();
-        std::memset(&reply, 0, sizeof reply);
+        ReplyParserTest::SetUp();
         reply.heartbeatInterval = 45;
         base::copy_text(reply.responseData, sizeof reply.responseData, "earlier");
     }
-    int32_t parse(const std::string& element) {
-        test::write_reply(R"({"grantResponse":[)" + element + "]}");
-        return parse_grant_response(test::reply_bytes(), &reply);
-    }
-    GrantResponse reply{};
 };
 
 TEST_F(GrantReplyTest, SuccessCopiesTheGrant) {

@@ -106,20 +106,17 @@ TEST(GrantRenewFlag, NonZeroIntegerTextRequestsRenewal) {
 
 // --- the reply ---
 
-class HeartbeatReplyTest : public ::testing::Test {
+constexpr char kHeartbeatMember[] = "heartbeatResponse";
+
+class HeartbeatReplyTest
+    : public test::ReplyParserTest<HeartbeatResponse, kHeartbeatMember, parse_heartbeat_response> {
 protected:
     void SetUp() override {
-        test::prepare_log_directory();
-        std::memset(&reply, 0, sizeof reply);
+        ReplyParserTest::SetUp();
         reply.heartbeatInterval = 90;
         base::copy_text(reply.grantExpireTime, sizeof reply.grantExpireTime,
                         "2029-01-01T00:00:00Z");
     }
-    int32_t parse(const std::string& element) {
-        test::write_reply(R"({"heartbeatResponse":[)" + element + "]}");
-        return parse_heartbeat_response(test::reply_bytes(), &reply);
-    }
-    HeartbeatResponse reply{};
 };
 
 TEST_F(HeartbeatReplyTest, SuccessCopiesTimesAndInterval) {

@@ -6,6 +6,7 @@
 #include "sas/exchanges.h"
 
 #include "body_assertions.h"
+#include "every_parser.h"
 #include "exchange_fixture.h"
 
 #include <gtest/gtest.h>
@@ -38,20 +39,7 @@ void install_recording_logger() {
 }
 
 // Every parser over the reply under test; none may crash.
-void parse_with_all_parsers() {
-    RegistrationResponse registration{};
-    parse_registration_response(test::reply_bytes(), &registration);
-    SpectrumInquiryResponse inquiry{};
-    parse_spectrum_inquiry_response(test::reply_bytes(), &inquiry);
-    GrantResponse grant{};
-    parse_grant_response(test::reply_bytes(), &grant);
-    HeartbeatResponse heartbeat{};
-    parse_heartbeat_response(test::reply_bytes(), &heartbeat);
-    RelinquishmentResponse relinquishment{};
-    parse_relinquishment_response(test::reply_bytes(), &relinquishment);
-    DeregistrationResponse deregistration{};
-    parse_deregistration_response(test::reply_bytes(), &deregistration);
-}
+void parse_with_all_parsers() { parse_with_every_parser(test::reply_bytes()); }
 
 std::string every_member_reply(const std::string& member, const std::string& value) {
     return "{\"" + member + "\":[{\"cbsdId\":" + value + ",\"grantId\":" + value +

@@ -5,6 +5,7 @@
 #include "base/settings.h"
 #include "sas/reply_reader.h"
 #include "support/sas_simulator.h"
+#include "https_support.h"
 #include "support/test_util.h"
 
 #include <curl/curl.h>
@@ -27,18 +28,14 @@ namespace {
 namespace fs = std::filesystem;
 using test::read_file;
 using test::write_file;
-
-constexpr const char* kBody = R"({"registrationRequest": [{"fccId": "F1", "cbsdSerialNumber": "S1"}]})";
+using https_test::kBody;
+using https_test::log_text;
 
 class HttpsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        fs::create_directories("/root/sas");
+        https_test::clear_credentials_and_log();
         fs::remove(kReplyDumpPath);
-        // Only the TLS credentials: other suites in this process may keep a CPI key.
-        for (const char* dir : {"clientCert", "clientKey", "serverCA"})
-            fs::remove_all(std::string("/root/sas/cert/") + dir);
-        fs::remove("/root/sas/sas.log");
     }
 
     // Installs the credentials and names them in section cert.
@@ -56,8 +53,17 @@ protected:
         certs.*field = value;
         return certs;
     }
-    static std::string log_text() { return read_file("/root/sas/sas.log"); }
     static std::string dump() { return read_file(kReplyDumpPath); }
+    // An empty grant request to the simulator.
+    static PostReply post_grant(const test::sim::Simulator& sim) {
+        return https_post(sim.endpoint_url("grant").c_str(), "{}");
+    }
+    // What the grant exchange's reader makes of these bytes.
+    static ReplyReadResult read_grant(std::string_view bytes) {
+        int32_t code = -1;
+        SasReply grant;
+        return read_sas_reply(bytes, "grantResponse", &grant, &code);
+    }
 };
 
 TEST_F(HttpsTest, FullExchangePostsJsonWithClientCertificateAndDumpsTheReply) {
@@ -220,7 +226,7 @@ TEST_F(HttpsTest, HtmlErrorPageLeavesTheDumpButNoParserTakesIt) {
     ASSERT_NE(registrationReply.find("registrationResponse"), std::string::npos);
 
     ASSERT_TRUE(sim.push("grant", R"({"html_error": true})"));
-    PostReply reply = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    PostReply reply = post_grant(sim);
     EXPECT_EQ(reply.result, 0);
     EXPECT_EQ(dump(), registrationReply);
 
@@ -243,13 +249,13 @@ TEST_F(HttpsTest, ReplyWithTheMarkerButAnErrorStatusIsNotUsed) {
     test::sim::Simulator sim;
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"status": 503, "responseCode": 0})"));
-    PostReply refused = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    PostReply refused = post_grant(sim);
     EXPECT_EQ(refused.result, 0);
     EXPECT_NE(dump().find("grantResponse"), std::string::npos);
     EXPECT_EQ(refused.dumped, dump());
     EXPECT_TRUE(refused.usable().empty());
     ASSERT_TRUE(sim.push("grant", R"({"responseCode": 0})"));
-    PostReply answered = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    PostReply answered = post_grant(sim);
     EXPECT_EQ(answered.result, 0);
     EXPECT_EQ(answered.usable(), dump());
 }
@@ -300,14 +306,11 @@ TEST_F(HttpsTest, NonJsonReplyWithTheMarkerIsDumpedAndUnreadable) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"body": "grantResponse is not JSON"})"));
 
-    PostReply posted = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    PostReply posted = post_grant(sim);
     EXPECT_EQ(posted.result, 0);
     EXPECT_EQ(dump(), "grantResponse is not JSON");
     EXPECT_EQ(posted.usable(), "grantResponse is not JSON");
-    int32_t code = -1;
-    SasReply reply;
-    EXPECT_EQ(read_sas_reply(posted.usable(), "grantResponse", &reply, &code),
-              ReplyReadResult::kUnreadable);
+    EXPECT_EQ(read_grant(posted.usable()), ReplyReadResult::kUnreadable);
 }
 
 TEST_F(HttpsTest, SecondChunkWithTheMarkerReplacesTheFirst) {
@@ -315,7 +318,7 @@ TEST_F(HttpsTest, SecondChunkWithTheMarkerReplacesTheFirst) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"chunks": ["{\"aResponse\": 1}", "{\"bResponse\": 2}"]})"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}").result, 0);
+    EXPECT_EQ(post_grant(sim).result, 0);
     EXPECT_EQ(dump(), R"({"bResponse": 2})");
 }
 
@@ -324,15 +327,12 @@ TEST_F(HttpsTest, SecondChunkWithoutTheMarkerKeepsTheFirstInTheDump) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"chunks": ["{\"grantResponse\": [", "]}"]})"));
 
-    PostReply posted = https_post(sim.endpoint_url("grant").c_str(), "{}");
+    PostReply posted = post_grant(sim);
     EXPECT_EQ(posted.result, 0);
     EXPECT_EQ(dump(), R"({"grantResponse": [)");
     EXPECT_EQ(posted.usable(), dump());
     // The parser therefore sees a cut reply.
-    int32_t code = -1;
-    SasReply reply;
-    EXPECT_EQ(read_sas_reply(posted.usable(), "grantResponse", &reply, &code),
-              ReplyReadResult::kUnreadable);
+    EXPECT_EQ(read_grant(posted.usable()), ReplyReadResult::kUnreadable);
 }
 
 TEST_F(HttpsTest, OnlyTheLastChunkWithTheMarkerCountsWhenTheFirstLacksIt) {
@@ -340,7 +340,7 @@ TEST_F(HttpsTest, OnlyTheLastChunkWithTheMarkerCountsWhenTheFirstLacksIt) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"chunks": ["no marker here", "{\"grantResponse\": []}"]})"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}").result, 0);
+    EXPECT_EQ(post_grant(sim).result, 0);
     EXPECT_EQ(dump(), R"({"grantResponse": []})");
 }
 
@@ -355,7 +355,7 @@ TEST_P(HttpsBodySizeTest, LargeBodyArrivesInPiecesAndOnlyAPrefixIsDumped) {
     provision();
     ASSERT_TRUE(sim.push("grant", R"({"size": )" + std::to_string(GetParam()) + "}"));
 
-    EXPECT_EQ(https_post(sim.endpoint_url("grant").c_str(), "{}").result, 0);
+    EXPECT_EQ(post_grant(sim).result, 0);
     std::string dumped = dump();
     EXPECT_GT(dumped.size(), 0u);
     EXPECT_LE(dumped.size(), static_cast<size_t>(CURL_MAX_WRITE_SIZE));

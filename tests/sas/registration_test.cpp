@@ -257,62 +257,54 @@ TEST_F(RegistrationBodyTest, TextThatIsNotUtf8IsSentEmptyWithALogLine) {
 
 // --- the reply ---
 
-class RegistrationReplyTest : public ::testing::Test {
+constexpr char kRegistrationMember[] = "registrationResponse";
+
+class RegistrationReplyTest
+    : public test::ReplyParserTest<RegistrationResponse, kRegistrationMember,
+                                   parse_registration_response> {
 protected:
     void SetUp() override {
-        test::prepare_log_directory();
-        std::memset(&reply, 0, sizeof reply);
+        ReplyParserTest::SetUp();
         base::copy_text(reply.cbsdId, sizeof reply.cbsdId, "previous");
     }
-    RegistrationResponse reply{};
 };
 
 TEST_F(RegistrationReplyTest, SuccessCopiesCbsdId) {
-    test::write_reply(
-        R"({"registrationResponse":[{"cbsdId":"id-1","response":{"responseCode":0}}]})");
-    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
+    EXPECT_EQ(0, parse(R"({"cbsdId":"id-1","response":{"responseCode":0}})"));
     EXPECT_EQ(0, reply.responseCode);
     EXPECT_STREQ("id-1", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, SuccessWithoutCbsdIdKeepsThePreviousId) {
-    test::write_reply(R"({"registrationResponse":[{"response":{"responseCode":0}}]})");
-    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
+    EXPECT_EQ(0, parse(R"({"response":{"responseCode":0}})"));
     EXPECT_STREQ("previous", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, CbsdIdThatIsNoStringIsIgnored) {
-    test::write_reply(R"({"registrationResponse":[{"cbsdId":17,"response":{"responseCode":0}}]})");
-    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
+    EXPECT_EQ(0, parse(R"({"cbsdId":17,"response":{"responseCode":0}})"));
     EXPECT_STREQ("previous", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, LongCbsdIdIsCutTo127) {
-    test::write_reply(R"({"registrationResponse":[{"cbsdId":")" + std::string(300, 'i') +
-                      R"(","response":{"responseCode":0}}]})");
-    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
+    EXPECT_EQ(0, parse(R"({"cbsdId":")" + std::string(300, 'i') +
+                       R"(","response":{"responseCode":0}})"));
     EXPECT_EQ(std::string(127, 'i'), reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, RefusalKeepsTheCodeAndTheId) {
-    test::write_reply(
-        R"({"registrationResponse":[{"cbsdId":"id-2","response":{"responseCode":200}}]})");
-    EXPECT_EQ(-1, parse_registration_response(test::reply_bytes(), &reply));
+    EXPECT_EQ(-1, parse(R"({"cbsdId":"id-2","response":{"responseCode":200}})"));
     EXPECT_EQ(200, reply.responseCode);
     EXPECT_STREQ("previous", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, OnlyTheFirstElementCounts) {
-    test::write_reply(
-        R"({"registrationResponse":[{"cbsdId":"first","response":{"responseCode":0}},)"
-        R"({"cbsdId":"second","response":{"responseCode":103}}]})");
-    EXPECT_EQ(0, parse_registration_response(test::reply_bytes(), &reply));
+    EXPECT_EQ(0, parse(R"({"cbsdId":"first","response":{"responseCode":0}},)"
+                       R"({"cbsdId":"second","response":{"responseCode":103}})"));
     EXPECT_STREQ("first", reply.cbsdId);
 }
 
 TEST_F(RegistrationReplyTest, ElementWithoutResponseIsNoSuccess) {
-    test::write_reply(R"({"registrationResponse":[{"cbsdId":"id-3"}]})");
-    EXPECT_EQ(-1, parse_registration_response(test::reply_bytes(), &reply));
+    EXPECT_EQ(-1, parse(R"({"cbsdId":"id-3"})"));
     EXPECT_EQ(-1, reply.responseCode);
     EXPECT_STREQ("previous", reply.cbsdId);  // nothing taken from it
 }

@@ -6,6 +6,7 @@
 #include "sas/tls_profile.h"
 
 #include "support/sas_simulator.h"
+#include "https_support.h"
 #include "support/test_util.h"
 
 #include <curl/curl.h>
@@ -21,10 +22,9 @@ namespace cbsd::sas {
 namespace {
 
 namespace fs = std::filesystem;
-using test::read_file;
 using test::write_file;
-
-constexpr const char* kBody = R"({"registrationRequest": [{"fccId": "F1", "cbsdSerialNumber": "S1"}]})";
+using https_test::kBody;
+using https_test::log_text;
 constexpr const char* kRefusedLine = "[SAS] TLS with the SAS refused (libcurl ";
 
 const std::set<std::string> kProfileSuites = {
@@ -82,10 +82,7 @@ protected:
         // End any streak an earlier test of this process left open, before the log goes.
         note_tls_result(CURLE_OK, "");
         note_ca_present();
-        fs::create_directories("/root/sas");
-        for (const char* dir : {"clientCert", "clientKey", "serverCA"})
-            fs::remove_all(std::string("/root/sas/cert/") + dir);
-        fs::remove("/root/sas/sas.log");
+        https_test::clear_credentials_and_log();
         ASSERT_TRUE(test::sim::install_device_certs({}));
     }
     // Section config with the given options, section cert naming the files.
@@ -96,7 +93,6 @@ protected:
     static int32_t post(const test::sim::Simulator& sim) {
         return https_post(sim.endpoint_url("registration").c_str(), kBody).result;
     }
-    static std::string log_text() { return read_file("/root/sas/sas.log"); }
 };
 
 TEST_F(TlsProfileTest, HelloOffersOnlyTheProfileSuitesAndTheHandshakeSucceeds) {

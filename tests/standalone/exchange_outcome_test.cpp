@@ -21,13 +21,9 @@ TEST_F(StandaloneThread, RefusedRegistrationStaysUnregisteredAndBacksOff) {
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration"}));
     EXPECT_EQ(stored("operation", "status"), "Unregistered");
     EXPECT_TRUE(has(log_text(), "[SAS] Register unsuccessfully, responseCode:103(INVALID_VALUE)\n"));
-    ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(sas_endpoints().size(), 1u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(14, 1u));
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "registration"}));
-    ASSERT_TRUE(PassGate::instance().steps(29));
-    EXPECT_EQ(sas_endpoints().size(), 2u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(29, 2u));
     EXPECT_EQ(count_of(sas_endpoints(), "registration"), 3u);
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
@@ -38,9 +34,7 @@ TEST_F(StandaloneThread, InquiryWithoutAReplyStaysRegisteredAndAsksAgain) {
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry"}));
     EXPECT_TRUE(has(log_text(), "[SAS] failed to do spectrumInquiry_request()\n"));
     EXPECT_EQ(stored("operation", "status"), "Registered");
-    ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(sas_endpoints().size(), 2u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(14, 2u));
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "spectrumInquiry",
                                           "grant", "heartbeat"}));
 }
@@ -52,9 +46,7 @@ TEST_F(StandaloneThread, GrantedDeregisterCodeGivesBackGrantAndRegistration) {
                                           "relinquishment", "deregistration"}));
     EXPECT_EQ(stored("operation", "status"), "Unregistered");
     EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
-    ASSERT_TRUE(PassGate::instance().steps(4));
-    EXPECT_EQ(sas_endpoints().size(), 6u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(4, 6u));
     EXPECT_EQ(count_of(sas_endpoints(), "registration"), 2u);
 }
 
@@ -66,9 +58,7 @@ TEST_F(StandaloneThread, ErrorStatusWithASuccessInItsBodyEndsTheAuthorisation) {
     ASSERT_TRUE(PassGate::instance().steps(60));
     EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
     EXPECT_TRUE(has(log_text(), "[SAS] Heartbeat unsuccessfully, responseCode:-1(UNKNOWN)\n"));
-    EXPECT_EQ(stored("operation", "status"), "Granted");
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
-    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
+    expect_silent_in("Granted");
 }
 
 // An error page after a success is not read as the previous reply again.
@@ -76,9 +66,7 @@ TEST_F(StandaloneThread, ErrorPageAfterASuccessAuthorisesNothing) {
     authorize();
     sas_push("heartbeat", R"({"html_error":true})");
     ASSERT_TRUE(PassGate::instance().steps(60));
-    EXPECT_EQ(stored("operation", "status"), "Granted");
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
-    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
+    expect_silent_in("Granted");
     ASSERT_TRUE(PassGate::instance().steps(4));
     EXPECT_EQ(count_of(sas_endpoints(), "heartbeat"), 2u);
     ASSERT_TRUE(PassGate::instance().step());

@@ -9,18 +9,11 @@ namespace {
 TEST_F(StandaloneThread, RepeatedGrantConflictsBackOff) {
     for (int i = 0; i < 3; ++i)
         sas_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
-    run_to_first_sleep();
     // The first conflict asks again after 5 s; the second waits 15 s.
-    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
-                                          "relinquishment"}));
-    ASSERT_TRUE(PassGate::instance().steps(4));
-    EXPECT_EQ(sas_endpoints().size(), 4u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(run_through_grant_conflict());
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "relinquishment", "grant", "relinquishment"}));
-    ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(sas_endpoints().size(), 6u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(14, 6u));
     EXPECT_EQ(count_of(sas_endpoints(), "grant"), 3u);
     // The third waits 30 s, then the grant goes through.
     ASSERT_TRUE(PassGate::instance().steps(29));

@@ -9,6 +9,7 @@
 #include "base/clock.h"
 #include "base/gate_state.h"
 #include "config/uci_store.h"
+#include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
 #include "scripted_sas.h"
 #include "support/modem_standin.h"
@@ -130,6 +131,33 @@ protected:
         ASSERT_EQ(sas_endpoints(),
                   (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat"}));
         ASSERT_EQ(stored("operation", "status"), "Authorized");
+    }
+
+    // Lets `quiet` passes go by while the SAS has still been asked `asked`
+    // times in all, then releases the pass that asks again.  Callers wrap it
+    // in ASSERT_NO_FATAL_FAILURE so that a stuck thread ends the test.
+    static void wait_out(int quiet, size_t asked) {
+        ASSERT_TRUE(PassGate::instance().steps(quiet));
+        EXPECT_EQ(sas_endpoints().size(), asked);
+        ASSERT_TRUE(PassGate::instance().step());
+    }
+
+    // The grant is refused as conflicting with grant-old (pushed by the
+    // caller): the first passes relinquish it and wait the 5 s before asking
+    // again, which this releases.
+    void run_through_grant_conflict() {
+        run_to_first_sleep();
+        EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
+                                              "relinquishment"}));
+        ASSERT_NO_FATAL_FAILURE(wait_out(4, 4));
+    }
+
+    // The device stands in `status` and may not transmit: RadioEnable is off
+    // and no transmit deadline is held.
+    static void expect_silent_in(const char* status) {
+        EXPECT_EQ(stored("operation", "status"), status);
+        EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
+        EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
     }
 
     static std::string log_text() { return test::read_file("/root/sas/sas.log"); }

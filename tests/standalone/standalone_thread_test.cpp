@@ -44,11 +44,7 @@ TEST_F(StandaloneThread, HeartbeatsEveryHeartbeatInterval) {
     EXPECT_TRUE(has(sas_request_element("heartbeat", 1), R"("operationState":"AUTHORIZED")"));
 }
 
-size_t occurrences(const std::string& text, const std::string& piece) {
-    size_t n = 0;
-    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
-    return n;
-}
+using test::occurrences;
 
 TEST_F(StandaloneThread, OutcomesGoToTheSystemLogButSendingLinesDoNot) {
     unlink("/etc/lab/syslog.jsonl");
@@ -66,21 +62,23 @@ TEST_F(StandaloneThread, OutcomesGoToTheSystemLogButSendingLinesDoNot) {
     EXPECT_EQ(occurrences(syslog, "[SAS] Heartbeat successfully"), 1u);
 }
 
-TEST_F(StandaloneThread, InquiryLowersTheGrantPower) {
+// The next inquiry offers the whole band at `maxEirp`.
+void offer_band_at(const char* maxEirp) {
     sas_push("spectrumInquiry",
-             R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
-             R"("highFrequency":3700000000},"channelType":"GAA","ruleApplied":"FCC_PART_96",)"
-             R"("maxEirp":20}]}})");
+             std::string(R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
+                         R"("highFrequency":3700000000},"channelType":"GAA","ruleApplied":"FCC_PART_96",)"
+                         R"("maxEirp":)") + maxEirp + "}]}}");
+}
+
+TEST_F(StandaloneThread, InquiryLowersTheGrantPower) {
+    offer_band_at("20");
     authorize();
     EXPECT_TRUE(has(sas_request_element("grant", 0), R"("maxEirp":20)"));
     EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "20");
 }
 
 TEST_F(StandaloneThread, InquiryNeverRaisesTheGrantPower) {
-    sas_push("spectrumInquiry",
-             R"({"set":{"availableChannel":[{"frequencyRange":{"lowFrequency":3550000000,)"
-             R"("highFrequency":3700000000},"channelType":"GAA","ruleApplied":"FCC_PART_96",)"
-             R"("maxEirp":30}]}})");
+    offer_band_at("30");
     authorize();
     EXPECT_TRUE(has(sas_request_element("grant", 0), R"("maxEirp":23)"));
     EXPECT_EQ(stored("sasConfig", "powerSpectralDensity"), "23");
@@ -90,9 +88,7 @@ TEST_F(StandaloneThread, InquiryDeregisterCodeDeregistersAndStartsOverAfterFiveS
     sas_push("spectrumInquiry", R"({"responseCode":105})");
     run_to_first_sleep();
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "deregistration"}));
-    ASSERT_TRUE(PassGate::instance().steps(4));
-    EXPECT_EQ(sas_endpoints().size(), 3u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(4, 3u));
     Endpoints seen = sas_endpoints();
     ASSERT_GE(seen.size(), 4u);
     EXPECT_EQ(Endpoints(seen.begin(), seen.begin() + 4),
@@ -105,9 +101,7 @@ TEST_F(StandaloneThread, FailedInquiryIsAskedAgainAfterTheBackOff) {
     sas_push("spectrumInquiry", R"({"responseCode":103})");
     run_to_first_sleep();
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry"}));
-    ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(sas_endpoints().size(), 2u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(14, 2u));
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "spectrumInquiry",
                                           "grant", "heartbeat"}));
 }
@@ -120,21 +114,14 @@ TEST_F(StandaloneThread, FailedGrantIsRetriedAloneWithGrowingBackOff) {
     EXPECT_TRUE(has(log_text(), "[SAS] Grant unsuccessfully, responseCode:400("));
     ASSERT_TRUE(PassGate::instance().steps(15));
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "grant"}));
-    ASSERT_TRUE(PassGate::instance().steps(29));
-    EXPECT_EQ(sas_endpoints().size(), 4u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(29, 4u));
     EXPECT_EQ(count_of(sas_endpoints(), "grant"), 3u);
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 
 TEST_F(StandaloneThread, GrantConflictRelinquishesTheNamedGrantAndAsksAgainAfterFiveSeconds) {
     sas_push("grant", R"({"responseCode":401,"responseData":["grant-old"]})");
-    run_to_first_sleep();
-    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
-                                          "relinquishment"}));
-    ASSERT_TRUE(PassGate::instance().steps(4));
-    EXPECT_EQ(sas_endpoints().size(), 4u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(run_through_grant_conflict());
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant",
                                           "relinquishment", "grant", "heartbeat"}));
     EXPECT_TRUE(has(sas_request_element("relinquishment", 0), R"("grantId":"grant-old")"));
@@ -223,9 +210,7 @@ TEST_F(AuthorizedHeartbeat, Code500WithdrawsRadioEnable) {
     sas_push("heartbeat", R"({"responseCode":500})");
     sas_push("grant", R"({"responseCode":400})");  // hold the thread in Registered
     ASSERT_TRUE(PassGate::instance().steps(60));
-    EXPECT_EQ(stored("operation", "status"), "Registered");
-    EXPECT_EQ(stored("sasConfig", "RadioEnable"), "0");
-    EXPECT_FALSE(transmit_deadline_held(base::monotonic_ms64() + 1000));
+    expect_silent_in("Registered");
 }
 
 TEST_F(AuthorizedHeartbeat, Code502WithdrawsRadioEnable) {
@@ -353,9 +338,7 @@ TEST_F(StandaloneThread, TransportFailureWaitsFifteenSeconds) {
     run_to_first_sleep();
     EXPECT_EQ(sas_endpoints(), (Endpoints{"registration"}));
     EXPECT_TRUE(has(log_text(), "[SAS] failed to do registeration_request()\n"));
-    ASSERT_TRUE(PassGate::instance().steps(14));
-    EXPECT_EQ(sas_endpoints().size(), 1u);
-    ASSERT_TRUE(PassGate::instance().step());
+    ASSERT_NO_FATAL_FAILURE(wait_out(14, 1u));
     EXPECT_EQ(count_of(sas_endpoints(), "registration"), 2u);
 }
 

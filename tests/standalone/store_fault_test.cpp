@@ -28,11 +28,6 @@ protected:
         unsigned long flags = MS_REMOUNT | (read_only ? MS_RDONLY : 0);
         ASSERT_EQ(mount(nullptr, "/etc/config", nullptr, flags, "size=64k"), 0) << std::strerror(errno);
     }
-    static size_t count(const std::string& text, const std::string& what) {
-        size_t n = 0;
-        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-        return n;
-    }
 };
 
 TEST_F(StoreFault, AnExpiryTheStoreCannotClearIsActedOnOnceAndRequestsStayPaced) {
@@ -43,8 +38,8 @@ TEST_F(StoreFault, AnExpiryTheStoreCannotClearIsActedOnOnceAndRequestsStayPaced)
     size_t before = sas_endpoints().size();
     ASSERT_TRUE(PassGate::instance().steps(120));
     std::string log = log_text();
-    EXPECT_EQ(count(log, "] is expired.\n"), 1u) << log;
-    EXPECT_EQ(count(log, "cannot be written"), 1u) << log;
+    EXPECT_EQ(test::occurrences(log, "] is expired.\n"), 1u) << log;
+    EXPECT_EQ(test::occurrences(log, "cannot be written"), 1u) << log;
     // The GRANTED heartbeat after the expiry, then one per heartbeat period:
     // the stale time in the file is not taken for a new expiry every pass.
     size_t sent = sas_endpoints().size() - before;
@@ -54,8 +49,8 @@ TEST_F(StoreFault, AnExpiryTheStoreCannotClearIsActedOnOnceAndRequestsStayPaced)
 
     set_read_only(false);
     ASSERT_TRUE(PassGate::instance().step());
-    EXPECT_EQ(count(log_text(), "[SAS] /etc/config/sas can be written again.\n"), 1u) << log_text();
-    EXPECT_EQ(count(log_text(), "] is expired.\n"), 1u);
+    EXPECT_EQ(test::occurrences(log_text(), "[SAS] /etc/config/sas can be written again.\n"), 1u) << log_text();
+    EXPECT_EQ(test::occurrences(log_text(), "] is expired.\n"), 1u);
     EXPECT_EQ(stored("operation", "status"), "Authorized");
 }
 

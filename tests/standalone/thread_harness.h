@@ -162,4 +162,11 @@ inline std::string sas_config_text(const std::string& url, const std::string& st
            "\toption bandwidth '20'\n";
 }
 
+// How many times `piece` stands in `text` (overlapping ones too).
+inline size_t occurrences(const std::string& text, const std::string& piece) {
+    size_t n = 0;
+    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
+    return n;
+}
+
 }  // namespace cbsd::test

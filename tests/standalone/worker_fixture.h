@@ -18,11 +18,7 @@ namespace cbsd::standalone {
 
 inline std::string log_text() { return test::read_file("/root/sas/sas.log"); }
 
-inline size_t occurrences(const std::string& text, const std::string& piece) {
-    size_t n = 0;
-    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1)) ++n;
-    return n;
-}
+using test::occurrences;
 
 // The id printed in the first "create standalone thread[ID] success." line.
 inline std::string created_thread_id(const std::string& log) {
