@@ -22,8 +22,13 @@ public:
     explicit GateCloser(int delayMs) {
         base::publish_gates_closed(false);
         thread_ = std::thread([this, delayMs] {
-            while (!quit_.load() && stored("sasConfig", "RadioEnable") != "0")
+            // Bounded, so that a worker that never withdraws fails the test
+            // instead of hanging it.
+            auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+            while (!quit_.load() && stored("sasConfig", "RadioEnable") != "0") {
+                if (std::chrono::steady_clock::now() > giveUp) return;
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
             if (quit_.load()) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
             seenWhenClosed_ = sas_endpoints();
