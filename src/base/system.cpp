@@ -352,6 +352,8 @@ TimeLimitCap::TimeLimitCap(int seconds) : previous_(t_limit_cap_s) {
 
 TimeLimitCap::~TimeLimitCap() { t_limit_cap_s = previous_; }
 
+int time_limit_for_this_thread(int time_limit_s) { return capped(time_limit_s); }
+
 namespace {
 
 bool executable_file(const std::string& path) {

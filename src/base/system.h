@@ -59,6 +59,11 @@ private:
     int previous_;
 };
 
+// The limit a start on this thread gets when it asks for time_limit_s: less
+// while a TimeLimitCap is in force.  For work that waits without a process
+// (a ubus call) and must keep the same bound.
+int time_limit_for_this_thread(int time_limit_s);
+
 // Leaves the terminal: goes on as a grandchild in a new session, umask 0, SIGHUP
 // ignored, standard descriptors on /dev/null.  Only the grandchild returns.
 void detach_from_terminal();

@@ -1,5 +1,8 @@
-// One call of the modem manager, `ubus call ubus_lte METHOD`, started by
-// argument vector (no shell) with the system seam's time limit.
+// One call of the modem manager's METHOD: over the bus thread's libubus
+// connection while it runs (no process), otherwise `ubus call ubus_lte
+// METHOD` started by argument vector (no shell).  Both have the system seam's
+// time limit, and both give the same outcome and the same reply text for
+// whatever the modem manager answers.
 #pragma once
 
 #include "base/output_sink.h"
@@ -7,10 +10,10 @@
 namespace cbsd::modem {
 
 enum class ModemCall {
-    kAnswered,  // ubus ended with status 0: the reply is the modem manager's
-    kRefused,   // ubus ended with a failure status, nothing on standard output:
-                // `ubus_lte` not registered, no ubusd, a method that failed
-    kCutShort,  // killed at the time limit, or ubus could not be started
+    kAnswered,  // status 0: the reply is the modem manager's
+    kRefused,   // a failure status: `ubus_lte` not registered, no ubusd, a
+                // method that failed
+    kCutShort,  // no answer within the time limit, or ubus could not be started
 };
 
 // The reply goes to `reply` as it arrives.  `shown_as` is the command line a
