@@ -7,7 +7,10 @@
 
 #include "base/log.h"
 
+// libubox's headers declare C functions without saying so to C++.
+extern "C" {
 #include <libubox/blobmsg_json.h>
+}
 #include <libubus.h>
 
 #include <algorithm>
@@ -82,9 +85,10 @@ struct Bus {
     std::vector<Periodic> periodic;
 };
 
+// Never destroyed: the daemon ends with _Exit while the thread may still run.
 Bus& the_bus() {
-    static Bus bus;
-    return bus;
+    static Bus* bus = new Bus;
+    return *bus;
 }
 
 void on_connection_lost(ubus_context*) { the_bus().lost = true; }

@@ -2,6 +2,7 @@
 
 #include "config/accessors.h"
 #include "config/cbsd_state_reset.h"
+#include "daemon/bus_services.h"
 #include "daemon/certificate_handover.h"
 #include "daemon/profile_defaults.h"
 #include "daemon/shutdown.h"
@@ -97,6 +98,7 @@ int run_daemon() {
     else if (!s.foreground)
         base::detach_from_terminal();
 
+    start_bus_services();
     ensure_work_dir();
     base::notice("\n[SAS] SAS Version " CBSD_VERSION "\n");  // VERSION, through the build
 
