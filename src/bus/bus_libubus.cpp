@@ -38,7 +38,7 @@ constexpr auto kReconnectPause = std::chrono::seconds(1);
 // A caller waits this much beyond its limit for the bus thread's own
 // time-out to arrive, before it gives up on its own.
 constexpr auto kAnswerGrace = std::chrono::milliseconds(200);
-// Calls queued behind one that ubusd keeps waiting; more fail at once.
+// Calls queued at once (each caller has one at most); more fail at once.
 constexpr size_t kMaxQueued = 16;
 
 struct Job {
@@ -292,6 +292,10 @@ void ring(Bus& bus) {
 CallResult wait_for_answer(Bus& bus, const std::shared_ptr<Job>& job) {
     std::unique_lock<std::mutex> lock(bus.mutex);
     if (!bus.answered.wait_until(lock, job->deadline + kAnswerGrace, [&] { return job->done; })) {
+        // Not even started (the bus thread is held up by ubusd): the call is
+        // withdrawn, so that waiters that gave up never crowd the queue.
+        auto queued = std::find(bus.queue.begin(), bus.queue.end(), job);
+        if (queued != bus.queue.end()) bus.queue.erase(queued);
         CallResult late;
         late.end = CallEnd::kTimedOut;
         return late;
