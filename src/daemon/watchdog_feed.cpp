@@ -4,6 +4,7 @@
 #include "base/log.h"
 #include "bus/bus.h"
 
+#include <cstdlib>
 #include <jansson.h>
 #include <unistd.h>
 
