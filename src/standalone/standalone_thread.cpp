@@ -130,6 +130,13 @@ bool run_pass(Worker& w) {
         stop(w);
         return false;
     }
+    // The process is stopping (or this worker outlived its stop): the gates
+    // close first, and meanwhile the worker asks the SAS for nothing more;
+    // its stop gives back what it holds.
+    if (transmit_deadline_fenced()) {
+        base::sleep_seconds(1);
+        return true;
+    }
     check_transmit_expiry(w);
     if (check_grant_expiry(w)) return true;
     if (base::settings().debug) print_timer_line(w.operTimer);
