@@ -4,6 +4,7 @@
 #include "base/clock.h"
 #include "base/status_history.h"
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 
@@ -15,7 +16,7 @@ namespace {
 // worker and the guard publish, the bus thread copies.
 std::mutex g_reportLock;
 StatusReport g_report;
-void (*g_listener)() = nullptr;
+std::atomic<uint64_t> g_stateChanges{0};
 
 using Hold = std::lock_guard<std::mutex>;
 
@@ -58,8 +59,10 @@ void forget_what_the_state_lacks(StatusReport& report, uint8_t id) {
     if (id == kUnregistered || id == kRegistered) forget_grant(report);
 }
 
-void notify(bool changed) {
-    if (changed && g_listener) g_listener();
+// Under the lock: the count and the report move together.
+void count_state_change(StatusReport& report) {
+    ++report.stateChanges;
+    g_stateChanges.store(report.stateChanges);
 }
 
 uint8_t sas_value(bool sasEnabled, bool dpMode) {
@@ -100,41 +103,31 @@ const char* failure_name(Failure failure) {
     return "";
 }
 
-void set_state_listener(void (*listener)()) { g_listener = listener; }
+uint64_t state_change_count() { return g_stateChanges.load(); }
 
 // The SAS switch and the mode count as one entry of the history.
 void report_mode(bool sasEnabled, bool dpMode, bool radioEnable) {
-    bool changed = false;
-    {
-        Hold hold(g_reportLock);
-        StatusReport& r = g_report;
-        bool modeChanged = !r.modeKnown || r.sasEnabled != sasEnabled || r.dpMode != dpMode;
-        bool radioChanged = !r.modeKnown || r.radioEnable != radioEnable;
-        r.modeKnown = true;
-        r.sasEnabled = sasEnabled;
-        r.dpMode = dpMode;
-        r.radioEnable = radioEnable;
-        if (modeChanged) record_history(HistoryKind::kSas, sas_value(sasEnabled, dpMode));
-        if (radioChanged) record_history(HistoryKind::kRadio, radioEnable ? 1 : 0);
-        changed = modeChanged || radioChanged;
-        if (changed) ++r.stateChanges;
-    }
-    notify(changed);
+    Hold hold(g_reportLock);
+    StatusReport& r = g_report;
+    bool modeChanged = !r.modeKnown || r.sasEnabled != sasEnabled || r.dpMode != dpMode;
+    bool radioChanged = !r.modeKnown || r.radioEnable != radioEnable;
+    r.modeKnown = true;
+    r.sasEnabled = sasEnabled;
+    r.dpMode = dpMode;
+    r.radioEnable = radioEnable;
+    if (modeChanged) record_history(HistoryKind::kSas, sas_value(sasEnabled, dpMode));
+    if (radioChanged) record_history(HistoryKind::kRadio, radioEnable ? 1 : 0);
+    if (modeChanged || radioChanged) count_state_change(r);
 }
 
 void report_state(const char* state) {
-    bool changed = false;
-    {
-        Hold hold(g_reportLock);
-        changed = set_text(g_report.state, state);
-        uint8_t id = state_id(g_report.state);
-        forget_what_the_state_lacks(g_report, id);
-        if (changed) {
-            record_history(HistoryKind::kState, id);
-            ++g_report.stateChanges;
-        }
-    }
-    notify(changed);
+    Hold hold(g_reportLock);
+    bool changed = set_text(g_report.state, state);
+    uint8_t id = state_id(g_report.state);
+    forget_what_the_state_lacks(g_report, id);
+    if (!changed) return;
+    record_history(HistoryKind::kState, id);
+    count_state_change(g_report);
 }
 
 void report_cbsd_id(const char* cbsdId) {
@@ -160,19 +153,13 @@ void report_transmit_expire_time(const char* text) {
 }
 
 void report_gate(Gate gate, bool open) {
-    bool changed = false;
-    {
-        Hold hold(g_reportLock);
-        GateState& slot = g_report.gates[static_cast<size_t>(gate)];
-        GateState now = open ? GateState::kOpen : GateState::kClosed;
-        changed = slot != now;
-        slot = now;
-        if (changed) {
-            record_history(HistoryKind::kGates, gate_bits(g_report));
-            ++g_report.stateChanges;
-        }
-    }
-    notify(changed);
+    Hold hold(g_reportLock);
+    GateState& slot = g_report.gates[static_cast<size_t>(gate)];
+    GateState now = open ? GateState::kOpen : GateState::kClosed;
+    if (slot == now) return;
+    slot = now;
+    record_history(HistoryKind::kGates, gate_bits(g_report));
+    count_state_change(g_report);
 }
 
 void report_exchange(Request request, bool replied, int32_t responseCode) {
@@ -207,6 +194,7 @@ void reset_status_report() {
     {
         Hold hold(g_reportLock);
         g_report = StatusReport{};
+        g_stateChanges.store(0);
     }
     reset_history();
 }

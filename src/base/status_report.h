@@ -79,10 +79,10 @@ struct StatusReport {
     int64_t failingSince[kFailureCount] = {};  // when the failure started
 };
 
-// Called after every change that counts in stateChanges, on the publishing
-// thread and outside the report's lock; it must not wait either.  Set before
-// the threads start (nullptr: none).
-void set_state_listener(void (*listener)());
+// stateChanges without the lock: the bus thread looks at it a few times a
+// second and sends a state event when it has moved, so that no publisher
+// ever composes or sends anything itself.
+uint64_t state_change_count();
 
 // The loop, every pass.
 void report_mode(bool sasEnabled, bool dpMode, bool radioEnable);
@@ -102,7 +102,7 @@ void report_failure(Failure failure, bool failing);
 
 StatusReport status_copy();
 
-// Back to the state before any report, listener kept (tests).
+// Back to the state before any report (tests).
 void reset_status_report();
 
 }  // namespace cbsd::base
