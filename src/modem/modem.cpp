@@ -2,6 +2,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "bus/bus.h"
 #include "modem/line_filter.h"
 #include "modem/lte_info.h"
 #include "modem/modem_manager.h"
@@ -131,6 +132,8 @@ bool lte_connected_seen_within(uint32_t max_age_ms) {
         return (seen & 1) != 0;
     return query_attachment();
 }
+
+bool queries_start_processes() { return !bus::running(); }
 
 int get_dl_frequency() {
     const char* output = lte_info(kDownlinkFrequencyCommand).frequency;

@@ -34,6 +34,9 @@ bool is_lte_connected();
 // that only watches for a change ride on the supervision pass's own query
 // instead of starting the modem manager once more.
 bool lte_connected_seen_within(uint32_t max_age_ms);
+// True when each query starts a process (the `ubus` CLI); false while they go
+// over the bus thread's libubus connection, where a query costs no process.
+bool queries_start_processes();
 int get_dl_frequency();  // tenths of a MHz; 0 on failure
 int get_bandwidth();     // MHz; -1 on failure
 int get_band();          // -1 on failure
