@@ -103,6 +103,10 @@ const char* failure_name(Failure failure) {
     return "";
 }
 
+const char* certificate_name(Certificate certificate) {
+    return certificate == Certificate::kClient ? "client" : "sas_ca";
+}
+
 uint64_t state_change_count() { return g_stateChanges.load(); }
 
 // The SAS switch and the mode count as one entry of the history.
@@ -183,6 +187,15 @@ void report_failure(Failure failure, bool failing) {
     size_t slot = static_cast<size_t>(failure);
     if (failing && !g_report.failing[slot]) g_report.failingSince[slot] = now;
     g_report.failing[slot] = failing;
+}
+
+void report_certificate(Certificate certificate, const char* file, const int64_t* notAfter) {
+    Hold hold(g_reportLock);
+    CertificateReport& slot = g_report.certificates[static_cast<size_t>(certificate)];
+    slot.held = true;
+    set_text(slot.file, file);
+    slot.readable = notAfter != nullptr;
+    slot.notAfter = notAfter ? *notAfter : 0;
 }
 
 StatusReport status_copy() {

@@ -41,6 +41,19 @@ inline constexpr size_t kFailureCount = 4;
 // "store_write", "store_read", "tls_handshake", "sas_ca_missing".
 const char* failure_name(Failure failure);
 
+// The TLS credentials whose expiry the status shows.
+enum class Certificate : uint8_t { kClient, kSasCa };
+inline constexpr size_t kCertificateCount = 2;
+// "client", "sas_ca".
+const char* certificate_name(Certificate certificate);
+
+struct CertificateReport {
+    bool held = false;  // false until a worker has read it
+    char file[64] = {};
+    bool readable = false;
+    int64_t notAfter = 0;  // epoch seconds, when readable
+};
+
 struct ExchangeReport {
     bool held = false;  // false until the first exchange
     Request request = Request::kRegistration;
@@ -77,6 +90,7 @@ struct StatusReport {
     GrantReport grant;
     bool failing[kFailureCount] = {};
     int64_t failingSince[kFailureCount] = {};  // when the failure started
+    CertificateReport certificates[kCertificateCount];
 };
 
 // stateChanges without the lock: the bus thread looks at it a few times a
@@ -99,6 +113,9 @@ void report_gate(Gate gate, bool open);
 // Every exchange; responseCode counts only when replied.
 void report_exchange(Request request, bool replied, int32_t responseCode);
 void report_failure(Failure failure, bool failing);
+// The worker as it starts: the file's name, and its notAfter (nullptr when
+// the file cannot be read as a certificate).
+void report_certificate(Certificate certificate, const char* file, const int64_t* notAfter);
 
 StatusReport status_copy();
 

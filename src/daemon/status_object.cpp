@@ -115,6 +115,19 @@ json_t* grant_of(const base::GrantReport& grant) {
     return object;
 }
 
+json_t* certificates_of(const base::CertificateReport (&certificates)[base::kCertificateCount]) {
+    json_t* object = json_object();
+    for (size_t which = 0; which < base::kCertificateCount; ++which) {
+        const base::CertificateReport& c = certificates[which];
+        if (!c.held) continue;
+        json_t* one = json_object();
+        put(one, "file", text(c.file));
+        put(one, "not_after", c.readable ? utc(c.notAfter) : json_string(""));
+        put(object, base::certificate_name(static_cast<base::Certificate>(which)), one);
+    }
+    return object;
+}
+
 // Whole seconds, rounded up: 0 only once the deadline has passed.
 int64_t seconds_left(int64_t msLeft) { return msLeft <= 0 ? 0 : (msLeft + 999) / 1000; }
 
@@ -153,6 +166,7 @@ std::string status_json(const base::StatusReport& r, const LiveStatus& live) {
     put(status, "last_exchange", last_exchange_of(r.lastExchange));
     put(status, "failures", failures_of(r, live));
     put(status, "grant", grant_of(r.grant));
+    put(status, "certificates", certificates_of(r.certificates));
     return dump(status);
 }
 

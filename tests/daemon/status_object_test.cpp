@@ -135,7 +135,7 @@ TEST(StatusObject, TextsFromTheSasAreEscapedNeverSpliced) {
     std::strcpy(r.cbsdId, hostile);
     Json status = parsed(daemon::status_json(r, live_at(-1)));
     EXPECT_EQ(member_text(status.get(), "cbsdId"), hostile);
-    EXPECT_EQ(json_object_size(status.get()), 14u);
+    EXPECT_EQ(json_object_size(status.get()), 15u);
 }
 
 TEST(StatusObject, TextCutInsideAUtf8CharacterStillGivesJson) {
@@ -213,4 +213,20 @@ TEST(StatusObject, AFullHourOfHistoryFitsItsBound) {
     // A full ring, a heartbeat every second for an hour, stays below what one
     // ubus message carries (1 MiB); an hour of heartbeats a minute is ~70 entries.
     EXPECT_LT(text.size(), 600u * 1024u);
+}
+
+TEST(StatusObject, CertificatesWithTheirExpiryOnceAWorkerReadThem) {
+    base::StatusReport r = authorized_report();
+    Json before = parsed(daemon::status_json(r, live_at(-1)));
+    EXPECT_EQ(json_object_size(json_object_get(before.get(), "certificates")), 0u);
+    r.certificates[0] = base::CertificateReport{true, "cbsd.pem", true, 1'800'000'000};
+    r.certificates[1] = base::CertificateReport{true, "ca.pem", false, 0};
+    Json status = parsed(daemon::status_json(r, live_at(-1)));
+    json_t* certificates = json_object_get(status.get(), "certificates");
+    json_t* client = json_object_get(certificates, "client");
+    EXPECT_EQ(member_text(client, "file"), "cbsd.pem");
+    EXPECT_EQ(member_text(client, "not_after"), "2027-01-15T08:00:00Z");
+    json_t* ca = json_object_get(certificates, "sas_ca");
+    EXPECT_EQ(member_text(ca, "file"), "ca.pem");
+    EXPECT_EQ(member_text(ca, "not_after"), "");
 }
