@@ -4,6 +4,7 @@ real ubusd, in the StandAlone lab: `ubus call cbsd status` and `history`, and
 ../shared/openwrt and a daemon built with libubus
 (-DCBSD_OPENWRT_ROOT=../shared/openwrt/rootfs); skipped by name otherwise."""
 import json
+import os
 import signal
 import subprocess
 
@@ -16,6 +17,8 @@ from lab.router import daemon_binary
 def _skip_reason():
     if not openwrt_bus.available():
         return "../shared/openwrt (the real OpenWrt ubusd and ubus CLI) is absent"
+    if not os.access(daemon_binary(), os.X_OK):
+        return f"no daemon binary at {daemon_binary()}"
     dynamic = subprocess.run(["readelf", "-d", daemon_binary()], capture_output=True,
                              text=True).stdout
     if "libubus" not in dynamic:
