@@ -6,6 +6,7 @@
 #include "bus/bus.h"
 
 #include "base/log.h"
+#include "base/progress.h"
 
 // libubox's headers declare C functions without saying so to C++.
 extern "C" {
@@ -38,7 +39,7 @@ constexpr auto kReconnectPause = std::chrono::seconds(1);
 // A caller waits this much beyond its limit for the bus thread's own
 // time-out to arrive, before it gives up on its own.
 constexpr auto kAnswerGrace = std::chrono::milliseconds(200);
-// Calls queued behind one that ubusd keeps waiting; more fail at once.
+// Calls queued at once (each caller has one at most); more fail at once.
 constexpr size_t kMaxQueued = 16;
 
 struct Job {
@@ -292,6 +293,10 @@ void ring(Bus& bus) {
 CallResult wait_for_answer(Bus& bus, const std::shared_ptr<Job>& job) {
     std::unique_lock<std::mutex> lock(bus.mutex);
     if (!bus.answered.wait_until(lock, job->deadline + kAnswerGrace, [&] { return job->done; })) {
+        // Not even started (the bus thread is held up by ubusd): the call is
+        // withdrawn, so that waiters that gave up never crowd the queue.
+        auto queued = std::find(bus.queue.begin(), bus.queue.end(), job);
+        if (queued != bus.queue.end()) bus.queue.erase(queued);
         CallResult late;
         late.end = CallEnd::kTimedOut;
         return late;
@@ -346,7 +351,10 @@ bool running() { return the_bus().running; }
 
 bool connected() { return the_bus().connected; }
 
-CallResult call(const char* object, const char* method, const char* json_args, int time_limit_ms) {
+namespace {
+
+CallResult call_on_bus(const char* object, const char* method, const char* json_args,
+                       int time_limit_ms) {
     Bus& bus = the_bus();
     if (!bus.running) return CallResult{};
     auto job = std::make_shared<Job>();
@@ -361,6 +369,14 @@ CallResult call(const char* object, const char* method, const char* json_args, i
         return crowded;
     }
     return wait_for_answer(bus, job);
+}
+
+}  // namespace
+
+CallResult call(const char* object, const char* method, const char* json_args, int time_limit_ms) {
+    CallResult result = call_on_bus(object, method, json_args, time_limit_ms);
+    base::note_step_done();  // a call that ended, answered or not, is progress
+    return result;
 }
 
 const char* status_text(int status) { return ubus_strerror(status); }

@@ -11,6 +11,7 @@
 #include "daemon/transmit_guard.h"
 #include "base/clock.h"
 #include "base/log.h"
+#include "base/progress.h"
 #include "base/status_report.h"
 #include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
@@ -390,6 +391,7 @@ bool supervision_loop() {
     // ends the sleep that follows it.
     ConfigWatch watch(config::kSasConfigPath);
     while (!stop_requested()) {
+        base::note_step_done();  // procd's watchdog is fed while passes go on
         if (run_supervision_pass(state) == PassOutcome::kUnchanged) steady_sleep(watch);
     }
     return state.current.sasEnable != 0;

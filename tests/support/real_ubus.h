@@ -68,6 +68,10 @@ public:
         end(ubusd_);
         unlink("/run/ubus/ubus.sock");
     }
+    // ubusd frozen (SIGSTOP) and thawed: a bus that answers nothing.
+    void freeze_ubusd() { if (ubusd_ > 0) kill(ubusd_, SIGSTOP); }
+    void thaw_ubusd() { if (ubusd_ > 0) kill(ubusd_, SIGCONT); }
+
     // The modem manager's state (members as tests/lab/README.md lists them).
     static void set_modem_state(const std::string& state_json) {
         mkdir("/etc/lab", 0755);
@@ -112,6 +116,7 @@ private:
     static void end(pid_t& pid) {
         if (pid < 0) return;
         kill(pid, SIGKILL);
+        kill(pid, SIGCONT);
         waitpid(pid, nullptr, 0);
         pid = -1;
     }

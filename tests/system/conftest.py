@@ -3,10 +3,13 @@ routers watched by the fail-closed sampler, and the StandAlone lab (a router
 with the SAS simulator inside).  tests/pytest.ini puts tests/ on the module
 path, so `lab` and `sas_sim` import as packages."""
 import os
+import shutil
+import tempfile
 
 import pytest
 
-from lab import device_config, fail_closed, sas_lab
+from lab import device_config, fail_closed, openwrt_bus, sas_lab
+from lab import openwrt_procd as openwrt_procd_lab
 from lab.router import VirtualRouter, daemon_binary
 
 
@@ -107,3 +110,17 @@ def pytest_collection_modifyitems(config, items):
     for item in items:
         if "firewall_tools" in item.keywords:
             item.add_marker(skip)
+
+
+@pytest.fixture
+def openwrt_procd(cbsd_bin):
+    """A namespace with OpenWrt's real ubusd, procd and `ubus` CLI running the
+    package's init script (lab.openwrt_procd)."""
+    if not openwrt_bus.available():
+        pytest.skip("../shared/openwrt (the real OpenWrt procd, ubusd and ubus CLI) is absent")
+    directory = tempfile.mkdtemp(prefix="cbsd-procd-", dir="/var/tmp")
+    try:
+        with openwrt_procd_lab.procd_namespace(cbsd_bin, directory) as bus:
+            yield bus
+    finally:
+        shutil.rmtree(directory, ignore_errors=True)
