@@ -80,10 +80,12 @@ def test_status_answers_through_the_real_cli_and_listen_sees_every_change(real_u
     real_ubus_lab.enable()
     assert r.wait_for(lambda: r.gates_open() and r.status() == "Authorized", 40), \
         r.log_text()[-3000:]
+    # A gate is reported once its switch has logged, a moment after the rule
+    # went.
+    assert r.wait_for(lambda: call(r, "status")["gates"] == ALL_OPEN, 2)
     status = call(r, "status")
     assert status["mode"] == "StandAlone" and status["sas_enabled"] is True
     assert status["state"] == "Authorized" and status["RadioEnable"] is True
-    assert status["gates"] == ALL_OPEN
     assert status["firewall_backend"] == "iptables"
     assert status["cbsdId"] and status["grantId"]
     for name in ("grantExpireTime", "transmitExpireTime"):
