@@ -131,6 +131,11 @@ def test_status_answers_through_the_real_cli_and_listen_sees_every_change(real_u
 def test_history_tells_the_hour_in_order(real_ubus_lab):
     r, sim = real_ubus_lab
     real_ubus_lab.authorized()
+
+    def last_gates():
+        gates = [e["gates"] for e in call(r, "history")["history"] if e["event"] == "gates"]
+        return gates[-1] if gates else None
+    assert r.wait_for(lambda: last_gates() == ALL_OPEN, 2)
     entries = call(r, "history")["history"]
     assert entries, "no history"
     events = [entry["event"] for entry in entries]
