@@ -9,6 +9,7 @@
 #include "base/log.h"
 #include "base/settings.h"
 #include "base/text.h"
+#include "sas/certificate_expiry.h"
 #include "standalone/worker_control.h"
 #include "standalone/expiry.h"
 #include "standalone/grant_time.h"
@@ -166,6 +167,7 @@ int standalone_thread(const sas::Transport& transport) {
         base::notice_to_syslog("[SAS] standalone_thread exit.\n");
         return 0;
     }
+    sas::report_certificates();
     if (!allocate_records(worker.records)) return 0;
     oper_timer_reset(&worker.operTimer);
     worker.lastLteConnected = true;

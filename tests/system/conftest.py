@@ -50,12 +50,9 @@ def pki_dir():
     return sas_lab.shared_pki()
 
 
-@pytest.fixture
-def lab(router, pki_dir):
-    """SasLab (router, simulator) with the device credentials installed,
-    the simulator's address in /etc/config/sas with SAS off, and the daemon
-    not yet started; the fail-closed sampler runs for the whole test."""
-    r = router(sas_config=device_config.sas_config(enable_mode="0"))
+def _sas_lab(router, pki_dir, **router_kwargs):
+    """The StandAlone lab's set-up and tear-down (a generator for a fixture)."""
+    r = router(sas_config=device_config.sas_config(enable_mode="0"), **router_kwargs)
     sas_lab.install_credentials(r, pki_dir)
     sim = sas_lab.start_simulator(
         r, pki_dir, ["--heartbeat-interval", str(sas_lab.HEARTBEAT_INTERVAL)])
@@ -66,6 +63,21 @@ def lab(router, pki_dir):
     yield pair
     sampler.finish()
     sim.process.terminate()
+
+
+@pytest.fixture
+def lab(router, pki_dir):
+    """SasLab (router, simulator) with the device credentials installed,
+    the simulator's address in /etc/config/sas with SAS off, and the daemon
+    not yet started; the fail-closed sampler runs for the whole test."""
+    yield from _sas_lab(router, pki_dir)
+
+
+@pytest.fixture
+def real_ubus_lab(router, pki_dir):
+    """The lab in a router with OpenWrt's real ubusd and `ubus` CLI (the test
+    checks openwrt_bus.available() first)."""
+    yield from _sas_lab(router, pki_dir, ubus="real")
 
 
 # A file whose every test was skipped (say, for want of ../shared/openwrt)
