@@ -59,10 +59,13 @@ void forget_what_the_state_lacks(StatusReport& report, uint8_t id) {
     if (id == kUnregistered || id == kRegistered) forget_grant(report);
 }
 
+std::atomic<void (*)()> g_stateChangeListener{nullptr};
+
 // Under the lock: the count and the report move together.
 void count_state_change(StatusReport& report) {
     ++report.stateChanges;
     g_stateChanges.store(report.stateChanges);
+    if (auto listener = g_stateChangeListener.load()) listener();
 }
 
 uint8_t sas_value(bool sasEnabled, bool dpMode) {
@@ -108,6 +111,8 @@ const char* certificate_name(Certificate certificate) {
 }
 
 uint64_t state_change_count() { return g_stateChanges.load(); }
+
+void set_state_change_listener(void (*listener)()) { g_stateChangeListener.store(listener); }
 
 // The SAS switch and the mode count as one entry of the history.
 void report_mode(bool sasEnabled, bool dpMode, bool radioEnable) {

@@ -93,10 +93,12 @@ struct StatusReport {
     CertificateReport certificates[kCertificateCount];
 };
 
-// stateChanges without the lock: the bus thread looks at it a few times a
-// second and sends a state event when it has moved, so that no publisher
-// ever composes or sends anything itself.
+// stateChanges without the lock: the bus thread compares it with the count it
+// last announced, so that no publisher ever composes or sends anything itself.
 uint64_t state_change_count();
+// Called (under the report's lock) on every such change: it must only hand
+// the news on, never wait (the daemon posts a look to the bus thread).
+void set_state_change_listener(void (*listener)());
 
 // The loop, every pass.
 void report_mode(bool sasEnabled, bool dpMode, bool radioEnable);

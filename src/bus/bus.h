@@ -65,6 +65,10 @@ void serve_object(const std::string& name, std::vector<Method> methods);
 // never waits.  Dropped while there is no connection.
 void send_event(const std::string& type, std::string json);
 
+// Queues task to run on the bus thread soon; never waits.  Dropped when the
+// bus thread does not run.
+void post(std::function<void()> task);
+
 // Runs task on the bus thread every interval_ms (first after one interval);
 // before start().  A task may call() (it is then made on the spot).
 void every(int interval_ms, std::function<void()> task);

@@ -44,6 +44,7 @@ constexpr size_t kMaxQueued = 16;
 
 struct Job {
     bool is_event = false;
+    std::function<void()> task;  // work posted to the bus thread
     std::string object;  // or the event's type
     std::string method;
     std::string json;
@@ -219,6 +220,11 @@ void work_through_queue(Bus& bus) {
             if (bus.queue.empty()) return;
             job = bus.queue.front();
             bus.queue.pop_front();
+        }
+        if (job->task) {
+            job->task();
+            if (bus.lost) drop_connection(bus);
+            continue;
         }
         if (job->is_event) {
             send_queued_event(bus, *job);
@@ -408,6 +414,14 @@ void send_event(const std::string& type, std::string json) {
     job->is_event = true;
     job->object = type;
     job->json = std::move(json);
+    queue_job(bus, std::move(job));
+}
+
+void post(std::function<void()> task) {
+    Bus& bus = the_bus();
+    if (!bus.running) return;
+    auto job = std::make_shared<Job>();
+    job->task = std::move(task);
     queue_job(bus, std::move(job));
 }
 

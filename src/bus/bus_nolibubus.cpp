@@ -15,6 +15,7 @@ const char* status_text(int) { return "no libubus"; }
 
 void serve_object(const std::string&, std::vector<Method>) {}
 void send_event(const std::string&, std::string) {}
+void post(std::function<void()>) {}
 void every(int, std::function<void()>) {}
 
 }  // namespace cbsd::bus

@@ -10,6 +10,7 @@
 
 #include <jansson.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 
@@ -231,7 +232,11 @@ std::string history_json(const std::vector<base::HistoryEntry>& entries) {
     return dump(history);
 }
 
+// At most one look waits on the bus thread: a burst of changes costs one.
+std::atomic<bool> g_lookPosted{false};
+
 void send_state_event_if_changed() {
+    g_lookPosted.store(false);
     uint64_t changes = base::state_change_count();
     if (changes == g_announcedChanges) return;
     g_announcedChanges = changes;
@@ -245,7 +250,10 @@ void serve_status_object() {
                        bus::Method{"history", [] {
                                        return history_json(base::history_copy(base::wall_seconds()));
                                    }}});
-    bus::every(kStateEventCheckMs, send_state_event_if_changed);
+    // A change wakes the bus thread, which announces it: nothing polls.
+    base::set_state_change_listener([] {
+        if (!g_lookPosted.exchange(true)) bus::post(send_state_event_if_changed);
+    });
 }
 
 }  // namespace cbsd::daemon

@@ -30,9 +30,6 @@ LiveStatus live_status();
 std::string status_json(const base::StatusReport& report, const LiveStatus& live);
 std::string history_json(const std::vector<base::HistoryEntry>& entries);
 
-// How often the bus thread looks for a state change to announce.
-inline constexpr int kStateEventCheckMs = 200;
-
 // Sends `cbsd.state` when the report's state changes have moved since the
 // last call (the first call: since start-up); bus thread.
 void send_state_event_if_changed();
