@@ -12,7 +12,7 @@ $SUDO apt-get install -y -qq --no-install-recommends \
     python3 python3-pytest openssl ca-certificates \
     iptables ebtables nftables libnftables-dev net-tools iproute2 util-linux procps psmisc kmod \
     g++-mipsel-linux-gnu g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user-static mmdebstrap \
-    busybox faketime libfaketime libjson-c5 \
+    busybox faketime libfaketime libjson-c5 strace \
     >/dev/null
 # The routers' libraries (and big-endian s390x's), for the cross builds and their unit
 # tests under qemu-user.

@@ -80,7 +80,7 @@ if stage_wanted openwrt; then
 echo "== OpenWrt build: libubus from ../shared/openwrt, the tests of the libubus path"
 # The tests that need libubus and a real ubusd: in the Debian build above
 # they skip by name.
-bus_tests='^((ModemPaths|LteWatchOverTheBus|BusOnRealUbusd|BusWithoutThread|StatusObjectOnTheBus)\.|system\.(test_procd_watchdog|test_status_object)$)'
+bus_tests='^((ModemPaths|LteWatchOverTheBus|BusOnRealUbusd|BusWithoutThread|StatusObjectOnTheBus)\.|system\.(test_procd_watchdog|test_status_object|test_ubus_native)$)'
 OPENWRT_DIR=${CBSD_OPENWRT_DIR:-$ROOT/../shared/openwrt}
 if [ -d "$OPENWRT_DIR/rootfs/usr/include" ]; then
     if BUILD_TARGETS="cbsd test_bus test_modem test_standalone test_daemon" \

@@ -94,11 +94,12 @@ bool check_grant_expiry(Worker& w) {
     return false;
 }
 
-// A change of LTE connectivity while waiting ends the wait.
-void watch_connectivity(Worker& w) {
-    if (!lte_link_changed(w.operTimer, w.lastLteConnected)) return;
+// A change of LTE connectivity while waiting ends the wait; true then.
+bool watch_connectivity(Worker& w) {
+    if (!lte_link_changed(w.operTimer, w.lastLteConnected)) return false;
     w.operTimer.count = 0;
     w.operTimer.secTime = 0;
+    return true;
 }
 
 void dispatch(Worker& w) {
@@ -142,8 +143,9 @@ bool run_pass(Worker& w) {
     if (check_grant_expiry(w)) return true;
     if (base::settings().debug) print_timer_line(w.operTimer);
     if (oper_timer_waiting(&w.operTimer, base::monotonic_seconds())) {
-        watch_connectivity(w);
-        base::sleep_seconds(1);
+        // The pass that sees the link change goes on at once: a second's
+        // sleep here would make the SAS hear of it a second later.
+        if (!watch_connectivity(w)) base::sleep_seconds(1);
         return true;
     }
     dispatch(w);

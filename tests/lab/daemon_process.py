@@ -12,13 +12,15 @@ from .timing import STOP_LIMIT
 class DaemonProcess:
     """Needs Commands (spawn) and self._workdir, self._daemon, self._spawned."""
 
-    def start_daemon(self, *args, env=None):
+    def start_daemon(self, *args, env=None, under=()):
         """Starts `cbsd -d ARGS` (foreground debug mode), with `env` added to
-        its environment; its output goes to daemon_output()."""
+        its environment; its output goes to daemon_output().  `under` is a
+        command line the daemon runs under (say strace's), its process then
+        the one daemon() returns."""
         if self._daemon is not None:
             raise RouterError("the daemon already runs")
         with open(os.path.join(self._workdir, "daemon.out"), "ab") as out:
-            self._daemon = self.spawn([self.cbsd_bin, "-d", *args], env=env, daemon=True,
+            self._daemon = self.spawn([*under, self.cbsd_bin, "-d", *args], env=env, daemon=True,
                                       stdout=out, stderr=subprocess.STDOUT)
         return self._daemon
 

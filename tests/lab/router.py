@@ -117,7 +117,7 @@ class VirtualRouter(Commands, DaemonProcess, Files, Store, ModemStandIn, Logs, G
         state; the real `ubus` CLI first on every PATH of the router."""
         os.symlink("/usr/bin/ubus", self.host_path(f"{OVERRIDE_DIR}/ubus"))
         self.spawn(["ubusd"])
-        self.spawn(["ucode", openwrt_bus.MODEM_MANAGER])
+        self.spawn(["ucode", openwrt_bus.MODEM_MANAGER], env={"CBSD_LAB_COUNT_CALLS": "1"})
         if self.modem_state().get("registered") is not False and not self.wait_for(
                 lambda: self.run("ubus -S list ubus_lte", timeout=10).returncode == 0, 10):
             raise RouterError("the ucode modem manager did not register ubus_lte")

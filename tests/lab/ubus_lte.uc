@@ -13,6 +13,12 @@
 // test can make the modem manager appear or go away while a caller runs.
 // "raw" and "ubusd" have no meaning here: the real CLI never prints raw
 // bytes, and the bus is the test's to stop.
+//
+// With $CBSD_LAB_COUNT_CALLS set (the virtual router sets it), a second
+// object, `lab_ubus_lte`, has one method `calls` that answers how many calls
+// of each ubus_lte method arrived so far: a test sees the daemon's queries
+// reach the modem manager over the bus, whether or not it started a process
+// for them.  Without it the bus lists ubus_lte alone, as a router's does.
 
 let ubus = require('ubus');
 let uloop = require('uloop');
@@ -65,7 +71,11 @@ function members(state, method) {
 // (a collected request is answered with a time-out at once).
 let unanswered = [];
 
+// Calls that arrived, per method (lab_ubus_lte's `calls`).
+let calls = {};
+
 function answer(method, request) {
+	calls[method] = (calls[method] ?? 0) + 1;
 	let state = load_state();
 	if (chosen(state, 'hang', method)) {
 		push(unanswered, request);
@@ -132,5 +142,8 @@ function poll() {
 	uloop.timer(100, poll);
 }
 
+if (getenv('CBSD_LAB_COUNT_CALLS') &&
+    !conn.publish('lab_ubus_lte', { calls: { call: () => calls } }))
+	warn(`ubus_lte: cannot publish lab_ubus_lte: ${ubus.error()}\n`);
 poll();
 uloop.run();

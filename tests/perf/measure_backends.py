@@ -14,8 +14,14 @@ link query (`getltestatus`) each pass makes in these states.  At the end each ro
 the ICMP rules of iptables OUTPUT and the bridge rules of ebtables
 BRIDGE_FORWARD, or the rules in the nftables tables inet cbsd and bridge cbsd.
 
+--ubus real runs OpenWrt's own ubusd with the lab's ucode modem manager in
+every router (../shared/openwrt), so a daemon built with libubus asks the
+modem over its bus connection; the window is then plain time (a pass that
+starts no process is too short for the sleep watch), and where no `ubus`
+process marks a pass the table gives the processes of the whole window.
+
 Usage (as root): /usr/bin/python3 tests/perf/measure_backends.py [--seconds 600]
-    [--cbsd build/cbsd]
+    [--cbsd build/cbsd] [--ubus standin|real]
 """
 import argparse
 import collections
@@ -63,23 +69,36 @@ def start_traced(r, trace_path, out_path):
     return spawned, daemon_watch.find_daemon_pid(spawned, r.cbsd_bin)
 
 
-def one(flavour, state, seconds, cbsd, workdir, results):
+def window(pid, seconds, ubus):
+    """(start, end) of the measured window: from one pass's end to another's,
+    or, with the real ubus, a plain time window: a daemon that starts no
+    process runs a pass in microseconds, too short for the sleep watch to see
+    between its waits."""
+    if ubus == "real":
+        start = time.time()
+        time.sleep(seconds)
+        return start, time.time()
+    watch = daemon_watch.PassWatch(pid)
+    watch.wait_next_sleep()
+    start = watch.wait_next_sleep()[0]
+    end = start
+    while end - start < seconds:
+        end = watch.wait_next_sleep()[0]
+    return start, end
+
+
+def one(flavour, state, seconds, cbsd, workdir, results, ubus="standin"):
     enable_mode, radio = STATES[state]
     tag = f"{flavour}-{state.replace(' ', '-')}"
     trace = os.path.join(workdir, f"{tag}.strace")
     config = perf_setup.sas_config(enable_mode, "1", "0")
     try:
-        with VirtualRouter(sas_config=config, cbsd_bin=cbsd, flavour=flavour) as r:
+        with VirtualRouter(sas_config=config, cbsd_bin=cbsd, flavour=flavour, ubus=ubus) as r:
             spawned, pid = start_traced(r, trace, os.path.join(workdir, f"{tag}.out"))
             if radio == "1":
                 scenarios.switch_radio_on(r)
             time.sleep(perf_setup.STARTUP_SECONDS)
-            watch = daemon_watch.PassWatch(pid)
-            watch.wait_next_sleep()
-            start = watch.wait_next_sleep()[0]
-            end = start
-            while end - start < seconds:
-                end = watch.wait_next_sleep()[0]
+            start, end = window(pid, seconds, ubus)
             counts = rule_counts(r)
             log = r.log_text()
             spawned.kill()
@@ -90,7 +109,8 @@ def one(flavour, state, seconds, cbsd, workdir, results):
             programs = collections.Counter(
                 os.path.basename(trace_summary.QUOTED.findall(e.body)[0]) for e in execs)
             # One link query per pass in these states: an exact pass count
-            # (the sleep watch also sees the start-up's short waits).
+            # (the sleep watch also sees the start-up's short waits).  Over
+            # libubus no process marks a pass: 0, and the table says so.
             passes = sum(1 for e in execs if is_pass_mark(e))
             router_ids = trace_summary.router_exec_ids(events)
             results[tag] = {"flavour": flavour, "state": state, "passes": passes,
@@ -108,6 +128,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--seconds", type=float, default=600)
     parser.add_argument("--cbsd", default=os.path.join(perf_setup.REPO_DIR, "build", "cbsd"))
+    parser.add_argument("--ubus", choices=("standin", "real"), default="standin")
     args = parser.parse_args()
     if not shutil.which("strace"):
         sys.exit("strace is missing: apt-get install strace")
@@ -115,7 +136,8 @@ def main():
     # Beside the binary: a directory the routers see (their /tmp is their own).
     workdir = tempfile.mkdtemp(prefix="cbsd-backends-", dir=os.path.dirname(cbsd))
     results = {}
-    threads = [threading.Thread(target=one, args=(f, s, args.seconds, cbsd, workdir, results))
+    threads = [threading.Thread(target=one, args=(f, s, args.seconds, cbsd, workdir, results,
+                                                  args.ubus))
                for f in FLAVOURS for s in STATES]
     for thread in threads:
         thread.start()
@@ -133,8 +155,11 @@ def main():
                 print(f"| {flavour} | {state} | error: {res['error']} |")
                 continue
             per_pass = max(res["passes"], 1)
-            print(f"| {flavour} | {state} | {res['passes']} | "
-                  f"{res['router_execs'] / per_pass:.1f} / {res['execs'] / per_pass:.1f} | "
+            processes = (f"{res['router_execs'] / per_pass:.1f} / {res['execs'] / per_pass:.1f}"
+                         if res["passes"] else
+                         f"no pass marked: {res['router_execs']} / {res['execs']} "
+                         f"in {res['seconds']:.0f} s")
+            print(f"| {flavour} | {state} | {res['passes']} | {processes} | "
                   f"{res['icmp_rules']} | "
                   f"{res['bridge_rules']} | {res['gate_changes']} | "
                   f"{', '.join(res['tables']) or '-'} |")

@@ -35,8 +35,9 @@ def switch_radio_on(r):
     it clears the flag)."""
     if not r.wait_for_log("[SAS] CPE is communicating with SAS using DP.\n", 30):
         raise RuntimeError("the daemon did not enter DP mode")
-    time.sleep(1)
-    r.uci_set("sasConfig", "RadioEnable", "1")
+    # Between passes (its log settled): with a dozen routers side by side a
+    # pass can take seconds, and a write in its middle is lost.
+    r.edit("sasConfig", "RadioEnable", "1")
     if not r.wait_for_log("[SAS] sas radio enable.\n", 30):
         raise RuntimeError("the daemon did not notice RadioEnable 1")
 

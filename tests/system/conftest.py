@@ -50,12 +50,11 @@ def pki_dir():
     return sas_lab.shared_pki()
 
 
-def _sas_lab(router, pki_dir, **router_kwargs):
+def _sas_lab(router, pki_dir, heartbeat_interval=sas_lab.HEARTBEAT_INTERVAL, **router_kwargs):
     """The StandAlone lab's set-up and tear-down (a generator for a fixture)."""
     r = router(sas_config=device_config.sas_config(enable_mode="0"), **router_kwargs)
     sas_lab.install_credentials(r, pki_dir)
-    sim = sas_lab.start_simulator(
-        r, pki_dir, ["--heartbeat-interval", str(sas_lab.HEARTBEAT_INTERVAL)])
+    sim = sas_lab.start_simulator(r, pki_dir, ["--heartbeat-interval", str(heartbeat_interval)])
     pair = sas_lab.SasLab(r, sim)
     pair.write_config(enable_mode="0")
     sampler = fail_closed.FailClosedSampler(r, fail_closed.StandAloneAuthority(r, sim))
@@ -66,11 +65,14 @@ def _sas_lab(router, pki_dir, **router_kwargs):
 
 
 @pytest.fixture
-def lab(router, pki_dir):
+def lab(request, router, pki_dir):
     """SasLab (router, simulator) with the device credentials installed,
     the simulator's address in /etc/config/sas with SAS off, and the daemon
-    not yet started; the fail-closed sampler runs for the whole test."""
-    yield from _sas_lab(router, pki_dir)
+    not yet started; the fail-closed sampler runs for the whole test.  A
+    test's `lab_setup` mark chooses the simulator's heartbeat_interval and
+    passes its other keywords to the router (flavour, ubus)."""
+    mark = request.node.get_closest_marker("lab_setup")
+    yield from _sas_lab(router, pki_dir, **(dict(mark.kwargs) if mark else {}))
 
 
 @pytest.fixture
