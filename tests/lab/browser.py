@@ -48,7 +48,7 @@ class Browser:
         self.profile = tempfile.mkdtemp(prefix="cbsd-chromium.")
         to_browser_r, self._to_browser = os.pipe()
         self._from_browser, from_browser_w = os.pipe()
-        argv = [binary, "--headless=new", "--no-sandbox", "--disable-gpu",
+        argv = [binary, "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--enable-logging=stderr",
                 "--no-first-run", "--no-default-browser-check", "--disable-extensions",
                 "--disable-background-networking", "--disable-sync", "--mute-audio",
                 f"--user-data-dir={self.profile}", "--remote-debugging-pipe",
@@ -58,9 +58,14 @@ class Browser:
                 str(to_browser_r), str(from_browser_w), *argv]
         if netns_pid is not None:
             argv = ["nsenter", "-t", str(netns_pid), "-n", "--", *argv]
+        # The browser's own messages go to $CBSD_CHROMIUM_LOG when it is set.
+        log_path = os.environ.get("CBSD_CHROMIUM_LOG")
+        log = open(log_path, "ab") if log_path else subprocess.DEVNULL
         self.process = subprocess.Popen(
-            argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL, pass_fds=(to_browser_r, from_browser_w))
+            argv, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+            pass_fds=(to_browser_r, from_browser_w))
+        if log_path:
+            log.close()
         os.close(to_browser_r)
         os.close(from_browser_w)
         self._next_id = 0
@@ -124,10 +129,13 @@ class Browser:
         return reply.get("result", {})
 
     def new_page(self):
+        """A new tab, with no cookies left by earlier tabs."""
         target = self.send("Target.createTarget", {"url": "about:blank"})["targetId"]
         session = self.send("Target.attachToTarget",
                             {"targetId": target, "flatten": True})["sessionId"]
-        return Page(self, session)
+        page = Page(self, session, target)
+        page.send("Network.clearBrowserCookies")
+        return page
 
     def close(self):
         if self.process.poll() is None:
@@ -149,10 +157,12 @@ class Browser:
 
 
 class Page:
-    def __init__(self, browser, session):
+    def __init__(self, browser, session, target):
         self.browser = browser
         self.session = session
+        self.target = target
         self.errors = []
+        self.retried_navigations = []
         self._loads = 0
         browser._listeners.append(self._event)
         for domain in ("Page", "Runtime", "Log"):
@@ -175,13 +185,48 @@ class Page:
         elif method == "Log.entryAdded" and params.get("entry", {}).get("level") == "error":
             entry = params["entry"]
             self.errors.append(f"log: {entry.get('text')} {entry.get('url', '')}".strip())
+        elif method == "Inspector.detached" and params.get("reason") != "Target closed.":
+            self.errors.append(f"tab: {params.get('reason')}")
+        elif method == "Page.javascriptDialogOpening":
+            self.errors.append(f"dialog: {params.get('type')} {params.get('message')}")
+            threading.Thread(target=self._dismiss, daemon=True).start()
         elif method == "Page.loadEventFired":
             self._loads += 1
 
     def goto(self, url, timeout=30):
-        loads = self._loads
-        self.send("Page.navigate", {"url": url})
+        """Opens url and waits for its load.  A navigation that is not
+        committed within 10 s is stopped and started once more: under load,
+        a navigation here has now and then never been answered at all (see
+        retried_navigations, which the tests print)."""
+        for attempt in (1, 2):
+            loads = self._loads
+            try:
+                self.send("Page.navigate", {"url": url}, timeout=min(timeout, 10))
+                break
+            except BrowserError as error:
+                if attempt == 2:
+                    raise BrowserError(f"{error} (page errors: {self.errors})") from None
+                self.retried_navigations.append(url)
+                self.send("Page.stopLoading")
         self.wait_until(lambda: self._loads > loads, timeout, f"load of {url}")
+
+    def _dismiss(self):
+        try:
+            self.send("Page.handleJavaScriptDialog", {"accept": True}, timeout=5)
+        except BrowserError:
+            pass
+
+    def close(self):
+        """Ends the tab."""
+        self.browser._listeners.remove(self._event)
+        self.browser.send("Target.closeTarget", {"targetId": self.target})
+
+    def navigate_by(self, expression, timeout=30):
+        """Runs a script that leaves the page (a form's submit) and waits
+        for the next page's load."""
+        loads = self._loads
+        self.evaluate(f"setTimeout(() => {{ {expression}; }}, 0), true")
+        self.wait_until(lambda: self._loads > loads, timeout, "the next page")
 
     def evaluate(self, expression, timeout=30):
         """The value of a JavaScript expression (awaited when a promise)."""
@@ -202,10 +247,12 @@ class Page:
     def wait_for(self, expression, timeout=15):
         """Waits until the expression is truthy in the page; returns its value."""
         box = {}
+        # A DOM node does not travel by value: it counts as true.
+        probe = f"(() => {{ const v = ({expression}); return v instanceof Node ? true : v; }})()"
 
         def holds():
             try:
-                box["value"] = self.evaluate(expression)
+                box["value"] = self.evaluate(probe)
             except BrowserError:
                 return False
             return bool(box["value"])

@@ -11,6 +11,7 @@ The app's files are read-only overlays on /www, /usr/share/luci/menu.d and
 /usr/share/rpcd/acl.d, so the shared tree is never changed; /etc/config is
 the namespace's own writable copy.
 """
+import json
 import os
 import subprocess
 import time
@@ -22,21 +23,22 @@ ROOT = openwrt_bus.ROOT
 APP = os.path.join(ROOT, "openwrt", "luci", "luci-app-cbsd")
 DEFAULT_SAS_CONFIG = os.path.join(ROOT, "openwrt", "net", "cbsd", "files", "sas.config")
 PORT = 8080
-URL = f"http://127.0.0.1:{PORT}/cgi-bin/luci"
+ORIGIN = f"http://127.0.0.1:{PORT}"
+URL = f"{ORIGIN}/cgi-bin/luci"
 ROOT_PASSWORD = "probe"
 # Overlays: (the app's folder, the router's folder it joins).
 APP_DIRS = [("htdocs", "/www"),
             ("root/usr/share/luci/menu.d", "/usr/share/luci/menu.d"),
             ("root/usr/share/rpcd/acl.d", "/usr/share/rpcd/acl.d")]
 UHTTPD = ["uhttpd", "-f", "-h", "/www", "-r", "router", "-x", "/cgi-bin", "-u", "/ubus",
-          "-t", "60", "-T", "30", "-k", "20", "-A", "1", "-n", "3", "-N", "100", "-R",
+          "-t", "60", "-T", "30", "-k", "20", "-A", "1", "-n", "10", "-N", "100", "-R",
           "-o", "/cgi-bin/luci", "-O", "/usr/share/ucode/luci/uhttpd.uc",
           "-p", f"127.0.0.1:{PORT}"]
 
 
 def available():
     return openwrt_bus.available() and os.path.exists(
-        os.path.join(openwrt_bus.OPENWRT, "rootfs", "usr", "sbin", "uhttpd"))
+        os.path.join(openwrt_bus.OPENWRT, "rootfs", "www", "luci-static", "resources", "form.js"))
 
 
 def crypt_md5(password):
@@ -161,6 +163,36 @@ class LuciStack(OpenWrtBus):
                 self._end(service)
         self.services = []
         super().close()
+
+
+# True once a view has rendered: LuCI replaces its spinner with the view.
+VIEW_READY = ("document.querySelector('#view') && !document.querySelector('#view .spinning')"
+              " && document.querySelector('#view').children.length > 0")
+
+
+def login(page, username, password):
+    """Logs in through LuCI's own login form; the page then shows whatever
+    LuCI shows first after a login."""
+    page.goto(URL + "/")
+    page.wait_for("document.querySelector('input[name=luci_password]')")
+    page.navigate_by(
+        f"document.querySelector('input[name=luci_username]').value = {json.dumps(username)};"
+        f"document.querySelector('input[name=luci_password]').value = {json.dumps(password)};"
+        "document.querySelector('input[name=luci_password]').form.submit()")
+    # The page LuCI lands on is let finish its own loading first: a
+    # navigation away while it still loads has cost the tab its renderer.
+    page.wait_for(f"document.readyState == 'complete' && (!document.querySelector('#view')"
+                  f" || ({VIEW_READY}))")
+    # The login page itself answers 403 until the form is sent.
+    page.errors.clear()
+
+
+def open_view(page, path, timeout=15):
+    """Opens admin/PATH and waits until its view has rendered; seconds taken."""
+    start = time.monotonic()
+    page.goto(f"{URL}/admin/{path}")
+    page.wait_for(VIEW_READY, timeout)
+    return time.monotonic() - start
 
 
 def wait_seconds(predicate, timeout):
