@@ -21,6 +21,7 @@ from lab.openwrt_bus import OpenWrtBus, wait_for
 
 ROOT = openwrt_bus.ROOT
 APP = os.path.join(ROOT, "openwrt", "luci", "luci-app-cbsd")
+CBSD_STANDIN = os.path.join(ROOT, "tests", "lab", "cbsd_object.uc")
 DEFAULT_SAS_CONFIG = os.path.join(ROOT, "openwrt", "net", "cbsd", "files", "sas.config")
 PORT = 8080
 ORIGIN = f"http://127.0.0.1:{PORT}"
@@ -143,6 +144,19 @@ class LuciStack(OpenWrtBus):
         if not wait_for(self._listening, 10, 0.05):
             raise RuntimeError(f"uhttpd did not listen on port {PORT}")
 
+    def start_cbsd_standin(self, status):
+        """The lab's stand-in of the daemon's `cbsd` object
+        (tests/lab/cbsd_object.uc), answering with `status` (a dict);
+        set_cbsd_status changes the answer."""
+        self.set_cbsd_status(status)
+        self.services.append(self.spawn(["ucode", CBSD_STANDIN], stdin=subprocess.DEVNULL))
+        if not wait_for(lambda: self._has_object("cbsd"), 10, 0.05):
+            raise RuntimeError("the cbsd stand-in did not publish its object")
+
+    def set_cbsd_status(self, status):
+        os.makedirs(self.host_path("/etc/lab"), exist_ok=True)
+        self.write_file("/etc/lab/cbsd-status.json", json.dumps(status))
+
     def _has_object(self, name):
         return self.run(["ubus", "list", name], timeout=5).returncode == 0
 
@@ -170,10 +184,10 @@ VIEW_READY = ("document.querySelector('#view') && !document.querySelector('#view
               " && document.querySelector('#view').children.length > 0")
 
 
-def login(page, username, password):
-    """Logs in through LuCI's own login form; the page then shows whatever
-    LuCI shows first after a login."""
-    page.goto(URL + "/")
+def login(page, username, password, path=""):
+    """Logs in through LuCI's own login form on admin/PATH (LuCI's first
+    page when empty), which the browser then shows."""
+    page.goto(f"{URL}/admin/{path}")
     page.wait_for("document.querySelector('input[name=luci_password]')")
     page.navigate_by(
         f"document.querySelector('input[name=luci_username]').value = {json.dumps(username)};"
@@ -188,11 +202,19 @@ def login(page, username, password):
 
 
 def open_view(page, path, timeout=15):
-    """Opens admin/PATH and waits until its view has rendered; seconds taken."""
+    """Opens admin/PATH and waits until its view has rendered; seconds taken.
+    (A page reached by login() is there already.)"""
     start = time.monotonic()
     page.goto(f"{URL}/admin/{path}")
     page.wait_for(VIEW_READY, timeout)
     return time.monotonic() - start
+
+
+def page_errors(page):
+    """The page's errors but one that LuCI's own apply makes on this stack:
+    it asks /cgi-bin/cgi-exec (OpenWrt's cgi-io, not in ../shared/openwrt)
+    for the peer's address, and goes on without it."""
+    return [e for e in page.errors if "/cgi-bin/cgi-exec" not in e]
 
 
 def wait_seconds(predicate, timeout):

@@ -14,7 +14,7 @@ import pytest
 from lab import browser as browser_module
 from lab import luci_stack
 from lab.browser import Browser
-from lab.luci_stack import LuciStack, login, open_view
+from lab.luci_stack import LuciStack, login, open_view, page_errors
 
 pytestmark = [
     pytest.mark.skipif(not luci_stack.available(),
@@ -83,7 +83,7 @@ def page(chromium):
 
 
 def root_on_settings(page):
-    login(page, "root", luci_stack.ROOT_PASSWORD)
+    login(page, "root", luci_stack.ROOT_PASSWORD, SETTINGS)
     return open_view(page, SETTINGS)
 
 
@@ -107,13 +107,6 @@ def refused(reply):
     """rpcd refused: the method (JSON-RPC error) or the config (ubus status)."""
     return reply.get("error", {}).get("code") == ACCESS_DENIED or \
         reply.get("result") == [PERMISSION_DENIED]
-
-
-def page_errors(page):
-    """The page's errors but one that LuCI's own apply makes on this stack:
-    it asks /cgi-bin/cgi-exec (OpenWrt's cgi-io, not in ../shared/openwrt)
-    for the peer's address, and goes on without it."""
-    return [e for e in page.errors if "/cgi-bin/cgi-exec" not in e]
 
 
 def value_of(page, selector):
@@ -223,8 +216,7 @@ def test_user_without_the_acl_is_refused(stack, site, page):
 
 
 def test_reader_sees_the_settings_but_cannot_save(stack, site, page):
-    login(page, *READER)
-    open_view(page, SETTINGS)
+    login(page, *READER, SETTINGS)
     assert value_of(page, field("config", "userId")) == "marlowe-ridge-wireless"
     selector = field("cpi", "latitude")
     assert page.evaluate(f"(e => e.disabled || e.readOnly)({q(selector)})")
