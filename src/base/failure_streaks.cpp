@@ -1,5 +1,6 @@
 #include "base/failure_streaks.h"
 
+#include "base/clock.h"
 #include "base/log.h"
 
 #include <cstdint>
@@ -13,6 +14,8 @@ namespace {
 struct Streak {
     uint64_t key = 0;  // 0: free
     uint32_t failures = 0;
+    int64_t since = 0;
+    char name[kStreakNameLimit + 1] = {};
 };
 
 // Commands are started by the loop, the guard and the worker.
@@ -55,7 +58,10 @@ void note_command_failure(const char* name, int exit_status, const char* message
             ++streak->failures;
             return;
         }
-        if (Streak* free_slot = find(0)) *free_slot = Streak{key, 1};
+        if (Streak* free_slot = find(0)) {
+            *free_slot = Streak{key, 1, wall_seconds(), {}};
+            std::strncpy(free_slot->name, name, kStreakNameLimit);
+        }
     }
     // Logged outside the lock: the log's own `logger` run comes back here.
     char text[kToolMessageLimit + 1];
@@ -74,6 +80,19 @@ void note_command_success(const char* name) {
         *streak = Streak{};
     }
     notice("[SAS] %s works again after %u failed runs.\n", name, failures);
+}
+
+std::vector<CommandStreak> command_streaks() {
+    std::vector<CommandStreak> streaks;
+    streaks.reserve(kMaxFailingCommands);  // no allocation under the lock
+    std::lock_guard<std::mutex> hold(g_streakLock);
+    for (const Streak& streak : g_streaks) {
+        if (streak.key == 0) continue;
+        CommandStreak copy{{}, streak.failures, streak.since};
+        std::memcpy(copy.name, streak.name, sizeof copy.name);
+        streaks.push_back(copy);
+    }
+    return streaks;
 }
 
 void reset_command_streaks() {

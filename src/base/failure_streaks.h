@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <vector>
 
 namespace cbsd::base {
 
@@ -19,6 +21,15 @@ inline constexpr size_t kToolMessageLimit = 200;
 // error (only its first line is logged, unprintable bytes as '?').
 void note_command_failure(const char* name, int exit_status, const char* message);
 void note_command_success(const char* name);
+
+// A streak in progress, as the daemon's status shows it.
+inline constexpr size_t kStreakNameLimit = 95;
+struct CommandStreak {
+    char name[kStreakNameLimit + 1];  // the command kind, cut to the field
+    uint32_t failures;
+    int64_t since;  // wall clock of the first failure, epoch seconds
+};
+std::vector<CommandStreak> command_streaks();
 
 // Forgets every streak (tests).
 void reset_command_streaks();

@@ -4,6 +4,7 @@
 #include "base/failure_streaks.h"
 #include "base/line_collector.h"
 #include "base/log.h"
+#include "base/progress.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -289,6 +290,7 @@ int run(const char* const argv[], const char* what, OutputSink* collector, int t
     int status = in_time ? wait_for_exit(child.pid, child.errors, started_ms, time_limit_s) : -1;
     drain(child.errors);  // what the child wrote just before it exited
     close_errors(child.errors);
+    note_step_done();  // a command that ends, in time or cut, is progress
     if (status == -1) {
         kill_after_time_limit(child, what, time_limit_s);
         return -1;

@@ -87,4 +87,30 @@ bool parse_http_date(const char* text, int64_t* epochSeconds) {
                     epochSeconds);
 }
 
+// The inverse of days_from_civil (the era arithmetic of the proleptic
+// Gregorian calendar, 400 years to an era).
+void format_utc_time(int64_t epochSeconds, char (&text)[kUtcTextSize]) {
+    int64_t days = epochSeconds >= 0 ? epochSeconds / 86400 : (epochSeconds - 86399) / 86400;
+    int64_t second = epochSeconds - days * 86400;
+    int64_t z = days + 719468;
+    int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+    int64_t dayOfEra = z - era * 146097;
+    int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    int64_t mp = (5 * dayOfYear + 2) / 153;
+    int64_t day = dayOfYear - (153 * mp + 2) / 5 + 1;
+    int64_t month = mp < 10 ? mp + 3 : mp - 9;
+    int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+    text[0] = '\0';
+    if (year < 0 || year > 9999) return;
+    const int64_t fields[] = {year, month, day, second / 3600, second / 60 % 60, second % 60};
+    std::memcpy(text, "0000-00-00T00:00:00Z", kUtcTextSize);
+    // Each field's last digit sits where the layout's separator after it is not.
+    const size_t ends[] = {4, 7, 10, 13, 16, 19};
+    for (size_t field = 0; field < 6; ++field)
+        for (int64_t value = fields[field], at = static_cast<int64_t>(ends[field]) - 1; value > 0;
+             value /= 10, --at)
+            text[at] = static_cast<char>('0' + value % 10);
+}
+
 }  // namespace cbsd::base

@@ -3,6 +3,7 @@
 // on converts the same on a router whose time_t has 32 bits.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace cbsd::base {
@@ -13,6 +14,11 @@ int64_t days_from_civil(int64_t year, uint32_t month, uint32_t day);
 // Parses exactly "YYYY-MM-DDTHH:MM:SSZ" with fields in range.  Returns false
 // and leaves *epochSeconds untouched for any other text.
 bool parse_utc_time(const char* text, int64_t* epochSeconds);
+
+// The SAS's layout for epoch seconds: "YYYY-MM-DDTHH:MM:SSZ", from the civil
+// date alone as the parser reads it (years 0 to 9999; others give "").
+inline constexpr size_t kUtcTextSize = 21;
+void format_utc_time(int64_t epochSeconds, char (&text)[kUtcTextSize]);
 
 // Parses an HTTP date in its one current form, "Sun, 06 Nov 1994 08:49:37
 // GMT", with fields in range (the weekday is not checked against the date).

@@ -6,6 +6,7 @@
 #include "bus/bus.h"
 
 #include "base/log.h"
+#include "base/progress.h"
 
 // libubox's headers declare C functions without saying so to C++.
 extern "C" {
@@ -350,7 +351,10 @@ bool running() { return the_bus().running; }
 
 bool connected() { return the_bus().connected; }
 
-CallResult call(const char* object, const char* method, const char* json_args, int time_limit_ms) {
+namespace {
+
+CallResult call_on_bus(const char* object, const char* method, const char* json_args,
+                       int time_limit_ms) {
     Bus& bus = the_bus();
     if (!bus.running) return CallResult{};
     auto job = std::make_shared<Job>();
@@ -365,6 +369,14 @@ CallResult call(const char* object, const char* method, const char* json_args, i
         return crowded;
     }
     return wait_for_answer(bus, job);
+}
+
+}  // namespace
+
+CallResult call(const char* object, const char* method, const char* json_args, int time_limit_ms) {
+    CallResult result = call_on_bus(object, method, json_args, time_limit_ms);
+    base::note_step_done();  // a call that ended, answered or not, is progress
+    return result;
 }
 
 const char* status_text(int status) { return ubus_strerror(status); }

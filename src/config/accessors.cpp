@@ -2,6 +2,7 @@
 
 #include "config/uci_store.h"
 #include "base/log.h"
+#include "base/status_report.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -42,11 +43,15 @@ void read_into_caller_buffer(UciName name, char* buffer, size_t size) {
 std::atomic<bool> g_storeFailing{false};
 
 void note_write(bool landed, UciName name) {
-    if (!landed && !g_storeFailing.exchange(true))
+    if (!landed && !g_storeFailing.exchange(true)) {
+        base::report_failure(base::Failure::kStoreWrite, true);
         base::error("[SAS] /etc/config/sas cannot be written (%s.%s), the decision stays in memory.\n",
                     name.section, name.option);
-    if (landed && g_storeFailing.exchange(false))
+    }
+    if (landed && g_storeFailing.exchange(false)) {
+        base::report_failure(base::Failure::kStoreWrite, false);
         base::notice("[SAS] /etc/config/sas can be written again.\n");
+    }
 }
 
 // True when the file can be read and the option reads as value (an absent
@@ -133,7 +138,10 @@ void get_status(char* buffer, size_t size) {
     read_into_caller_buffer(schema::kOpStatus, buffer, size);
 }
 
+// The state the daemon means is reported even when the store refuses it: the
+// worker then keeps it in memory and acts on it.
 unsigned set_status(const char* value) {
+    base::report_state(value);
     return write_sas_option(schema::kOpStatus, value);
 }
 

@@ -11,6 +11,8 @@
 #include "daemon/transmit_guard.h"
 #include "base/clock.h"
 #include "base/log.h"
+#include "base/progress.h"
+#include "base/status_report.h"
 #include "standalone/transmit_deadline.h"
 #include "standalone/worker_control.h"
 #include "gating/authorization.h"
@@ -238,6 +240,7 @@ void steady_sleep(ConfigWatch& watch) {
 PassOutcome keep_last_decision(SupervisionState& state) {
     if (!state.unreadable) {
         base::notice("[SAS] /etc/config/sas cannot be read, the last readable configuration stays in force.\n");
+        base::report_failure(base::Failure::kStoreRead, true);
         state.unreadable = true;
     }
     const SupervisionSnapshot& last = state.previous;
@@ -251,6 +254,7 @@ PassOutcome keep_last_decision(SupervisionState& state) {
 void note_readable_again(SupervisionState& state) {
     if (!state.unreadable) return;
     base::notice("[SAS] /etc/config/sas can be read again.\n");
+    base::report_failure(base::Failure::kStoreRead, false);
     state.unreadable = false;
 }
 
@@ -285,6 +289,8 @@ PassOutcome react_to_fresh_snapshot(SupervisionState& state) {
     std::memset(&state.current, 0, sizeof state.current);
     load_snapshot(&state.current);
     g_lastSasEnabled.store(state.current.sasEnable != 0);
+    base::report_mode(state.current.sasEnable != 0, state.current.dpEnable != 0,
+                      state.current.radioEnable != 0);
     if (!guarded(state.current)) arm_transmit_guard(false);
     settle_stopped_worker(state.current);
     refresh_cell_frequency(state);
@@ -385,6 +391,7 @@ bool supervision_loop() {
     // ends the sleep that follows it.
     ConfigWatch watch(config::kSasConfigPath);
     while (!stop_requested()) {
+        base::note_step_done();  // procd's watchdog is fed while passes go on
         if (run_supervision_pass(state) == PassOutcome::kUnchanged) steady_sleep(watch);
     }
     return state.current.sasEnable != 0;

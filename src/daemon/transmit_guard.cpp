@@ -2,11 +2,14 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "base/progress.h"
 #include "daemon/signals.h"
+#include "daemon/watchdog_feed.h"
 #include "gating/authorization.h"
 #include "standalone/transmit_deadline.h"
 
 #include <atomic>
+#include <pthread.h>
 #include <thread>
 
 namespace cbsd::daemon {
@@ -40,8 +43,12 @@ uint32_t next_look_ms(int64_t nowMs) {
 [[noreturn]] void guard_thread(void (*onStop)(), uint32_t stopGraceMs) {
     bool closed = false;
     uint32_t stopSeenMs = 0;
+    // Named for operators (top -H) and for the tests that stall it alone.
+    pthread_setname_np(pthread_self(), "cbsd-guard");
+    watch_guard_thread();
     for (;;) {
         run_guard_check(closed, base::monotonic_ms64());
+        base::note_step_done();
         take_over_a_stuck_stop(onStop, stopGraceMs, stopSeenMs);
         standalone::wait_for_deadline_change(next_look_ms(base::monotonic_ms64()));
     }

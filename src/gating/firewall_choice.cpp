@@ -69,6 +69,12 @@ FirewallBackend& firewall_backend() {
     return g_backend.compare_exchange_strong(chosen, mine) ? *mine : *chosen;
 }
 
+const char* chosen_backend_name() {
+    FirewallBackend* chosen = g_backend.load();
+    if (chosen == nullptr) return "";
+    return chosen == &iptables_backend() ? kForceIptables : kForceNftables;
+}
+
 void use_firewall_backend(BackendKind kind) {
     g_backend.store(&backend_of(kind));
 }

@@ -19,6 +19,10 @@ BackendKind choose_backend(const char* setting, bool tools_on_path,
 // The backend of this process; the first call makes the choice.
 FirewallBackend& firewall_backend();
 
+// "iptables" or "nftables" once a gate operation has chosen, "" before;
+// never chooses (the choice runs tools), so any thread may ask.
+const char* chosen_backend_name();
+
 // Fixes the backend for the rest of the process (tests).
 void use_firewall_backend(BackendKind kind);
 

@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "base/files.h"
 #include "base/log.h"
+#include "base/status_report.h"
 #include "base/text.h"
 #include "gating/firewall_choice.h"
 #include "gating/vlan_interfaces.h"
@@ -73,7 +74,9 @@ bool is_ip_forward_enabled() {
     return decimal(cached) == 1;
 }
 
-void set_ip_forward(bool enable) {
+namespace {
+
+void switch_ip_forward(bool enable) {
     if (enable) {
         if (is_ip_forward_enabled()) return;
         write_forward_switches(true);
@@ -87,19 +90,30 @@ void set_ip_forward(bool enable) {
     }
 }
 
+}  // namespace
+
+// Reported once the switch is done: the report says what the gate is now.
+void set_ip_forward(bool enable) {
+    switch_ip_forward(enable);
+    base::report_gate(base::Gate::kForwarding, enable);
+}
+
 void force_ip_forward_off() { write_forward_switches(false); }
 
 void reset_ip_forward() {
     base::notice_to_syslog("[SAS] reset IP forward enable.\n");
     write_forward_switches(true);
     mark_gate(kIpForwardOption, true);
+    base::report_gate(base::Gate::kForwarding, true);
 }
 
 bool is_firewall_icmp_open() {
     return !firewall_backend().icmp_drop_listed();
 }
 
-void set_firewall_icmp(bool enable) {
+namespace {
+
+void switch_firewall_icmp(bool enable) {
     if (enable) {
         if (is_firewall_icmp_open()) return;
         firewall_backend().open_icmp();
@@ -113,10 +127,19 @@ void set_firewall_icmp(bool enable) {
     }
 }
 
+}  // namespace
+
+// Reported once the switch is done: the report says what the gate is now.
+void set_firewall_icmp(bool enable) {
+    switch_firewall_icmp(enable);
+    base::report_gate(base::Gate::kIcmp, enable);
+}
+
 void clear_firewall_icmp_rules() {
     base::notice_to_syslog("[SAS] clear firewall ICMP rules.\n");
     clear_everywhere([](FirewallBackend& backend) { backend.clear_icmp(); });
     mark_gate(kFirewallIcmpOption, true);
+    base::report_gate(base::Gate::kIcmp, true);
 }
 
 bool is_bridge_forward_open() {
@@ -127,7 +150,9 @@ bool is_bridge_forward_open() {
     return !backend.bridge_drop_listed(Vlan::kUsb);
 }
 
-void set_bridge_forward(bool enable) {
+namespace {
+
+void switch_bridge_forward(bool enable) {
     if (enable) {
         if (is_bridge_forward_open()) return;
         firewall_backend().open_bridge();
@@ -148,10 +173,19 @@ void set_bridge_forward(bool enable) {
     }
 }
 
+}  // namespace
+
+// Reported once the switch is done: the report says what the gate is now.
+void set_bridge_forward(bool enable) {
+    switch_bridge_forward(enable);
+    base::report_gate(base::Gate::kBridge, enable);
+}
+
 void clear_bridge_forward_rules() {
     base::notice_to_syslog("[SAS] clear bridge forward rules.\n");
     clear_everywhere([](FirewallBackend& backend) { backend.clear_bridge(); });
     mark_gate(kBridgeForwardOption, true);
+    base::report_gate(base::Gate::kBridge, true);
 }
 
 }  // namespace cbsd::gating

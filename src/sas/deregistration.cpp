@@ -32,7 +32,7 @@ void deregistration_request(const Transport& post, const char* serverUrl, const 
         return build_deregistration_body(cbsdId, body, capacity) != BodyStatus::kTooLong;
     };
     run_logged_exchange(
-        "deregistration_request", "Deregister",
+        base::Request::kDeregistration, "deregistration_request", "Deregister",
         [&] {
             return post_message(post, serverUrl, "deregistration", kShortRequestBodyCapacity, build);
         },

@@ -34,7 +34,12 @@ PostReply run_exchange(const ExchangeLines& lines, const std::function<PostReply
     return reply;
 }
 
-void run_logged_exchange(const char* request, const char* outcome,
+void report_exchange(base::Request kind, const PostReply& reply, int32_t responseCode) {
+    bool replied = reply.result == 0 && responseCode >= 0;
+    base::report_exchange(kind, replied, responseCode);
+}
+
+void run_logged_exchange(base::Request kind, const char* request, const char* outcome,
                          const std::function<PostReply()>& post,
                          const std::function<int32_t(std::string_view)>& parse) {
     std::string name = request;
@@ -42,6 +47,7 @@ void run_logged_exchange(const char* request, const char* outcome,
     PostReply reply = run_exchange(
         {"\n[SAS] send " + name + "...\n", "[SAS] post " + name + " failed\n"}, post,
         [&](std::string_view bytes) { code = parse(bytes); });
+    report_exchange(kind, reply, code);
     if (reply.result == 0) log_outcome(outcome, code);
 }
 

@@ -3,6 +3,7 @@
 // usable bytes go to the exchange's parser.
 #pragma once
 
+#include "base/status_report.h"
 #include "sas/transport.h"
 
 #include <cstddef>
@@ -37,9 +38,14 @@ PostReply run_exchange(const ExchangeLines& lines, const std::function<PostReply
 // The skeleton of the give-back drivers (relinquishment, deregistration):
 // "send <request>...", the post, "post <request> failed" when no reply came,
 // or else the parse and the outcome line (log_outcome) of the code it returns.
-void run_logged_exchange(const char* request, const char* outcome,
+// The exchange goes to the status report as `kind`.
+void run_logged_exchange(base::Request kind, const char* request, const char* outcome,
                          const std::function<PostReply()>& post,
                          const std::function<int32_t(std::string_view)>& parse);
+
+// Publishes an exchange in the status report: a reply whose code could not be
+// read (-1) counts as no reply.
+void report_exchange(base::Request kind, const PostReply& reply, int32_t responseCode);
 
 // "[SAS] <name> successfully" for code 0, otherwise
 // "[SAS] <name> unsuccessfully, responseCode:<code>(<code's name>)"; both

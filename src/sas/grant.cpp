@@ -43,6 +43,11 @@ int32_t capped_max_eirp(const config::DeviceRecord* record) {
     return maxEirp;
 }
 
+void grant_frequency_range(const config::DeviceRecord* record, uint32_t* lowHz, uint32_t* highHz) {
+    *lowHz = low_edge_hz(record->lowFrequency);
+    *highHz = high_edge_hz(record->highFrequency);
+}
+
 BodyStatus build_grant_body(const char* cbsdId, const config::DeviceRecord* record, char* body,
                             size_t capacity) {
     json_t* range = json_object();

@@ -12,6 +12,9 @@ namespace cbsd::sas {
 // The configured maxEirp capped by category: 20 for "A", 37 for "B".
 int32_t capped_max_eirp(const config::DeviceRecord* record);
 
+// The range the grant asks for: the serving cell widened to whole 5 MHz steps.
+void grant_frequency_range(const config::DeviceRecord* record, uint32_t* lowHz, uint32_t* highHz);
+
 // Fills body (cleared for capacity bytes) with the indented grant request for
 // the serving cell widened to whole 5 MHz steps.
 BodyStatus build_grant_body(const char* cbsdId, const config::DeviceRecord* record, char* body,

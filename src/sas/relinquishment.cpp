@@ -39,7 +39,7 @@ void relinquishment_request(const Transport& post, const char* serverUrl, const 
     // that cannot be read counts as a successful relinquishment: the grant is
     // given up locally whatever the SAS says.
     run_logged_exchange(
-        "relinquishment_request", "Relinquish",
+        base::Request::kRelinquishment, "relinquishment_request", "Relinquish",
         [&] {
             return post_message(post, serverUrl, "relinquishment", kShortRequestBodyCapacity, build);
         },

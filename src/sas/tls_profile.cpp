@@ -6,6 +6,7 @@
 #include "sas/tls_profile.h"
 
 #include "base/log.h"
+#include "base/status_report.h"
 
 #include <atomic>
 
@@ -52,13 +53,15 @@ bool is_tls_failure(CURLcode code) {
 
 void note_tls_result(CURLcode code, const char* detail) {
     if (is_tls_failure(code)) {
-        if (!g_handshakeFailing.exchange(true))
-            base::error_to_syslog(
-                "[SAS] TLS with the SAS refused (libcurl %d: %s): only TLS 1.2 or later with the "
-                "AES-GCM suites of the CBRS security profile and a SAS certificate that verifies "
-                "are accepted; nothing is sent until a handshake succeeds.\n",
-                static_cast<int>(code), detail);
+        if (g_handshakeFailing.exchange(true)) return;
+        base::report_failure(base::Failure::kTlsHandshake, true);
+        base::error_to_syslog(
+            "[SAS] TLS with the SAS refused (libcurl %d: %s): only TLS 1.2 or later with the "
+            "AES-GCM suites of the CBRS security profile and a SAS certificate that verifies "
+            "are accepted; nothing is sent until a handshake succeeds.\n",
+            static_cast<int>(code), detail);
     } else if (code == CURLE_OK && g_handshakeFailing.exchange(false)) {
+        base::report_failure(base::Failure::kTlsHandshake, false);
         base::notice_to_syslog("[SAS] TLS with the SAS succeeds again.\n");
     }
 }
@@ -70,13 +73,16 @@ void note_profile_unsupported() {
 }
 
 void note_missing_ca(const char* caPath) {
-    if (!g_caMissing.exchange(true))
-        base::error_to_syslog(
-            "[SAS] no server CA file (%s) and config.requireSasCa is 1: nothing is sent to the "
-            "SAS until it is there.\n",
-            caPath[0] != '\0' ? caPath : "none configured");
+    if (g_caMissing.exchange(true)) return;
+    base::report_failure(base::Failure::kSasCaMissing, true);
+    base::error_to_syslog(
+        "[SAS] no server CA file (%s) and config.requireSasCa is 1: nothing is sent to the "
+        "SAS until it is there.\n",
+        caPath[0] != '\0' ? caPath : "none configured");
 }
 
-void note_ca_present() { g_caMissing.store(false); }
+void note_ca_present() {
+    if (g_caMissing.exchange(false)) base::report_failure(base::Failure::kSasCaMissing, false);
+}
 
 }  // namespace cbsd::sas

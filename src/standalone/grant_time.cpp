@@ -3,6 +3,7 @@
 #include "config/accessors.h"
 #include "config/uci_store.h"
 #include "base/log.h"
+#include "base/status_report.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -39,10 +40,12 @@ void get_grant_expire_time(char* buffer, int size) {
 }
 
 unsigned set_transmit_expire_time(const char* text) {
+    base::report_transmit_expire_time(text);
     return config::write_sas_option(config::schema::kSasTransmitExpireTime, text);
 }
 
 unsigned set_grant_expire_time(const char* text) {
+    base::report_grant_expire_time(text);
     return config::write_sas_option(config::schema::kSasGrantExpireTime, text);
 }
 

@@ -48,7 +48,7 @@ void on_heartbeat_success(Worker& w, const sas::HeartbeatResponse* reply, const 
 // record.
 sas::PostReply send_heartbeat(Worker& w, const char* operationState) {
     return exchange(
-        "heartbeat", std::string("(") + operationState + ")",
+        base::Request::kHeartbeat, "heartbeat", std::string("(") + operationState + ")",
         [&] {
             return sas::heartbeat_request(w.transport, w.serverUrl, w.records.grant.get(),
                                           w.records.device.get(), operationState);

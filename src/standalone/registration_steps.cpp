@@ -6,10 +6,12 @@
 
 #include "base/cbsd_state.h"
 #include "base/log.h"
+#include "base/status_report.h"
 #include "base/text.h"
 #include "config/accessors.h"
 #include "sas/exchange.h"
 #include "sas/exchanges.h"
+#include "sas/grant.h"
 #include "sas/response_codes.h"
 #include "standalone/grant_time.h"
 
@@ -36,9 +38,10 @@ void apply_inquiry_power_cap(config::DeviceRecord* device, int32_t maxEirp) {
 // An exchange whose missing reply is paced by the transport's result; true
 // when a reply arrived and was parsed into the record.
 template <typename Record>
-bool exchange_or_pace(Worker& w, const char* request, const std::function<sas::PostReply()>& post,
+bool exchange_or_pace(Worker& w, base::Request kind, const char* request,
+                      const std::function<sas::PostReply()>& post,
                       int32_t (*parse)(std::string_view, Record*), Record* record) {
-    sas::PostReply reply = exchange(request, "", post, parse, record);
+    sas::PostReply reply = exchange(kind, request, "", post, parse, record);
     if (reply.result == 0) return true;
     oper_timer_start(&w.operTimer, timer_type_from_post_result(reply.result));
     return false;
@@ -51,7 +54,8 @@ bool inquire_spectrum(Worker& w) {
         return sas::spectrumInquiry_request(w.transport, w.serverUrl, w.records.registration.get(),
                                             w.records.device.get());
     };
-    if (!exchange_or_pace(w, "spectrumInquiry", post, sas::parse_spectrum_inquiry_response, reply))
+    if (!exchange_or_pace(w, base::Request::kSpectrumInquiry, "spectrumInquiry", post,
+                          sas::parse_spectrum_inquiry_response, reply))
         return false;
     sas::log_outcome("SpectrumInquiry", reply->responseCode);
     if (reply->responseCode == sas::kSuccess) {
@@ -68,6 +72,14 @@ bool inquire_spectrum(Worker& w) {
     return false;
 }
 
+// After the state: Granted is what keeps a grant in the report.
+void report_granted(const Worker& w) {
+    const config::DeviceRecord* device = w.records.device.get();
+    uint32_t lowHz = 0, highHz = 0;
+    sas::grant_frequency_range(device, &lowHz, &highHz);
+    base::report_grant(w.grantId, lowHz, highHz, sas::capped_max_eirp(device));
+}
+
 void on_grant(Worker& w, const sas::GrantResponse* reply) {
     base::copy_text(w.grantId, sizeof w.grantId, reply->grantId);
     set_grant_expire_time(reply->grantExpireTime);
@@ -76,6 +88,7 @@ void on_grant(Worker& w, const sas::GrantResponse* reply) {
                               : kDefaultHeartbeatInterval;
     set_grant_renew("0");
     write_status(w, base::kGranted);
+    report_granted(w);
     set_power_spectral_density(w.records.device->maxEirp);
     oper_timer_reset(&w.operTimer);
 }
@@ -86,7 +99,9 @@ void request_grant(Worker& w) {
         return sas::grant_request(w.transport, w.serverUrl, w.records.registration.get(),
                                   w.records.device.get());
     };
-    if (!exchange_or_pace(w, "grant", post, sas::parse_grant_response, reply)) return;
+    if (!exchange_or_pace(w, base::Request::kGrant, "grant", post, sas::parse_grant_response,
+                          reply))
+        return;
     sas::log_outcome("Grant", reply->responseCode);
     switch (reply->responseCode) {
         case sas::kSuccess:
@@ -119,7 +134,8 @@ void register_device(Worker& w) {
         config::load_device_record(device);
         return sas::registeration_request(w.transport, w.serverUrl, device);
     };
-    if (!exchange_or_pace(w, "registeration", post, sas::parse_registration_response, reply))
+    if (!exchange_or_pace(w, base::Request::kRegistration, "registeration", post,
+                          sas::parse_registration_response, reply))
         return;
     sas::log_outcome("Register", reply->responseCode);
     if (reply->responseCode != sas::kSuccess) {
@@ -127,6 +143,7 @@ void register_device(Worker& w) {
         return;
     }
     base::copy_text(w.cbsdId, sizeof w.cbsdId, reply->cbsdId);
+    base::report_cbsd_id(w.cbsdId);
     write_status(w, base::kRegistered);
     oper_timer_reset(&w.operTimer);
 }

@@ -9,6 +9,7 @@
 #include "base/log.h"
 #include "base/settings.h"
 #include "base/text.h"
+#include "sas/certificate_expiry.h"
 #include "standalone/worker_control.h"
 #include "standalone/expiry.h"
 #include "standalone/grant_time.h"
@@ -130,6 +131,13 @@ bool run_pass(Worker& w) {
         stop(w);
         return false;
     }
+    // The process is stopping (or this worker outlived its stop): the gates
+    // close first, and meanwhile the worker asks the SAS for nothing more;
+    // its stop gives back what it holds.
+    if (transmit_deadline_fenced()) {
+        base::sleep_seconds(1);
+        return true;
+    }
     check_transmit_expiry(w);
     if (check_grant_expiry(w)) return true;
     if (base::settings().debug) print_timer_line(w.operTimer);
@@ -159,6 +167,7 @@ int standalone_thread(const sas::Transport& transport) {
         base::notice_to_syslog("[SAS] standalone_thread exit.\n");
         return 0;
     }
+    sas::report_certificates();
     if (!allocate_records(worker.records)) return 0;
     oper_timer_reset(&worker.operTimer);
     worker.lastLteConnected = true;

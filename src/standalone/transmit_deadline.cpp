@@ -99,6 +99,8 @@ void fence_transmit_deadline() {
 
 void lift_transmit_deadline_fence() { store_deadline(kNoDeadline); }
 
+bool transmit_deadline_fenced() { return g_deadlineMs.load() == kFenced; }
+
 void end_transmission_within(int64_t nowMs, uint32_t withinMs) {
     int64_t latest = nowMs + withinMs;
     int64_t held = g_deadlineMs.load();

@@ -54,6 +54,7 @@ void wait_for_deadline_change(uint32_t timeoutMs);
 // start lifts it.
 void fence_transmit_deadline();
 void lift_transmit_deadline_fence();
+bool transmit_deadline_fenced();
 // True while a deadline is held and nowMs lies before it.
 bool transmit_deadline_held(int64_t nowMs);
 

@@ -4,6 +4,7 @@
 // and heartbeat_steps.h hold the exchanges.
 #pragma once
 
+#include "base/status_report.h"
 #include "config/device_record.h"
 #include "sas/exchange.h"
 #include "sas/replies.h"
@@ -62,19 +63,24 @@ struct Worker {
 
 // One exchange of the worker: "send <request><detail>...", the post, then
 // "failed to do <request><detail or ()>" when no reply came, or else the
-// record cleared and the reply parsed into it.  Returns the reply.
+// record cleared and the reply parsed into it.  Returns the reply; the
+// status report learns of it as `kind`.
 template <typename Record>
-sas::PostReply exchange(const char* request, const std::string& detail,
+sas::PostReply exchange(base::Request kind, const char* request, const std::string& detail,
                         const std::function<sas::PostReply()>& post,
                         int32_t (*parse)(std::string_view, Record*), Record* record) {
     std::string name = std::string(request) + "_request";
-    return sas::run_exchange(
+    int32_t code = -1;
+    sas::PostReply reply = sas::run_exchange(
         {"\n[SAS] send " + name + detail + "...\n",
          "[SAS] failed to do " + name + (detail.empty() ? "()" : detail) + "\n"},
         post, [&](std::string_view bytes) {
             *record = Record{};
             parse(bytes, record);
+            code = record->responseCode;
         });
+    sas::report_exchange(kind, reply, code);
+    return reply;
 }
 
 }  // namespace cbsd::standalone

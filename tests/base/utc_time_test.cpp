@@ -114,5 +114,28 @@ TEST(UtcTime, AgreesWithTimegmDayByDay) {
     }
 }
 
+
+TEST(UtcTime, FormatsWhatItParses) {
+    const char* texts[] = {"1970-01-01T00:00:00Z", "2000-02-29T23:59:59Z", "2024-05-01T12:00:00Z",
+                           "2038-01-19T03:14:08Z", "2106-02-07T06:28:16Z", "9999-12-31T23:59:59Z"};
+    for (const char* text : texts) {
+        int64_t epoch = 0;
+        ASSERT_TRUE(parse_utc_time(text, &epoch)) << text;
+        char formatted[kUtcTextSize];
+        format_utc_time(epoch, formatted);
+        EXPECT_STREQ(formatted, text);
+    }
+}
+
+TEST(UtcTime, FormatsKnownInstantsAndRefusesYearsBeyondTheLayout) {
+    char formatted[kUtcTextSize];
+    format_utc_time(1'800'000'000, formatted);
+    EXPECT_STREQ(formatted, "2027-01-15T08:00:00Z");
+    format_utc_time(-1, formatted);
+    EXPECT_STREQ(formatted, "1969-12-31T23:59:59Z");
+    format_utc_time(253402300800, formatted);  // 10000-01-01
+    EXPECT_STREQ(formatted, "");
+}
+
 }  // namespace
 }  // namespace cbsd::base

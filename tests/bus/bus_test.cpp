@@ -79,6 +79,13 @@ TEST_F(BusOnRealUbusd, AFrozenUbusdCostsEachCallerItsLimitAndNoMore) {
         5000));
 }
 
+TEST_F(BusOnRealUbusd, ToolsStartedMeanwhileDoNotInheritTheConnection) {
+    const char* sockets_of_a_child = "ls -l /proc/self/fd | grep -c socket:";
+    std::string before = test::shell(sockets_of_a_child);
+    start_and_connect();
+    EXPECT_EQ(test::shell(sockets_of_a_child), before);
+}
+
 TEST_F(BusOnRealUbusd, AServedObjectAnswersTheCli) {
     serve_object("cbsd_test", {Method{"hello", [] { return std::string(R"({"said": "<b>hi</b>", "n": 3})"); }}});
     start_and_connect();

@@ -38,3 +38,14 @@ TEST(FirewallChoice, AnUnknownValueIsAuto) {
     EXPECT_EQ(choose_backend("nft", true, available), BackendKind::kIptables);
     EXPECT_EQ(choose_backend("IPTABLES", false, available), BackendKind::kNftables);
 }
+
+// The status names the backend without making the choice (which runs tools).
+TEST(FirewallChoice, TheChosenBackendIsNamedOnceChosen) {
+    using namespace cbsd::gating;
+    use_firewall_backend(BackendKind::kIptables);
+    EXPECT_STREQ(chosen_backend_name(), "iptables");
+#ifdef CBSD_HAVE_NFTABLES
+    use_firewall_backend(BackendKind::kNftables);
+    EXPECT_STREQ(chosen_backend_name(), "nftables");
+#endif
+}

@@ -70,7 +70,7 @@ message() {  # method record: the message sent with `ubus call service METHOD`
 	sed -n "s/^ubus|call|service|$1|//p" "$2"
 }
 
-expected_set="{\"name\":\"cbsd\",\"script\":\"$init\",\"instances\":{\"instance1\":{\"command\":[\"/usr/sbin/cbsd\",\"-D\"],\"respawn\":[\"3600\",\"5\",\"5\"],\"term_timeout\":15,\"stderr\":true}},\"triggers\":[],\"data\":{}}"
+expected_set="{\"name\":\"cbsd\",\"script\":\"$init\",\"instances\":{\"instance1\":{\"command\":[\"/usr/sbin/cbsd\",\"-D\"],\"respawn\":[\"3600\",\"5\",\"5\"],\"term_timeout\":15,\"watchdog\":[\"1\",\"30\"],\"stderr\":true}},\"triggers\":[],\"data\":{}}"
 
 check_start() {  # record
 	check "one instance" [ "$(lines '^open_instance' "$1")" = 1 ]

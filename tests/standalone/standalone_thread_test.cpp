@@ -425,6 +425,20 @@ TEST_F(StandaloneThread, EmptyServerUrlEndsTheThreadAndKeepsTheRunningFlag) {
     standalone::worker_running.store(0);
 }
 
+// The process's stop fences the deadline and closes the gates before it
+// stops the worker, which can take seconds on a slow router: meanwhile a
+// heartbeat that falls due is not sent, and the stop then gives the grant back.
+TEST_F(StandaloneThread, AStoppingProcessSendsNoHeartbeatOnlyTheGiveBack) {
+    ASSERT_NO_FATAL_FAILURE(authorize());
+    fence_transmit_deadline();
+    ASSERT_TRUE(PassGate::instance().steps(130));  // two heartbeat periods
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat"}));
+    stop_thread();
+    lift_transmit_deadline_fence();
+    EXPECT_EQ(sas_endpoints(), (Endpoints{"registration", "spectrumInquiry", "grant", "heartbeat",
+                                          "relinquishment", "deregistration"}));
+}
+
 TEST_F(StandaloneThread, UnknownStatusSendsNothing) {
     store("operation", "status", "authorized");
     start_thread();

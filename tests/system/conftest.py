@@ -3,10 +3,13 @@ routers watched by the fail-closed sampler, and the StandAlone lab (a router
 with the SAS simulator inside).  tests/pytest.ini puts tests/ on the module
 path, so `lab` and `sas_sim` import as packages."""
 import os
+import shutil
+import tempfile
 
 import pytest
 
-from lab import device_config, fail_closed, sas_lab
+from lab import device_config, fail_closed, openwrt_bus, sas_lab
+from lab import openwrt_procd as openwrt_procd_lab
 from lab.router import VirtualRouter, daemon_binary
 
 
@@ -47,12 +50,9 @@ def pki_dir():
     return sas_lab.shared_pki()
 
 
-@pytest.fixture
-def lab(router, pki_dir):
-    """SasLab (router, simulator) with the device credentials installed,
-    the simulator's address in /etc/config/sas with SAS off, and the daemon
-    not yet started; the fail-closed sampler runs for the whole test."""
-    r = router(sas_config=device_config.sas_config(enable_mode="0"))
+def _sas_lab(router, pki_dir, **router_kwargs):
+    """The StandAlone lab's set-up and tear-down (a generator for a fixture)."""
+    r = router(sas_config=device_config.sas_config(enable_mode="0"), **router_kwargs)
     sas_lab.install_credentials(r, pki_dir)
     sim = sas_lab.start_simulator(
         r, pki_dir, ["--heartbeat-interval", str(sas_lab.HEARTBEAT_INTERVAL)])
@@ -63,6 +63,21 @@ def lab(router, pki_dir):
     yield pair
     sampler.finish()
     sim.process.terminate()
+
+
+@pytest.fixture
+def lab(router, pki_dir):
+    """SasLab (router, simulator) with the device credentials installed,
+    the simulator's address in /etc/config/sas with SAS off, and the daemon
+    not yet started; the fail-closed sampler runs for the whole test."""
+    yield from _sas_lab(router, pki_dir)
+
+
+@pytest.fixture
+def real_ubus_lab(router, pki_dir):
+    """The lab in a router with OpenWrt's real ubusd and `ubus` CLI (the test
+    checks openwrt_bus.available() first)."""
+    yield from _sas_lab(router, pki_dir, ubus="real")
 
 
 # A file whose every test was skipped (say, for want of ../shared/openwrt)
@@ -95,3 +110,17 @@ def pytest_collection_modifyitems(config, items):
     for item in items:
         if "firewall_tools" in item.keywords:
             item.add_marker(skip)
+
+
+@pytest.fixture
+def openwrt_procd(cbsd_bin):
+    """A namespace with OpenWrt's real ubusd, procd and `ubus` CLI running the
+    package's init script (lab.openwrt_procd)."""
+    if not openwrt_bus.available():
+        pytest.skip("../shared/openwrt (the real OpenWrt procd, ubusd and ubus CLI) is absent")
+    directory = tempfile.mkdtemp(prefix="cbsd-procd-", dir="/var/tmp")
+    try:
+        with openwrt_procd_lab.procd_namespace(cbsd_bin, directory) as bus:
+            yield bus
+    finally:
+        shutil.rmtree(directory, ignore_errors=True)

@@ -2,25 +2,13 @@
 procd init script gives procd, on the default /etc/config/sas it installs;
 and under OpenWrt's real procd (../shared/openwrt), which starts, respawns and
 stops it from the init script."""
-import json
 import os
-import shutil
 import signal
 import subprocess
-import tempfile
 import time
 
-import pytest
-
 from lab import openwrt_bus, uci
-from lab.openwrt_bus import OpenWrtBus
-
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-FILES = os.path.join(ROOT, "openwrt", "net", "cbsd", "files")
-STANDIN = os.path.join(ROOT, "tests", "openwrt", "procd_standin.sh")
-
-MODEM = {"productmodule": "RQ5518E", "SN": "SN-PACKAGE-1", "netstat": 4, "dlfreq": 3625000,
-         "bandwidth": 20, "band": 48}
+from lab.openwrt_procd import FILES, MODEM, STANDIN, rc, running_pid, service_instance
 
 
 def procd_command(tmp_path):
@@ -59,58 +47,6 @@ def test_procd_command_keeps_the_daemon_in_the_foreground_on_the_packaged_config
 
 # ----- the init script under OpenWrt's real procd -------------------------------
 
-def service_instance(bus):
-    """procd's view of the cbsd instance (`ubus call service list`), or None."""
-    listed = bus.run(["ubus", "call", "service", "list", '{"name": "cbsd"}'], timeout=10)
-    if listed.returncode != 0 or not listed.stdout.strip():
-        return None
-    return json.loads(listed.stdout).get("cbsd", {}).get("instances", {}).get("instance1")
-
-
-def running_pid(bus):
-    instance = service_instance(bus)
-    return instance["pid"] if instance and instance.get("running") else None
-
-
-@pytest.fixture
-def openwrt_procd(cbsd_bin):
-    """A namespace with OpenWrt's real ubusd, procd and `ubus` CLI, the lab's
-    ucode modem manager, the package's init script at /etc/init.d/cbsd, its
-    default /etc/config/sas and the daemon under test at /usr/sbin/cbsd."""
-    if not openwrt_bus.available():
-        pytest.skip("../shared/openwrt (the real OpenWrt procd, ubusd and ubus CLI) is absent")
-    directory = tempfile.mkdtemp(prefix="cbsd-procd-", dir="/var/tmp")
-    state_path = os.path.join(directory, "modem.json")
-    with open(state_path, "w", encoding="utf-8") as state_file:
-        json.dump(MODEM, state_file)
-    try:
-        with OpenWrtBus(state_path) as bus:
-            install = (
-                "set -e; mkdir -p /tmp/sbin/up /tmp/sbin/work /etc/init.d /etc/config; "
-                "mount -t overlay overlay -o lowerdir=/usr/sbin,upperdir=/tmp/sbin/up,"
-                "workdir=/tmp/sbin/work /usr/sbin; "
-                f"cp {cbsd_bin} /usr/sbin/cbsd; cp {FILES}/cbsd.init /etc/init.d/cbsd; "
-                f"chmod 755 /etc/init.d/cbsd; cp {FILES}/sas.config /etc/config/sas")
-            assert bus.run(["sh", "-c", install]).returncode == 0
-            bus.start_ubusd()
-            bus.start_modem_manager()
-            bus.settle(["getlteinfo", "getltestatus", "getproductinfo"])
-            bus.spawn(["procd", "-s", openwrt_bus.SOCKET], stdin=subprocess.DEVNULL,
-                      stderr=subprocess.DEVNULL)
-            assert openwrt_bus.wait_for(
-                lambda: bus.run(["ubus", "list", "service"]).returncode == 0, 10)
-            yield bus
-    finally:
-        shutil.rmtree(directory, ignore_errors=True)
-
-
-def rc(bus, action):
-    """/etc/init.d/cbsd ACTION as OpenWrt runs it (busybox ash, rc.common's
-    message sent to procd on ubus)."""
-    return bus.run(["busybox", "sh", STANDIN, "/etc/init.d/cbsd", action],
-                   env={"PROCD_STANDIN_UBUS": "1"})
-
-
 def test_real_procd_starts_respawns_and_stops_the_daemon(openwrt_procd):
     bus = openwrt_procd
     assert rc(bus, "start").returncode == 0
@@ -119,6 +55,7 @@ def test_real_procd_starts_respawns_and_stops_the_daemon(openwrt_procd):
     assert instance["command"] == ["/usr/sbin/cbsd", "-D"]
     assert instance["term_timeout"] == 15
     assert instance["respawn"] == {"threshold": 3600, "timeout": 5, "retry": 5}
+    assert instance["watchdog"] == {"mode": 1, "timeout": 30}
     # The daemon read the modem through the real `ubus` CLI and the ucode
     # modem manager: the profile of the model's row.
     log = bus.host_path("/root/sas/sas.log")

@@ -10,6 +10,7 @@ from random import Random
 
 import pytest
 
+from lab.sas_lab import HEARTBEAT_INTERVAL
 from lab.timing import ONE_PASS, STOP_LIMIT
 
 
@@ -40,6 +41,13 @@ def reach_granted_in_a_heartbeat(lab):
 def reach_authorized(lab):
     lab.authorized()
     assert lab.r.gates_open()
+    # The signal follows a heartbeat's answer at once, so the next heartbeat
+    # is a whole period away: one the worker sent a moment before the signal
+    # would read as a request after the stop.
+    mark = len(lab.r.log_text())
+    sent = len(lab.sim.requests("heartbeat"))
+    assert len(lab.sim.wait_for_request("heartbeat", sent + 1, 2 * HEARTBEAT_INTERVAL)) > sent
+    assert lab.r.wait_for_log_after(mark, "[SAS] Heartbeat successfully\n", 5)
 
 
 # state: (how to get there, what SIGTERM gives back to the SAS)
