@@ -98,13 +98,19 @@ def test_refusal_shows_within_one_poll(stack, page):
     refused = dict(AUTHORIZED, state="Granted", RadioEnable=False, transmit_seconds_left=0,
                    last_exchange={"request": "heartbeat", "replied": True, "responseCode": 501,
                                   "response_name": "SUSPENDED_GRANT",
-                                  "time": "2026-11-25T11:24:08Z"})
+                                  "time": "2026-11-25T11:24:08Z"},
+                   failures=[{"failure": "sas_exchange", "since": "2026-11-25T11:24:08Z",
+                              "count": 3},
+                             {"failure": "command", "since": "2026-11-25T11:24:10Z",
+                              "command": "iptables", "count": 2}])
     stack.set_cbsd_status(refused)
     seconds = luci_stack.wait_seconds(
         lambda: "SUSPENDED_GRANT" in status_text(page), 7)
     assert seconds is not None, status_text(page)
     print(f"status page: a changed status on screen after {seconds:.2f} s (poll: 5 s)")
     assert "Not authorised by the SAS (state Granted)" in status_text(page)
+    assert "sas_exchange since 2026-11-25T11:24:08Z, 3×; " \
+        "command (iptables) since 2026-11-25T11:24:10Z, 2×" in status_text(page)
     page.screenshot(os.path.join(SHOTS, "status-refused.png"))
     assert page_errors(page) == []
 

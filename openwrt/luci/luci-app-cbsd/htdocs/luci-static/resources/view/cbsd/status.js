@@ -50,14 +50,22 @@ function certificatesText(certs) {
 	}).join('; ');
 }
 
+// A failure streak in progress: its kind (and command), since when, how often.
+function failureText(f) {
+	return '%s%s since %s%s'.format(f.failure || '-', f.command ? ' (' + f.command + ')' : '',
+		f.since || '-', f.count != null ? ', ' + f.count + '×' : '');
+}
+
+function failuresText(failures) {
+	return (failures || []).map(failureText).join('; ');
+}
+
 // Why the radio may not transmit, in a person's words.
 function whyNot(s) {
 	if (s.RadioEnable)
 		return null;
 	if (!s.sas_enabled)
 		return _('SAS operation is off: traffic is not gated');
-	if ((s.failures || []).length)
-		return (s.failures || []).map(function(f) { return f.name || JSON.stringify(f); }).join(', ');
 	return _('Not authorised by the SAS (state %s)').format(s.state || '-');
 }
 
@@ -77,6 +85,7 @@ function statusTable(s) {
 		row(_('Gates'), gatesText(s.gates)),
 		row(_('Firewall'), s.firewall_backend),
 		row(_('Last exchange with the SAS'), exchangeText(s.last_exchange)),
+		row(_('Failures in progress'), failuresText(s.failures)),
 		row(_('Certificates'), certificatesText(s.certificates))
 	]);
 }
