@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs everything the build, the tests and the demo need, from Debian's packages.
-# (chromium and python3-websocket: the LuCI app's tests drive a headless browser over its
-# DevTools protocol from Python, with no npm.)
+# (chromium: the LuCI app's tests drive a headless browser over its
+# DevTools pipe from Python's standard library, with no npm.)
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive
 SUDO=""
@@ -15,7 +15,7 @@ $SUDO apt-get install -y -qq --no-install-recommends \
     iptables ebtables nftables libnftables-dev net-tools iproute2 util-linux procps psmisc kmod \
     g++-mipsel-linux-gnu g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user-static mmdebstrap \
     busybox faketime libfaketime libjson-c5 \
-    chromium python3-websocket fonts-dejavu-core \
+    chromium fonts-dejavu-core \
     >/dev/null
 # The routers' libraries (and big-endian s390x's), for the cross builds and their unit
 # tests under qemu-user.
