@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Installs everything the build, the tests and the demo need, from Debian's packages.
+# (chromium: the LuCI app's tests drive a headless browser over its
+# DevTools pipe from Python's standard library, with no npm.)
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive
 SUDO=""
@@ -13,6 +15,7 @@ $SUDO apt-get install -y -qq --no-install-recommends \
     iptables ebtables nftables libnftables-dev net-tools iproute2 util-linux procps psmisc kmod \
     g++-mipsel-linux-gnu g++-arm-linux-gnueabihf g++-s390x-linux-gnu qemu-user-static mmdebstrap \
     busybox faketime libfaketime libjson-c5 strace \
+    chromium fonts-dejavu-core \
     >/dev/null
 # The routers' libraries (and big-endian s390x's), for the cross builds and their unit
 # tests under qemu-user.
