@@ -37,11 +37,7 @@ constexpr const char* kEvents = "/tmp/cbsd-state-events";
 class StatusObjectOnTheBus : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!test::real_ubus_available())
-            GTEST_SKIP() << "../shared/openwrt (the real ubusd and ucode) is absent";
-#ifndef CBSD_HAVE_LIBUBUS
-        GTEST_SKIP() << "built without libubus (configure with CBSD_OPENWRT_ROOT)";
-#endif
+        CBSD_SKIP_WITHOUT_REAL_UBUS();
         base::reset_status_report();
         ubus_ = std::make_unique<test::RealUbus>();
         ASSERT_TRUE(ubus_->start_ubusd());

@@ -95,11 +95,7 @@ Observed observe() {
 class ModemPaths : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!test::real_ubus_available())
-            GTEST_SKIP() << "../shared/openwrt (the real ubusd, ubus CLI and ucode) is absent";
-#ifndef CBSD_HAVE_LIBUBUS
-        GTEST_SKIP() << "built without libubus (configure with CBSD_OPENWRT_ROOT)";
-#endif
+        CBSD_SKIP_WITHOUT_REAL_UBUS();
         mkdir("/root/sas", 0755);
         ubus_ = std::make_unique<test::RealUbus>();
         ASSERT_TRUE(ubus_->start_ubusd());

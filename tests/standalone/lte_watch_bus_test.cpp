@@ -20,11 +20,7 @@ int64_t fake_now_ms = 0;
 class LteWatchOverTheBus : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!test::real_ubus_available())
-            GTEST_SKIP() << "../shared/openwrt (the real ubusd and ucode) is absent";
-#ifndef CBSD_HAVE_LIBUBUS
-        GTEST_SKIP() << "built without libubus (configure with CBSD_OPENWRT_ROOT)";
-#endif
+        CBSD_SKIP_WITHOUT_REAL_UBUS();
         ubus_ = std::make_unique<test::RealUbus>();
         test::RealUbus::set_modem_state(R"({"netstat": 4})");
         ASSERT_TRUE(ubus_->start_ubusd());

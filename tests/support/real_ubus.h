@@ -39,6 +39,17 @@ inline bool real_ubus_available() {
            access((openwrt_usr() + "/bin/ucode").c_str(), X_OK) == 0;
 }
 
+// Skips the calling test, naming why, where the libubus path cannot be
+// tested: no real ubusd, or a build without libubus.
+#ifdef CBSD_HAVE_LIBUBUS
+#define CBSD_SKIP_WITHOUT_REAL_UBUS()                                                   \
+    if (!::cbsd::test::real_ubus_available())                                           \
+    GTEST_SKIP() << "../shared/openwrt (the real ubusd, ubus CLI and ucode) is absent"
+#else
+#define CBSD_SKIP_WITHOUT_REAL_UBUS() \
+    GTEST_SKIP() << "built without libubus (configure with CBSD_OPENWRT_ROOT)"
+#endif
+
 inline constexpr const char* kUbusSocket = "/var/run/ubus/ubus.sock";
 
 class RealUbus {
