@@ -205,7 +205,10 @@ def test_partly_reopened_device_is_closed_again_without_duplicates(dp_router, cb
     r.run(DELETE_ICMP_DROP, check=True)
     assert r.wait_for(lambda: ICMP_DROP in r.iptables_rules(), WITHIN_ONE_PASS)
     assert r.iptables_rules() == ["-P OUTPUT ACCEPT", LAN_ACCEPT, ICMP_DROP, LAN_ACCEPT]
-    assert r.log_text()[mark:].count("[SAS] firewall ICMP is disable.\n") == 1
+    # The switch logs once its rules are in: the line may follow the rule.
+    closed_line = "[SAS] firewall ICMP is disable.\n"
+    assert r.wait_for(lambda: closed_line in r.log_text()[mark:], 5)
+    assert r.log_text()[mark:].count(closed_line) == 1
     assert r.ebtables_rules() == [USB_DROP, ETH_DROP]
 
 
