@@ -223,3 +223,18 @@ def wait_seconds(predicate, timeout):
     if wait_for(predicate, timeout, 0.05):
         return time.monotonic() - start
     return None
+
+
+def browser_test_marks(pytest, browser_module):
+    """The skips of a LuCI browser test file, each naming what is missing."""
+    return [
+        pytest.mark.skipif(not available(),
+                           reason="../shared/openwrt (OpenWrt's uhttpd, rpcd and LuCI) is absent"),
+        pytest.mark.skipif(browser_module.chromium_path() is None,
+                           reason="chromium (Debian's package) is not installed"),
+    ]
+
+
+# Where the browser tests leave their screenshots: the build directory.
+SCREENSHOTS = os.path.join(os.environ.get("CBSD_BINARY_DIR") or os.path.join(ROOT, "build"),
+                           "luci-screenshots")

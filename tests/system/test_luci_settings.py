@@ -16,16 +16,10 @@ from lab import luci_stack
 from lab.browser import Browser
 from lab.luci_stack import LuciStack, login, open_view, page_errors
 
-pytestmark = [
-    pytest.mark.skipif(not luci_stack.available(),
-                       reason="../shared/openwrt (OpenWrt's uhttpd, rpcd and LuCI) is absent"),
-    pytest.mark.skipif(browser_module.chromium_path() is None,
-                       reason="chromium (Debian's package) is not installed"),
-]
+pytestmark = luci_stack.browser_test_marks(pytest, browser_module)
 
 SETTINGS = "services/cbsd"
-SHOTS = os.path.join(os.environ.get("CBSD_BINARY_DIR") or os.path.join(luci_stack.ROOT, "build"),
-                     "luci-screenshots")
+SHOTS = luci_stack.SCREENSHOTS
 # Users of the test's own: one without the app's ACLs, one that may read only.
 OUTSIDER = ("ines", "outside-1")
 READER = ("tomas", "reader-1")

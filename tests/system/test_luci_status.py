@@ -14,16 +14,10 @@ from lab import luci_stack
 from lab.browser import Browser
 from lab.luci_stack import LuciStack, login, page_errors
 
-pytestmark = [
-    pytest.mark.skipif(not luci_stack.available(),
-                       reason="../shared/openwrt (OpenWrt's uhttpd, rpcd and LuCI) is absent"),
-    pytest.mark.skipif(browser_module.chromium_path() is None,
-                       reason="chromium (Debian's package) is not installed"),
-]
+pytestmark = luci_stack.browser_test_marks(pytest, browser_module)
 
 STATUS = "status/cbsd"
-SHOTS = os.path.join(os.environ.get("CBSD_BINARY_DIR") or os.path.join(luci_stack.ROOT, "build"),
-                     "luci-screenshots")
+SHOTS = luci_stack.SCREENSHOTS
 OUTSIDER = ("ines", "outside-1")
 HOSTILE = '<img src=x onerror="window.__cbsdOwned=1">'
 AUTHORIZED = {
