@@ -5,6 +5,7 @@
 #include "base/status_history.h"
 #include "base/status_report.h"
 #include "bus/bus.h"
+#include "daemon/parsed_json.h"
 #include "daemon/status_object.h"
 #include "support/real_ubus.h"
 #include "support/test_util.h"
@@ -18,14 +19,8 @@
 namespace cbsd::daemon {
 namespace {
 
-using Json = std::unique_ptr<json_t, decltype(&json_decref)>;
-
-Json parsed(const std::string& text) {
-    json_error_t error;
-    json_t* root = json_loads(text.c_str(), 0, &error);
-    EXPECT_NE(root, nullptr) << error.text << " in " << text;
-    return Json(root, json_decref);
-}
+using test::Json;
+using test::parsed;
 
 std::string member(json_t* object, const char* key) {
     const char* value = json_string_value(json_object_get(object, key));

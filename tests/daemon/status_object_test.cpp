@@ -1,3 +1,4 @@
+#include "daemon/parsed_json.h"
 #include "daemon/status_object.h"
 
 #include "base/cbsd_state.h"
@@ -13,14 +14,8 @@ using namespace cbsd;
 
 namespace {
 
-using Json = std::unique_ptr<json_t, decltype(&json_decref)>;
-
-Json parsed(const std::string& text) {
-    json_error_t error;
-    json_t* root = json_loads(text.c_str(), 0, &error);
-    EXPECT_NE(root, nullptr) << error.text << " in " << text;
-    return Json(root, json_decref);
-}
+using test::Json;
+using test::parsed;
 
 std::string member_text(json_t* object, const char* key) {
     const char* value = json_string_value(json_object_get(object, key));
